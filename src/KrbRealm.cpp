@@ -1,0 +1,211 @@
+#include "tavrel/KrbRealm.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <stdexcept>
+#include <string_view>
+
+#include "Log.h"
+#include "Reason.h"
+#include "tavrel/DiscoveryService.h"
+#include "tavrel/KrbError.h"
+#include "tavrel/KrbKeytab.h"
+
+namespace tavrel {
+namespace {
+
+const Logger logger("krb-realm");
+
+// The Kerberos mechanism identifier (RFC 1964), the content of its DER form: 1.2.840.113554.1.2.2
+constexpr char kKrbOid[] = {0x2A, '\x86', 0x48, '\x86', '\xF7', 0x12, 0x01, 0x02, 0x02};
+
+// What follows the identifier in front of an AP-REQ.
+constexpr std::string_view kApReqId("\x01\x00", 2);
+
+// Where the Kerberos identifier that counts starts in `token`; 0 when there is none. That is the
+// second one: a SPNEGO token offers the mechanism first, and its Kerberos token follows. A bare
+// token has one only. An identifier at the very end is not looked at.
+std::size_t FindKrbOid(std::string_view token, Site site = Site::Here()) {
+  if (token.size() <= sizeof kKrbOid) return 0;
+  const char* const end = token.data() + token.size() - 1;
+  const char* from = token.data();
+  std::size_t position = 0;
+  for (int matches = 0; matches < 2; ++matches) {
+    const auto* match = static_cast<const char*>(
+        memmem(from, static_cast<std::size_t>(end - from), kKrbOid, sizeof kKrbOid));
+    if (match == nullptr) break;
+    position = static_cast<std::size_t>(match - token.data());
+    logger.Detail({"Found KRB OID at index ", site}, position);
+    from = match + 1;
+  }
+  return position;
+}
+
+std::string MachinePrincipal(const JoinParameters& params) {
+  return params.GetAccountName() + "$@" + params.domain;
+}
+
+// Puts what failed, and for which domain, in front of the reason that the failed operation left.
+void Explain(std::string& reason, const char* what, const JoinParameters& params,
+             const char* separator = ": ") {
+  reason = what + params.domain + separator + reason;
+}
+
+// Looks the account up. Flags that are no number are a lookup that failed.
+AccountObject LookUp(const Joiner& joiner, std::string& reason) {
+  try {
+    return joiner.GetAccountObject(&reason);
+  } catch (const std::logic_error& not_a_number) {
+    reason = not_a_number.what();
+    AccountObject account;
+    account.failed = true;
+    return account;
+  }
+}
+
+}  // namespace
+
+KrbRealm::KrbRealm(const std::string& domain, const std::list<LdapServer>& servers,
+                   const std::string& user, const std::string& password,
+                   const std::string& keytab_path)
+    : join_parameters(domain, servers, user, password) {
+  if (!krb_context.SetKeytab(keytab_path)) {
+    logger.Error("Error initializing kerberos keytab to ", keytab_path);
+  }
+}
+
+KrbRealm::KrbRealm(const std::string& domain, const std::string& user, const std::string& password,
+                   const std::string& keytab_path)
+    : KrbRealm(domain, {}, user, password, keytab_path) {}
+
+KrbRealm::~KrbRealm() = default;
+
+std::string KrbRealm::Authenticate(char* token, int length) {
+  logger.Detail("Auth request received of length ", length);
+  const std::string_view bytes(token, static_cast<std::size_t>(std::max(length, 0)));
+  const std::size_t id = FindKrbOid(bytes) + sizeof kKrbOid;
+  const std::size_t start = id + kApReqId.size();
+
+  // Only a warning: what is no AP-REQ is refused when it is read.
+  if (bytes.substr(std::min(id, bytes.size()), kApReqId.size()) != kApReqId) {
+    logger.Warning("Not a KRB_AP_REQ");
+  }
+  const std::string_view request = bytes.substr(std::min(start, bytes.size()));
+  logger.Detail("Sending in at index ", start, ", first data byte ", request.substr(0, 1));
+  if (request.empty()) return "";
+
+  return Keytab(&krb_context).APAuthenticate(token + start, static_cast<int>(request.size()));
+}
+
+int KrbRealm::Join(std::string* error) {
+  return Join(join_parameters, error);
+}
+
+int KrbRealm::Join(const JoinParameters& params, std::string* error) {
+  const Reason reason(error);
+  const DNSDiscoveryService discovery;
+  Joiner joiner(&params, &discovery);
+  if (!joiner.Connect(&reason.text)) {
+    Explain(reason.text, "Unable to connect to ", params);
+    logger.Warning(reason.text);
+    return kFailure;
+  }
+  if (!krb_context.SetClientPrincipal(MachinePrincipal(params))) {
+    logger.Warning("Error initializing kerberos principal to ", params.domain);
+    return kFailure;
+  }
+  Keytab keytab(&krb_context);
+  if (!Join(joiner, params, &reason.text)) return kFailure;
+
+  // Keys that work are left alone, and a clock that is off is nothing a new password would mend.
+  int status = keytab.ASAuthenticate(&reason.text);
+  if (status != kFailure) return status;
+
+  const AccountObject account = LookUp(joiner, reason.text);
+  if (!joiner.SetPassword(account, &reason.text)) {
+    Explain(reason.text, "Unable to set machine password for ", params);
+    return kFailure;
+  }
+  status = keytab.ASAuthenticate(params.GetMachinePassword(), &reason.text);
+  if (status != kSuccess) {
+    Explain(reason.text, "Unable to authenticate to ", params, " KDC after setting password: ");
+    return status;
+  }
+  if (!keytab.WriteKey(params.GetMachinePassword(), &reason.text)) {
+    Explain(reason.text, "Unable to write Kerberos keytab for ", params);
+    return status;  // success: the account is in place, and the text tells what is missing
+  }
+  keytab.Print();
+  status = keytab.ASAuthenticate(&reason.text);
+  if (status != kSuccess) Explain(reason.text, "Unable to authenticate to ", params);
+  return status;
+}
+
+bool KrbRealm::Join(const Joiner& joiner, const JoinParameters& params, std::string* error) {
+  const Reason reason(error);
+  const auto failed = [&](const char* what, Site site = Site::Here()) {
+    Explain(reason.text, what, params);
+    logger.Error({reason.text, site});
+    return false;
+  };
+
+  AccountObject account = LookUp(joiner, reason.text);
+  if (account.failed) return failed("Failed to get account object from host ");
+  if (!account.exists) {
+    logger.Detail("Adding to ", params.domain);
+    account = joiner.AddAccountObject(account, &reason.text);
+    if (!account.exists) return failed("Could not add host to ");
+  } else {
+    logger.Detail("Machine already in ", params.domain);
+  }
+  if (!joiner.SetProperties(account, &reason.text)) return failed("Could not set properties in ");
+  logger.Notice("Joined to ", params.domain);
+  return true;
+}
+
+int KrbRealm::TestJoin(const JoinParameters& params, std::string* error) {
+  const Reason reason(error);
+  const DNSDiscoveryService discovery;
+  Joiner joiner(&params, &discovery);
+  if (!joiner.Connect(&reason.text)) {
+    Explain(reason.text, "Unable to connect to ", params);
+    logger.Error(reason.text);
+    return kFailure;
+  }
+  if (!krb_context.SetClientPrincipal(MachinePrincipal(params))) {
+    logger.Error("Error initializing kerberos parameters to ", params.domain);
+    return kFailure;
+  }
+  Keytab keytab(&krb_context);
+  if (!Join(joiner, params, &reason.text)) return kFailure;
+
+  int status = keytab.ASAuthenticate(params.GetMachinePassword(), &reason.text);
+  if (status != kFailure) return status;
+
+  const AccountObject account = LookUp(joiner, reason.text);
+  if (!joiner.SetPassword(account, &reason.text)) {
+    Explain(reason.text, "Unable to set password on ", params);
+    return kFailure;
+  }
+  status = keytab.ASAuthenticate(params.GetMachinePassword(), &reason.text);
+  if (status != kSuccess) Explain(reason.text, "Unable to authenticate to ", params);
+  return status;
+}
+
+int KrbRealm::TestJoin(const std::string& domain, const std::string& user,
+                       const std::string& password, std::string* error) {
+  const JoinParameters params(domain, {}, user, password);
+  if (!krb_context.SetClientPrincipal(MachinePrincipal(params))) {
+    logger.Error("Error initializing kerberos parameters to ", domain);
+    return kFailure;
+  }
+  if (Keytab(&krb_context).HasKey()) {
+    logger.Detail("Found key for principal, testing with keytab");
+    return Join(params, error);
+  }
+  logger.Detail("Found key for principal, testing with password");  // the text of old
+  return TestJoin(params, error);
+}
+
+}  // namespace tavrel
