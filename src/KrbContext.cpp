@@ -39,14 +39,14 @@ bool KrbContext::SetKeytab(const std::string& path) {
     return false;
   }
   const krb5_error_code code =
-      context != nullptr ? krb5_kt_resolve(context, path.c_str(), &keytab) : KV5M_CONTEXT;
+      context != nullptr ? krb5_kt_resolve(context, path.c_str(), &keytab) : kNoContext;
   return !KrbFailed(code, "Error resolving keytab: ", logger, context);
 }
 
 bool KrbContext::SetClientPrincipal(const std::string& name) {
   ReleaseClientPrincipal();
   const krb5_error_code code =
-      context != nullptr ? krb5_parse_name(context, name.c_str(), &client_principal) : KV5M_CONTEXT;
+      context != nullptr ? krb5_parse_name(context, name.c_str(), &client_principal) : kNoContext;
   return !KrbFailed(code, "Error parsing principal name: ", logger, context);
 }
 

@@ -48,8 +48,8 @@ class Cursor {
   ~Cursor() { Close(); }
 
   krb5_error_code Open() {
-    if (context_ == nullptr) return KV5M_CONTEXT;
-    if (keytab_ == nullptr) return KRB5_KT_BADNAME;
+    if (context_ == nullptr) return kNoContext;
+    if (keytab_ == nullptr) return kNoKeytab;
     const krb5_error_code code = krb5_kt_start_seq_get(context_, keytab_, &cursor_);
     open_ = code == 0;
     return code;
@@ -92,13 +92,13 @@ WalkResult Walk(const KrbContext& krb, Visit visit) {
 
 // libkrb5 compares what it is given without looking whether it is there.
 bool SamePrincipal(krb5_context context, krb5_const_principal a, krb5_const_principal b) {
-  return a != nullptr && b != nullptr && krb5_principal_compare(context, a, b);
+  return a != nullptr && b != nullptr && krb5_principal_compare(context, a, b) != 0;
 }
 
 // What an operation that needs them fails with when context or client principal are missing.
 krb5_error_code MissingClient(const KrbContext& krb) {
-  if (krb.context == nullptr) return KV5M_CONTEXT;
-  return krb.client_principal == nullptr ? KV5M_PRINCIPAL : 0;
+  if (krb.context == nullptr) return kNoContext;
+  return krb.client_principal == nullptr ? kNoPrincipal : 0;
 }
 
 // The name components of `principal`, which may be null.
@@ -246,7 +246,7 @@ bool Keytab::WriteKey(const std::string& password, std::string* error) {
   if (matcher.IsKeyCurrent()) return true;
 
   code = context_->keytab != nullptr ? krb5_kt_add_entry(context, context_->keytab, &entry)
-                                     : KRB5_KT_BADNAME;
+                                     : kNoKeytab;
   return !KrbFailed(code, "Error adding key to keytab: ", logger, context, error);
 }
 
@@ -316,7 +316,7 @@ int Keytab::ASAuthenticate(std::string password, std::string* error) {
 std::string Keytab::APAuthenticate(char* request, int length) {
   const krb5_context context = context_->context;
   krb5_auth_context auth = nullptr;
-  krb5_error_code code = context != nullptr ? krb5_auth_con_init(context, &auth) : KV5M_CONTEXT;
+  krb5_error_code code = context != nullptr ? krb5_auth_con_init(context, &auth) : kNoContext;
   if (KrbFailed(code, "Error initializing auth context: ", logger, context)) return "";
   const KrbAuthContext owned_auth(auth, {context});
 
@@ -328,7 +328,7 @@ std::string Keytab::APAuthenticate(char* request, int length) {
   // libkrb5 would use the default one.
   code = context_->keytab != nullptr
              ? krb5_rd_req(context, &auth, &ap_req, nullptr, context_->keytab, nullptr, &decoded)
-             : KRB5_KT_BADNAME;
+             : kNoKeytab;
   const KrbTicket ticket(decoded, {context});
   KrbFailed(code, "Error reading AP request: ", logger, context);
   if (!ticket) return "";

@@ -13,6 +13,12 @@
 
 namespace tavrel {
 
+// What an operation fails with when a library object it needs is not there, in place of a call that
+// would crash.
+inline constexpr krb5_error_code kNoContext{KV5M_CONTEXT};
+inline constexpr krb5_error_code kNoKeytab{KRB5_KT_BADNAME};
+inline constexpr krb5_error_code kNoPrincipal{KV5M_PRINCIPAL};
+
 // Frees a libkrb5 object with the context it came from.
 template <auto Free>
 struct KrbFree {

@@ -48,7 +48,7 @@ class LogValue {
   std::string_view Text() const { return text_; }
 
  private:
-  char digits_[20];  // as many as a 64-bit number has, its sign included
+  char digits_[20] = {};  // as many as a 64-bit number has, its sign included
   std::string_view text_;
 };
 
