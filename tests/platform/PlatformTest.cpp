@@ -1,0 +1,80 @@
+// The bundled platform. Not linked with the other tests' logger, which would stand before it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+
+#include "platform/bounded_memory.h"
+#include "platform/ldap_encryption.h"
+#include "platform/logger.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::ExitedWithCode;
+
+// Logs one record of every level in a process of its own, which reads its settings anew.
+[[noreturn]] void LogEveryLevel(const char* lowest, const char* message) {
+  if (lowest != nullptr) {
+    setenv("PLATFORM_LOG_LEVEL", lowest, 1);
+  } else {
+    unsetenv("PLATFORM_LOG_LEVEL");
+  }
+  const std::string logger = getLogger("some-category");
+  for (const LogLevel level :
+       {LOG_LEVEL_DETAIL, LOG_LEVEL_NOTICE, LOG_LEVEL_WARNING, LOG_LEVEL_ERROR}) {
+    platformlogger_log("Method", 7, "File.cpp", level, logger.c_str(), message);
+  }
+  std::exit(0);
+}
+
+TEST(PlatformLoggerDeathTest, WritesOneLineARecord) {
+  EXPECT_EXIT(LogEveryLevel("1", "text"), ExitedWithCode(0),
+              "^detail some-category File.cpp:7 Method: text\n"
+              "notice some-category File.cpp:7 Method: text\n"
+              "warning some-category File.cpp:7 Method: text\n"
+              "error some-category File.cpp:7 Method: text\n$");
+}
+
+TEST(PlatformLoggerDeathTest, StartsAtWarningsUnlessToldOtherwise) {
+  EXPECT_EXIT(LogEveryLevel(nullptr, "text"), ExitedWithCode(0),
+              "^warning some-category File.cpp:7 Method: text\n"
+              "error some-category File.cpp:7 Method: text\n$");
+  EXPECT_EXIT(LogEveryLevel("loud", "text"), ExitedWithCode(0), "^warning .*\nerror .*\n$");
+}
+
+TEST(PlatformLoggerDeathTest, IsSilentAtLevelFive) {
+  EXPECT_EXIT(LogEveryLevel("5", "text"), ExitedWithCode(0), "^$");
+}
+
+TEST(PlatformLoggerDeathTest, KeepsARecordOnItsLineWhateverItHolds) {
+  EXPECT_EXIT(LogEveryLevel("4", "one\ntwo\r\x1b[31mred"), ExitedWithCode(0),
+              "^error some-category File.cpp:7 Method: one\\?two\\?\\?\\[31mred\n$");
+}
+
+TEST(BoundedFill, FillsNoMoreThanThereIs) {
+  std::array<unsigned char, 4> bytes = {1, 2, 3, 4};
+
+  __memset_to_buf(2, bytes.data(), 9, 4);
+
+  EXPECT_THAT(bytes, ElementsAre(9, 9, 3, 4));
+}
+
+TEST(BoundedFill, FillsNoMoreThanAskedFor) {
+  std::array<unsigned char, 4> bytes = {1, 2, 3, 4};
+
+  __memset_to_buf(4, bytes.data(), 0, 3);
+
+  EXPECT_THAT(bytes, ElementsAre(0, 0, 0, 4));
+}
+
+TEST(LdapEncryption, HasTheValuesThatConfigurationsStore) {
+  EXPECT_EQ(vdi::LDAP_ENCRYPTION_NONE, 0);
+  EXPECT_EQ(vdi::LDAP_ENCRYPTION_LDAPS, 1);
+  EXPECT_EQ(vdi::LDAP_ENCRYPTION_STARTTLS, 2);
+  EXPECT_EQ(sizeof(vdi::Ldap_encryption), 4U);
+}
+
+}  // namespace
