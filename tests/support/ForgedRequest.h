@@ -1,0 +1,63 @@
+// Kerberos service requests without a KDC: whoever knows the service's key can issue tickets for
+// it.
+#ifndef TAVREL_TESTS_FORGEDREQUEST_H
+#define TAVREL_TESTS_FORGEDREQUEST_H
+
+#include <krb5.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavrel::tests {
+
+// Contents of DER object identifiers, without tag and length.
+extern const std::string kSpnegoOid;             // 1.3.6.1.5.5.2
+extern const std::string kKerberosOid;           // 1.2.840.113554.1.2.2
+extern const std::string kMicrosoftKerberosOid;  // 1.2.840.48018.1.2.2, as Windows also calls it
+extern const std::string kNtlmOid;               // 1.3.6.1.4.1.311.2.2.10
+
+// One DER value: tag, length in the shortest form, content.
+std::string Der(unsigned char tag, std::string_view content);
+
+// A service ticket and what it is sealed with. As it stands it is good for ten hours from now.
+struct ForgedTicket {
+  std::string client_realm = "CORP.EXAMPLE.COM";
+  std::vector<std::string> client = {"alice"};
+  std::string server_realm = "CORP.EXAMPLE.COM";
+  std::vector<std::string> server = {"HTTP", "appliance.corp.example.com"};
+
+  // The service's key is derived from these; RC4-HMAC takes no salt.
+  std::string password = "Secret.1";
+  std::string salt;
+  krb5_enctype etype = ENCTYPE_ARCFOUR_HMAC;
+  krb5_kvno kvno = 1;
+
+  krb5_flags flags = TKT_FLG_INITIAL | TKT_FLG_PRE_AUTH;
+  krb5_timestamp authtime = static_cast<krb5_timestamp>(std::time(nullptr));
+  krb5_timestamp starttime = authtime;  // 0: the ticket has none
+  krb5_timestamp endtime = authtime + 10 * 3600;
+  krb5_timestamp renew_till = 0;  // 0: the ticket has none
+
+  // What the client's clock shows when it makes its request; the current time when not given.
+  std::optional<krb5_timestamp> sent_at;
+};
+
+// The AP-REQ of a client that was given that ticket (RFC 4120, 5.5.1), another one at each call.
+// Throws std::runtime_error when the Kerberos library refuses something.
+std::vector<char> ApReq(const ForgedTicket& ticket);
+
+// A GSS-API initial token of the Kerberos mechanism with that AP-REQ in it (RFC 1964, 1.1).
+std::vector<char> GssToken(const std::vector<char>& ap_req,
+                           const std::string& mechanism = kKerberosOid);
+
+// A SPNEGO initial token that offers `mechanisms`, with a token of the first of them
+// (RFC 4178, 4.2.1).
+std::vector<char> SpnegoToken(const std::vector<char>& token,
+                              const std::vector<std::string>& mechanisms = {kKerberosOid});
+
+}  // namespace tavrel::tests
+
+#endif
