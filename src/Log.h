@@ -20,13 +20,10 @@ struct Site {
   int line;
   const char* file;
 
-  static constexpr Site Here(const char* function = __builtin_FUNCTION(),
-                             int line = __builtin_LINE(), const char* path = __builtin_FILE()) {
-    const char* file = path;
-    for (const char* c = path; *c != '\0'; ++c) {
-      if (*c == '/') file = c + 1;
-    }
-    return {function, line, file};
+  static Site Here(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE(),
+                   const char* path = __builtin_FILE()) {
+    const char* const slash = std::strrchr(path, '/');  // found at compile time
+    return {function, line, slash != nullptr ? slash + 1 : path};
   }
 };
 
