@@ -1,48 +1,131 @@
 #include "platform/logger.h"
 
+#include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
-#include <cstring>
+#include <ctime>
+#include <string_view>
 
 namespace {
 
+enum class Sink { kStandardError, kSyslog, kJson };
+
 struct Settings {
   int lowest_level;  // records below it are dropped
-  bool to_syslog;
+  Sink sink;
+  bool colour;
 };
 
 // The environment is read once: a host may change it at any time, from any thread.
 const Settings& Chosen() {
   static const Settings settings = [] {
     const char* level = std::getenv("PLATFORM_LOG_LEVEL");
-    const char* sink = std::getenv("PLATFORM_LOG");
     const bool valid = level != nullptr && level[0] >= '1' && level[0] <= '5' && level[1] == '\0';
+    const char* name = std::getenv("PLATFORM_LOG");
+    const std::string_view sink = name != nullptr ? name : "";
     return Settings{valid ? level[0] - '0' : LOG_LEVEL_WARNING,
-                    sink != nullptr && std::strcmp(sink, "syslog") == 0};
+                    sink == "syslog" ? Sink::kSyslog
+                    : sink == "json" ? Sink::kJson
+                                     : Sink::kStandardError,
+                    isatty(STDERR_FILENO) == 1};
   }();
   return settings;
 }
 
-const char* LevelName(LogLevel level) {
-  switch (level) {
-    case LOG_LEVEL_DETAIL: return "detail";
-    case LOG_LEVEL_NOTICE: return "notice";
-    case LOG_LEVEL_WARNING: return "warning";
-    case LOG_LEVEL_ERROR: break;
-  }
-  return "error";
+struct LevelStyle {
+  const char* name;
+  int syslog_priority;
+  const char* colour;
+};
+
+const LevelStyle& StyleOf(LogLevel level) {
+  static constexpr std::array<LevelStyle, 4> kStyles = {{
+      {"detail", LOG_DEBUG, "\x1b[2m"},
+      {"notice", LOG_NOTICE, ""},
+      {"warning", LOG_WARNING, "\x1b[33m"},
+      {"error", LOG_ERR, "\x1b[31m"},
+  }};
+  return kStyles.at(level >= LOG_LEVEL_DETAIL && level < LOG_LEVEL_ERROR
+                        ? static_cast<std::size_t>(level - LOG_LEVEL_DETAIL)
+                        : kStyles.size() - 1);
 }
 
-int SyslogPriority(LogLevel level) {
-  switch (level) {
-    case LOG_LEVEL_DETAIL: return LOG_DEBUG;
-    case LOG_LEVEL_NOTICE: return LOG_NOTICE;
-    case LOG_LEVEL_WARNING: return LOG_WARNING;
-    case LOG_LEVEL_ERROR: break;
+// Now, in UTC, to the millisecond (RFC 3339).
+std::string Time() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+  std::array<char, 32> seconds{};
+  const std::size_t size = std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+  const std::string milliseconds = std::to_string(1000 + now.tv_usec / 1000).substr(1);
+  return std::string(seconds.data(), size) + "." + milliseconds + "Z";
+}
+
+// The length of the UTF-8 character that `text` starts with (RFC 3629), 0 when it starts with none.
+std::size_t Utf8Length(std::string_view text) {
+  struct Lead {
+    unsigned char first, last, second_first, second_last;
+    std::size_t length;
+  };
+  static constexpr std::array<Lead, 9> kLeads = {{{0x00, 0x7F, 0, 0, 1},
+                                                  {0xC2, 0xDF, 0x80, 0xBF, 2},
+                                                  {0xE0, 0xE0, 0xA0, 0xBF, 3},
+                                                  {0xE1, 0xEC, 0x80, 0xBF, 3},
+                                                  {0xED, 0xED, 0x80, 0x9F, 3},
+                                                  {0xEE, 0xEF, 0x80, 0xBF, 3},
+                                                  {0xF0, 0xF0, 0x90, 0xBF, 4},
+                                                  {0xF1, 0xF3, 0x80, 0xBF, 4},
+                                                  {0xF4, 0xF4, 0x80, 0x8F, 4}}};
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  for (const Lead& lead : kLeads) {
+    if (byte(0) < lead.first || byte(0) > lead.last) continue;
+    if (text.size() < lead.length) return 0;
+    if (lead.length > 1 && (byte(1) < lead.second_first || byte(1) > lead.second_last)) return 0;
+    for (std::size_t i = 2; i < lead.length; ++i) {
+      if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+    }
+    return lead.length;
   }
-  return LOG_ERR;
+  return 0;
+}
+
+// What a peer put into a message must not start a line of its own, steer a terminal or break a
+// reader of JSON: control characters and what is no UTF-8 become "?".
+std::string Clean(std::string_view text) {
+  std::string clean;
+  clean.reserve(text.size());
+  while (!text.empty()) {
+    const std::size_t length = Utf8Length(text);
+    const auto first = static_cast<unsigned char>(text.front());
+    const bool c1 = length == 2 && first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
+    if (length == 0 || first < ' ' || first == 0x7F || c1) {
+      clean += '?';
+    } else {
+      clean.append(text.substr(0, length));
+    }
+    text.remove_prefix(length == 0 ? 1 : length);
+  }
+  return clean;
+}
+
+std::string Quoted(std::string_view text) {
+  std::string quoted = "\"";
+  for (const char c : Clean(text)) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted += '"';
+}
+
+// One write a record, so that records of several threads do not mix. A full disk or a closed
+// standard error must not disturb the caller.
+void WriteLine(std::string line) {
+  line += '\n';
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
 }  // namespace
@@ -56,20 +139,22 @@ void platformlogger_log(const char* function, int line, const char* file, LogLev
   const Settings& settings = Chosen();
   if (level < settings.lowest_level) return;
 
-  std::string text;
-  text.append(LevelName(level)).append(" ").append(logger).append(" ").append(file).append(":");
-  text.append(std::to_string(line)).append(" ").append(function).append(": ").append(message);
-  // What a peer put into a message must not start a line of its own or steer a terminal.
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+  const LevelStyle& style = StyleOf(level);
+  const std::string where = std::string(file) + ":" + std::to_string(line) + " " + function;
+  switch (settings.sink) {
+    case Sink::kSyslog:
+      syslog(LOG_AUTHPRIV | style.syslog_priority, "%s %s: %s", logger, where.c_str(),
+             Clean(message).c_str());
+      return;
+    case Sink::kJson:
+      WriteLine("{\"time\":" + Quoted(Time()) + ",\"level\":" + Quoted(style.name) +
+                ",\"category\":" + Quoted(logger) + ",\"function\":" + Quoted(function) +
+                ",\"file\":" + Quoted(file) + ",\"line\":" + std::to_string(line) +
+                ",\"message\":" + Quoted(message) + "}");
+      return;
+    case Sink::kStandardError: break;
   }
-
-  if (settings.to_syslog) {
-    syslog(LOG_AUTHPRIV | SyslogPriority(level), "%s", text.c_str());
-    return;
-  }
-  text.push_back('\n');
-  // One write a record, so that records of several threads do not mix. A full disk or a closed
-  // standard error must not disturb the caller.
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+  const std::string text =
+      Time() + " " + style.name + " " + logger + " " + where + ": " + Clean(message);
+  WriteLine(settings.colour ? style.colour + text + "\x1b[0m" : text);
 }

@@ -15,13 +15,16 @@ namespace {
 using testing::ElementsAre;
 using testing::ExitedWithCode;
 
+#define TIME "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z "
+
 // Logs one record of every level in a process of its own, which reads its settings anew.
-[[noreturn]] void LogEveryLevel(const char* lowest, const char* message) {
+[[noreturn]] void LogEveryLevel(const char* lowest, const char* message, const char* sink = "") {
   if (lowest != nullptr) {
     setenv("PLATFORM_LOG_LEVEL", lowest, 1);
   } else {
     unsetenv("PLATFORM_LOG_LEVEL");
   }
+  setenv("PLATFORM_LOG", sink, 1);
   const std::string logger = getLogger("some-category");
   for (const LogLevel level :
        {LOG_LEVEL_DETAIL, LOG_LEVEL_NOTICE, LOG_LEVEL_WARNING, LOG_LEVEL_ERROR}) {
@@ -32,17 +35,17 @@ using testing::ExitedWithCode;
 
 TEST(PlatformLoggerDeathTest, WritesOneLineARecord) {
   EXPECT_EXIT(LogEveryLevel("1", "text"), ExitedWithCode(0),
-              "^detail some-category File.cpp:7 Method: text\n"
-              "notice some-category File.cpp:7 Method: text\n"
-              "warning some-category File.cpp:7 Method: text\n"
+              "^" TIME "detail some-category File.cpp:7 Method: text\n" TIME
+              "notice some-category File.cpp:7 Method: text\n" TIME
+              "warning some-category File.cpp:7 Method: text\n" TIME
               "error some-category File.cpp:7 Method: text\n$");
 }
 
 TEST(PlatformLoggerDeathTest, StartsAtWarningsUnlessToldOtherwise) {
   EXPECT_EXIT(LogEveryLevel(nullptr, "text"), ExitedWithCode(0),
-              "^warning some-category File.cpp:7 Method: text\n"
-              "error some-category File.cpp:7 Method: text\n$");
-  EXPECT_EXIT(LogEveryLevel("loud", "text"), ExitedWithCode(0), "^warning .*\nerror .*\n$");
+              "^" TIME "warning .*\n" TIME "error .*\n$");
+  EXPECT_EXIT(LogEveryLevel("loud", "text"), ExitedWithCode(0),
+              "^" TIME "warning .*\n" TIME "error .*\n$");
 }
 
 TEST(PlatformLoggerDeathTest, IsSilentAtLevelFive) {
@@ -50,8 +53,29 @@ TEST(PlatformLoggerDeathTest, IsSilentAtLevelFive) {
 }
 
 TEST(PlatformLoggerDeathTest, KeepsARecordOnItsLineWhateverItHolds) {
-  EXPECT_EXIT(LogEveryLevel("4", "one\ntwo\r\x1b[31mred"), ExitedWithCode(0),
-              "^error some-category File.cpp:7 Method: one\\?two\\?\\?\\[31mred\n$");
+  EXPECT_EXIT(LogEveryLevel("4", "one\ntwo\r\x1b[31mred \xC2\x9B \xFF caf\xC3\xA9"),
+              ExitedWithCode(0), "Method: one\\?two\\?\\?\\[31mred \\? \\? caf\xC3\xA9\n$");
+}
+
+TEST(PlatformLoggerDeathTest, WritesJsonWhenAskedTo) {
+  EXPECT_EXIT(LogEveryLevel("4", "a \"b\" \\ c\n\xFF", "json"), ExitedWithCode(0),
+              "^\\{\"time\":\"[^\"]*\",\"level\":\"error\",\"category\":\"some-category\","
+              "\"function\":\"Method\",\"file\":\"File.cpp\",\"line\":7,"
+              "\"message\":\"a \\\\\"b\\\\\" \\\\\\\\ c\\?\\?\"\\}\n$");
+}
+
+TEST(PlatformLoggerDeathTest, WritesNothingToStandardErrorForSyslog) {
+  EXPECT_EXIT(LogEveryLevel("1", "text", "syslog"), ExitedWithCode(0), "^$");
+}
+
+TEST(PlatformLoggerDeathTest, TakesALevelThatItDoesNotKnowForAnError) {
+  EXPECT_EXIT(
+      {
+        unsetenv("PLATFORM_LOG");
+        platformlogger_log("Method", 7, "File.cpp", static_cast<LogLevel>(9), "some-category", "x");
+        std::exit(0);
+      },
+      ExitedWithCode(0), "^" TIME "error some-category File.cpp:7 Method: x\n$");
 }
 
 TEST(BoundedFill, FillsNoMoreThanThereIs) {
