@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -356,6 +357,8 @@ struct Holding {
   bool keytab;
   bool principal;
   std::vector<std::string> log;
+
+  friend void PrintTo(const Holding& holding, std::ostream* out) { *out << holding.name; }
 };
 class ReleaseContext : public testing::TestWithParam<Holding> {
  protected:
