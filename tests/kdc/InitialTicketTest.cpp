@@ -1,0 +1,358 @@
+// Keytab::ASAuthenticate against a real KDC.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <tuple>
+#include <vector>
+
+#include "Interpose.h"
+#include "LogCapture.h"
+#include "Scene.h"
+#include "tavrel/KrbContext.h"
+#include "tavrel/KrbError.h"
+#include "tavrel/KrbKeytab.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+const std::string kMachine = "APPLIANCE$@CORP.EXAMPLE.COM";
+const std::string kPassword = Env("KDC_MACHINE_PASSWORD");
+
+// What the exchange is made with: a keytab that has the key, or the password.
+enum class With { kKeytab, kPassword };
+
+int Authenticate(KrbContext& context, With with, const std::string& password, std::string* error) {
+  Keytab keytab(&context);
+  return with == With::kKeytab ? keytab.ASAuthenticate(error)
+                               : keytab.ASAuthenticate(password, error);
+}
+
+std::vector<std::string> Obtained(const std::string& name) {
+  return {"1 krb-keytab PrintCreds: serverprincipal: CORP.EXAMPLE.COM krbtgt CORP.EXAMPLE.COM",
+          "1 krb-keytab PrintCreds: clientprincipal: CORP.EXAMPLE.COM " + name};
+}
+
+std::vector<std::string> ObtainedAtAnotherTime(const std::string& name) {
+  std::vector<std::string> log = Obtained(name);
+  log.push_back("3 krb-keytab ASAuthenticate: Clock difference with KDC detected");
+  return log;
+}
+
+std::string Refused(With with, const std::string& text) {
+  const std::string means = with == With::kKeytab ? "keytab" : "password";
+  return "4 krb-keytab ASAuthenticate: Error authenticating through " + means + ": " + text;
+}
+
+struct Exchange {
+  const char* name;
+  std::string principal;
+  std::string password;
+  const char* port;
+  const char* libdefaults;
+  int status;
+  std::string text;              // libkrb5's; empty when the exchange took place
+  std::vector<std::string> log;  // when it did
+};
+
+void PrintTo(const Exchange& exchange, std::ostream* out) {
+  *out << exchange.name;
+}
+
+class AnInitialTicket : public testing::TestWithParam<std::tuple<Exchange, With>> {};
+
+TEST_P(AnInitialTicket, EndsAsTheKdcDecides) {
+  const auto& [exchange, with] = GetParam();
+  const Kdc kdc(exchange.port, exchange.libdefaults);
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(exchange.principal));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  if (with == With::kKeytab) AddKey(kdc / "keytab", {exchange.principal, exchange.password});
+  std::string error = "as before";
+  LogCapture log;
+
+  const int status = Authenticate(context, with, exchange.password, &error);
+  const std::vector<std::string> lines = log.Lines();
+  log.Clear();
+  const int status_without_text = Authenticate(context, with, exchange.password, nullptr);
+
+  EXPECT_EQ(status, exchange.status);
+  EXPECT_EQ(error, exchange.text.empty() ? "as before" : exchange.text);
+  EXPECT_THAT(lines,
+              ElementsAreArray(exchange.text.empty() ? exchange.log
+                                                     : std::vector{Refused(with, exchange.text)}));
+  EXPECT_EQ(status_without_text, status);
+  EXPECT_EQ(log.Lines(), lines);
+}
+
+std::string NameOf(const testing::TestParamInfo<std::tuple<Exchange, With>>& info) {
+  const auto& [exchange, with] = info.param;
+  return std::string(exchange.name) + (with == With::kKeytab ? "_Keytab" : "_Password");
+}
+
+constexpr char kNow[] = "KDC_PORT";
+constexpr char kAhead[] = "KDC_PORT_AHEAD";
+constexpr char kBehind[] = "KDC_PORT_BEHIND";
+constexpr char kDead[] = "KDC_PORT_DEAD";
+
+Exchange Succeeds(const char* name, const std::string& principal,
+                  const std::vector<std::string>& log) {
+  return {name, principal, kPassword, kNow, "", kSuccess, "", log};
+}
+
+Exchange Fails(const char* name, const std::string& principal, const std::string& text,
+               const std::string& password = kPassword, const char* port = kNow) {
+  return {name, principal, password, port, "", kFailure, text, {}};
+}
+
+// The ticket is had all the same.
+Exchange Notices(const char* name, const char* port) {
+  return {name, kMachine, kPassword, port, "", kClockSkew, "", ObtainedAtAnotherTime("APPLIANCE$")};
+}
+
+// A client that takes no clock but its own has none.
+Exchange Insists(const char* name, const std::string& principal, const char* port,
+                 const std::string& text) {
+  return {name, principal, kPassword, port, "kdc_timesync = 0", kClockSkew, text, {}};
+}
+
+// The KDC has every client but this one prove who it is beforehand.
+const std::string kTrusted = "TRUSTED$@CORP.EXAMPLE.COM";
+
+INSTANTIATE_TEST_SUITE_P(
+    , AnInitialTicket,
+    testing::Combine(
+        testing::Values(
+            Succeeds("TheRightSecret", kMachine, Obtained("APPLIANCE$")),
+            Succeeds("TheRightSecretAfterwards", kTrusted, Obtained("TRUSTED$")),
+            Succeeds("ANameOfTwoComponents", "HOST/appliance.corp.example.com@CORP.EXAMPLE.COM",
+                     Obtained("HOST appliance.corp.example.com")),
+            Fails("AWrongSecret", kMachine, "Preauthentication failed", "wrong"),
+            Fails("AWrongSecretAfterwards", kTrusted, "Decrypt integrity check failed", "wrong"),
+            Fails("AnUnknownPrincipal", "NOBODY$@CORP.EXAMPLE.COM",
+                  "Client 'NOBODY$@CORP.EXAMPLE.COM' not found in Kerberos database"),
+            Fails("ADisabledAccount", "DISABLED$@CORP.EXAMPLE.COM",
+                  "Client's credentials have been revoked"),
+            Fails("AnExpiredAccount", "EXPIRED$@CORP.EXAMPLE.COM",
+                  "Client's entry in database has expired"),
+            Fails("AnExpiredPassword", "STALE$@CORP.EXAMPLE.COM", "Password has expired"),
+            Fails("AKdcThatDoesNotAnswer", kMachine,
+                  "Cannot contact any KDC for realm 'CORP.EXAMPLE.COM'", kPassword, kDead),
+            Fails("ARealmWithoutAKdc", "APPLIANCE$@OTHER.EXAMPLE.COM",
+                  "Cannot find KDC for realm \"OTHER.EXAMPLE.COM\""),
+            Notices("AClockAhead", kAhead), Notices("AClockBehind", kBehind),
+            Insists("AClockAheadThatTheKdcRefuses", kMachine, kAhead, "Clock skew too great"),
+            Insists("AClockBehindThatTheKdcRefuses", kMachine, kBehind, "Clock skew too great"),
+            Insists("AReplyFromAhead", kTrusted, kAhead, "Clock skew too great in KDC reply"),
+            Insists("AReplyFromBehind", kTrusted, kBehind, "Clock skew too great in KDC reply")),
+        testing::Values(With::kKeytab, With::kPassword)),
+    NameOf);
+
+// A keytab that is of no use, and what the exchange says to that.
+struct UselessKeytab {
+  const char* name;
+  void (*make)(const std::string& path);
+  const char* libdefaults;
+  std::string text;
+  std::string log;
+  std::vector<std::string> calls;
+};
+
+void PrintTo(const UselessKeytab& keytab, std::ostream* out) {
+  *out << keytab.name;
+}
+
+class AKeytab : public testing::TestWithParam<UselessKeytab> {};
+
+TEST_P(AKeytab, WithoutAKeyThatTheKdcTakesFails) {
+  const UselessKeytab& keytab = GetParam();
+  const Kdc kdc("KDC_PORT", keytab.libdefaults);
+  keytab.make(kdc / "keytab");
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  std::string error;
+  LogCapture log;
+  CallTrace trace;
+
+  const int status = Keytab(&context).ASAuthenticate(&error);
+
+  EXPECT_EQ(status, kFailure);
+  EXPECT_EQ(error, keytab.text);
+  EXPECT_THAT(log.Lines(), ElementsAre(keytab.log));
+  EXPECT_THAT(trace.Names(), ElementsAreArray(keytab.calls));
+}
+
+// One that has no content is not even tried.
+UselessKeytab Empty(const char* name, void (*make)(const std::string& path)) {
+  const std::string text = "Keytab file not created yet.";
+  return {name, make, "", text, "1 krb-keytab ASAuthenticate: " + text, {"krb5_kt_have_content"}};
+}
+
+UselessKeytab Tried(const char* name, void (*make)(const std::string& path),
+                    const std::string& text, const char* libdefaults = "") {
+  return {name,
+          make,
+          libdefaults,
+          text,
+          Refused(With::kKeytab, text),
+          {"krb5_kt_have_content", "krb5_get_init_creds_keytab", "krb5_get_error_message",
+           "krb5_free_error_message"}};
+}
+
+void MakeNone(const std::string&) {}
+
+template <const auto& bytes>
+void MakeOf(const std::string& path) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+void MakeRight(const std::string& path) {
+  AddKey(path, {kMachine, kPassword});
+}
+
+void MakeForAnother(const std::string& path) {
+  AddKey(path, {"OTHER$@CORP.EXAMPLE.COM", kPassword});
+}
+
+void MakeOfAes(const std::string& path) {
+  AddKey(path, {kMachine, kPassword, ENCTYPE_AES256_CTS_HMAC_SHA1_96});
+}
+
+constexpr char kNoBytes[] = "";
+constexpr char kNoEntries[] = "\x05\x02";
+constexpr char kNoKeytab[] = "no keytab";
+
+INSTANTIATE_TEST_SUITE_P(
+    , AKeytab,
+    testing::Values(Empty("ThatIsMissing", MakeNone), Empty("WithoutAByte", MakeOf<kNoBytes>),
+                    Empty("WithoutAnEntry", MakeOf<kNoEntries>),
+                    Empty("ThatIsNone", MakeOf<kNoKeytab>),
+                    Tried("OfAnotherPrincipal", MakeForAnother,
+                          "Keytab contains no suitable keys for APPLIANCE$@CORP.EXAMPLE.COM"),
+                    Tried("OfAnEncryptionTypeThatTheAccountHasNot", MakeOfAes,
+                          "Pre-authentication failed: No key table entry found for "
+                          "APPLIANCE$@CORP.EXAMPLE.COM"),
+                    Tried("OfAnEncryptionTypeThatIsForbidden", MakeRight,
+                          "Generic preauthentication failure",
+                          "permitted_enctypes = aes256-cts-hmac-sha1-96"),
+                    Tried("WhenNoEncryptionTypeIsAllowed", MakeRight,
+                          "No supported encryption types (config file error?)",
+                          "default_tkt_enctypes = des-cbc-crc")),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(TheKeytabExchange, AsksNobodyWithoutAKeytab) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  std::string error = "as before";
+  LogCapture log;
+  CallTrace trace;
+
+  const int status = Keytab(&context).ASAuthenticate(&error);
+
+  EXPECT_EQ(status, kFailure);
+  EXPECT_EQ(error, "as before");
+  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab ASAuthenticate: Invalid keytab file name."));
+  EXPECT_THAT(trace.Names(), ElementsAre());
+}
+
+TEST(ThePasswordExchange, NeedsNoKeytab) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  std::string error = "as before";
+  LogCapture log;
+  CallTrace trace;
+
+  const int status = Keytab(&context).ASAuthenticate(kPassword, &error);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(error, "as before");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Obtained("APPLIANCE$")));
+  EXPECT_THAT(trace.Names(),
+              ElementsAre("krb5_get_init_creds_password", "time", "krb5_free_cred_contents"));
+}
+
+TEST(TheKeytabExchange, GivesBackTheTicket) {
+  const Kdc kdc;
+  AddKey(kdc / "keytab", {kMachine, kPassword});
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  CallTrace trace;
+
+  const int status = Keytab(&context).ASAuthenticate(nullptr);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_have_content", "krb5_get_init_creds_keytab",
+                                         "time", "krb5_free_cred_contents"));
+}
+
+// An administrator's hand on the realm's database.
+void Kadmin(const std::string& request) {
+  const std::string command = "kadmin.local -q '" + request + "' >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << request;
+}
+
+TEST(AWrittenKey, IsTheOneThatTheKdcKnows) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal("RENEWED$@CORP.EXAMPLE.COM"));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  Keytab keytab(&context);
+  std::string error;
+  Kadmin("cpw -e arcfour-hmac:normal -pw First.1 RENEWED$");
+
+  const bool written = keytab.WriteKey("First.1", &error);
+  const int status = keytab.ASAuthenticate(&error);
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(error, "");
+}
+
+TEST(AWrittenKey, FollowsTheAccountsPassword) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal("RENEWED$@CORP.EXAMPLE.COM"));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  Keytab keytab(&context);
+  Kadmin("cpw -e arcfour-hmac:normal -pw First.1 RENEWED$");
+  ASSERT_TRUE(keytab.WriteKey("First.1", nullptr));
+  Kadmin("cpw -e arcfour-hmac:normal -pw Second.1 RENEWED$");
+
+  const int stale = keytab.ASAuthenticate(nullptr);
+  const bool written = keytab.WriteKey("Second.1", nullptr);
+  const int renewed = keytab.ASAuthenticate(nullptr);
+
+  EXPECT_EQ(stale, kFailure);
+  EXPECT_TRUE(written);
+  EXPECT_EQ(renewed, kSuccess);
+  EXPECT_EQ(keytab.GetNextClientVno(), 3u);
+}
+
+// The key is always of one encryption type, which not every account has.
+TEST(AWrittenKey, IsOfNoUseToAnAccountWithAesKeysAlone) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal("MODERN$@CORP.EXAMPLE.COM"));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  Keytab keytab(&context);
+  ASSERT_TRUE(keytab.WriteKey(kPassword, nullptr));
+  std::string error;
+
+  const int by_key = keytab.ASAuthenticate(&error);
+  const int by_password = keytab.ASAuthenticate(kPassword, nullptr);
+
+  EXPECT_EQ(by_key, kFailure);
+  EXPECT_EQ(error,
+            "Pre-authentication failed: No key table entry found for MODERN$@CORP.EXAMPLE.COM");
+  EXPECT_EQ(by_password, kSuccess);
+}
+
+}  // namespace
+}  // namespace tavrel::tests

@@ -1,0 +1,471 @@
+// KrbRealm::Authenticate and Keytab::APAuthenticate with what real clients send.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+#include "ForgedRequest.h"
+#include "GssClient.h"
+#include "Interpose.h"
+#include "LogCapture.h"
+#include "Scene.h"
+#include "tavrel/KrbError.h"
+#include "tavrel/KrbKeytab.h"
+#include "tavrel/KrbRealm.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using Mechanism = GssClient::Mechanism;
+
+const std::string kMachine = "APPLIANCE$@CORP.EXAMPLE.COM";
+const std::string kHost = "HOST/appliance.corp.example.com@CORP.EXAMPLE.COM";  // the machine's too
+const std::string kHttp = "HTTP/appliance.corp.example.com@CORP.EXAMPLE.COM";  // another account's
+const std::string kAlice = "alice@CORP.EXAMPLE.COM";
+
+const std::string kMachinePassword = Env("KDC_MACHINE_PASSWORD");
+const std::string kServicePassword = Env("KDC_SERVICE_PASSWORD");
+const std::string kUserPassword = Env("KDC_USER_PASSWORD");
+
+constexpr char kNow[] = "KDC_PORT";
+constexpr char kAhead[] = "KDC_PORT_AHEAD";
+constexpr char kBehind[] = "KDC_PORT_BEHIND";
+constexpr char kTolerant[] = "clockskew = 3600";
+
+// A realm that has joined with these keys in its keytab.
+class Machine : public KrbRealm {
+ public:
+  explicit Machine(const Kdc& kdc, const std::vector<Key>& keys = {{kMachine, kMachinePassword}})
+      : KrbRealm("corp.example.com", "Administrator", "Admin.Pass.1", kdc / "keytab") {
+    for (const Key& key : keys)
+      AddKey(kdc / "keytab", key);
+    krb_context.SetClientPrincipal(kMachine);
+  }
+
+  std::string Authenticate(std::vector<char> token) {
+    return KrbRealm::Authenticate(token.data(), static_cast<int>(token.size()));
+  }
+
+  KrbContext& Context() { return krb_context; }
+};
+
+// What is logged while the request is found behind the last of the identifiers at `indices`, and
+// then the lines of `rest`.
+std::vector<std::string> Log(const std::vector<char>& token, const std::vector<int>& indices,
+                             const std::vector<std::string>& rest) {
+  const std::string prefix = "1 krb-realm Authenticate: ";
+  std::vector<std::string> log = {prefix + "Auth request received of length " +
+                                  std::to_string(token.size())};
+  for (const int index : indices)
+    log.push_back(prefix + "Found KRB OID at index " + std::to_string(index));
+  log.push_back(prefix + "Sending in at index " + std::to_string(indices.back() + 11) +
+                ", first data byte n");
+  log.insert(log.end(), rest.begin(), rest.end());
+  return log;
+}
+
+// The same for a token of the Kerberos mechanism, whose frame always has the same size here.
+std::vector<std::string> Log(const std::vector<char>& token, const std::vector<std::string>& rest) {
+  return Log(token, {6}, rest);
+}
+
+std::string Accepted(const std::string& user, int component = 0) {
+  return "1 krb-keytab APAuthenticate: AP request (" + std::to_string(component) + "): " + user;
+}
+const std::string kAcceptedAlice = Accepted("CORP.EXAMPLE.COM\\alice");
+
+std::string Unreadable(const std::string& reason) {
+  return "4 krb-keytab APAuthenticate: Error reading AP request: " + reason;
+}
+
+const std::string kInvalidTimes =
+    "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
+    "CORP.EXAMPLE.COM\\alice";
+const std::string kInvalidServer =
+    "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
+    "CORP.EXAMPLE.COM\\alice";
+
+std::string Server(const std::string& component) {
+  return "1 krb-keytab PrintPrincipal: AP request server principal: " + component +
+         "@CORP.EXAMPLE.COM";
+}
+const std::string kJoined =
+    "1 krb-keytab PrintPrincipal: Joined server principal: APPLIANCE$@CORP.EXAMPLE.COM";
+
+// --- accepted ------------------------------------------------------------------------------------
+
+class AUser : public testing::TestWithParam<std::tuple<Mechanism, std::string>> {};
+
+TEST_P(AUser, IsAuthenticatedToEveryServiceOfTheMachinesKey) {
+  const auto& [mechanism, service] = GetParam();
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(service, mechanism);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  const std::vector<int> indices =
+      mechanism == Mechanism::kKerberos ? std::vector{6} : std::vector{26, 49};
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, indices, {kAcceptedAlice})));
+}
+
+INSTANTIATE_TEST_SUITE_P(, AUser,
+                         testing::Combine(testing::Values(Mechanism::kKerberos, Mechanism::kSpnego),
+                                          testing::Values(kMachine, kHost)),
+                         [](const auto& info) {
+                           return std::string(std::get<0>(info.param) == Mechanism::kKerberos
+                                                  ? "Kerberos"
+                                                  : "Spnego") +
+                                  (std::get<1>(info.param) == kMachine ? "_Account" : "_Host");
+                         });
+
+TEST(ASpnegoToken, MayOfferTheMicrosoftIdentifierAlone) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = SpnegoToken(GssClient(kAlice, kUserPassword).Token(kMachine),
+                                              {kMicrosoftKerberosOid, kNtlmOid});
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {61}, {kAcceptedAlice})));
+}
+
+TEST(AUserName, OfTwoComponentsIsTheLast) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token =
+      GssClient("alice/admin@CORP.EXAMPLE.COM", kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\admin");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(
+                               token, {kAcceptedAlice, Accepted("CORP.EXAMPLE.COM\\admin", 1)})));
+}
+
+TEST(ARealm, AuthenticatesOneUserAfterAnother) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const GssClient alice(kAlice, kUserPassword);
+  const GssClient bob("bob@CORP.EXAMPLE.COM", kUserPassword);
+
+  const std::vector<std::string> users = {machine.Authenticate(alice.Token(kMachine)),
+                                          machine.Authenticate(bob.Token(kHost)),
+                                          machine.Authenticate(alice.Token(kMachine))};
+
+  EXPECT_THAT(users, ElementsAre("CORP.EXAMPLE.COM\\alice", "CORP.EXAMPLE.COM\\bob",
+                                 "CORP.EXAMPLE.COM\\alice"));
+}
+
+TEST(ARealm, TriesEveryVersionOfItsKey) {
+  const Kdc kdc;
+  Machine machine(kdc, {{kMachine, "an older one", ENCTYPE_ARCFOUR_HMAC, 3},
+                        {kMachine, kMachinePassword, ENCTYPE_ARCFOUR_HMAC, 4},
+                        {kMachine, "a newer one", ENCTYPE_ARCFOUR_HMAC, 5}});
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+}
+
+// --- refused by libkrb5 --------------------------------------------------------------------------
+
+TEST(ARequest, IsAcceptedOnce) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  ASSERT_NE(machine.Authenticate(token), "");
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Request is a replay")})));
+}
+
+TEST(ARequest, IsAcceptedOnceByAllRealmsOfTheMachine) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  ASSERT_NE(machine.Authenticate(token), "");
+  Machine another(kdc, {});
+  LogCapture log;
+
+  const std::string user = another.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Request is a replay")})));
+}
+
+struct Unfit {
+  const char* name;
+  std::vector<Key> keys;
+  std::string reason;
+};
+
+void PrintTo(const Unfit& unfit, std::ostream* out) {
+  *out << unfit.name;
+}
+
+class AServiceKeytab : public testing::TestWithParam<Unfit> {};
+
+TEST_P(AServiceKeytab, WithoutTheTicketsKeyRefusesIt) {
+  const Kdc kdc;
+  Machine machine(kdc, GetParam().keys);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(Log(token, {Unreadable("Request ticket server " + kMachine + " " +
+                                                      GetParam().reason)})));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , AServiceKeytab,
+    testing::Values(Unfit{"OfAnotherPassword",
+                          {{kMachine, "wrong"}},
+                          "kvno 1 enctype rc4-hmac found in keytab but cannot decrypt ticket"},
+                    Unfit{"OfAnotherEncryptionType",
+                          {{kMachine, kMachinePassword, ENCTYPE_AES256_CTS_HMAC_SHA1_96}},
+                          "kvno 1 found in keytab but not with enctype rc4-hmac"},
+                    Unfit{"OfAnotherService",
+                          {{kHttp, kServicePassword}},
+                          "not found in keytab (ticket kvno 1)"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ARealm, WithoutAKeytabFileRefusesEverybody) {
+  const Kdc kdc;
+  Machine machine(kdc, {});
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(
+                  Log(token, {Unreadable("Key table file '" + kdc / "keytab" + "' not found")})));
+}
+
+TEST(ARealm, WithoutAKeytabDoesNotUseTheDefaultOne) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const ScopedVariable usable("KRB5_KTNAME", "FILE:" + kdc / "keytab");
+  machine.Context().ReleaseKeytab();
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Key table name malformed")})));
+}
+
+TEST(ARequest, CutShortIsRefusedAndDoesNotCount) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+
+  for (std::size_t length = 0; length < token.size(); ++length) {
+    EXPECT_EQ(machine.Authenticate({token.begin(), token.begin() + static_cast<long>(length)}), "")
+        << length;
+  }
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+}
+
+// --- refused by its server -----------------------------------------------------------------------
+
+TEST(ARequest, ForAnotherServiceInTheKeytabIsRefused) {
+  const Kdc kdc;
+  Machine machine(kdc, {{kMachine, kMachinePassword}, {kHttp, kServicePassword}});
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kHttp);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("HTTP"),
+                                           Server("appliance.corp.example.com"), kJoined})));
+}
+
+// libkrb5 takes the ticket to be for the principal of the first entry that opens it.
+TEST(ARealm, WithItsKeyUnderAnotherNameFirstRefusesEverybody) {
+  const Kdc kdc;
+  Machine machine(kdc, {{kHost, kMachinePassword}, {kMachine, kMachinePassword}});
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("HOST"),
+                                           Server("appliance.corp.example.com"), kJoined})));
+}
+
+TEST(ARealm, ThatHasNotJoinedRefusesEverybody) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  machine.Context().ReleaseClientPrincipal();
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("APPLIANCE$")})));
+}
+
+// --- judged by its times -------------------------------------------------------------------------
+
+struct Timed {
+  const char* name;
+  const char* port;         // of the KDC that issues the ticket
+  const char* libdefaults;  // clients' and machine's
+  krb5_deltat lifetime;     // 0: ten hours
+  bool after_exchange;      // the machine has asked that KDC too, and knows its clock
+  std::string user;
+  std::vector<std::string> log;
+};
+
+void PrintTo(const Timed& timed, std::ostream* out) {
+  *out << timed.name;
+}
+
+class ATicket : public testing::TestWithParam<Timed> {};
+
+TEST_P(ATicket, IsJudgedByItsTimes) {
+  const Timed& timed = GetParam();
+  const Kdc kdc(timed.port, timed.libdefaults);
+  Machine machine(kdc);
+  if (timed.after_exchange) {
+    ASSERT_EQ(Keytab(&machine.Context()).ASAuthenticate(nullptr), kClockSkew);
+  }
+  const std::vector<char> token =
+      GssToken(GssClient(kAlice, kUserPassword, timed.lifetime).Request(kMachine));
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, timed.user);
+  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, timed.log)));
+}
+
+const std::string kAliceUser = "CORP.EXAMPLE.COM\\alice";
+
+INSTANTIATE_TEST_SUITE_P(
+    , ATicket,
+    testing::Values(
+        Timed{"OfAnUnknownClockAheadIsRefused",
+              kAhead,
+              "",
+              0,
+              false,
+              "",
+              {Unreadable("Ticket not yet valid")}},
+        Timed{"OfAnUnknownClockBehindIsRefused",
+              kBehind,
+              "",
+              0,
+              false,
+              "",
+              {Unreadable("Clock skew too great")}},
+        Timed{"OfAKnownClockAheadHasNotStarted",
+              kAhead,
+              "",
+              0,
+              true,
+              "",
+              {kAcceptedAlice, kInvalidTimes}},
+        Timed{"OfAKnownClockBehindIsGood", kBehind, "", 0, true, kAliceUser, {kAcceptedAlice}},
+        Timed{"OfAToleratedClockAheadHasNotStarted",
+              kAhead,
+              kTolerant,
+              0,
+              false,
+              "",
+              {kAcceptedAlice, kInvalidTimes}},
+        Timed{"ThatEndedEightMinutesAgoIsRefused",
+              kBehind,
+              kTolerant,
+              120,
+              false,
+              "",
+              {kAcceptedAlice, kInvalidTimes}},
+        Timed{"ThatEndedThreeMinutesAgoIsGood",
+              kBehind,
+              kTolerant,
+              420,
+              false,
+              kAliceUser,
+              {kAcceptedAlice}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(AnEndedTicket, ForAnotherServiceIsRefusedForBoth) {
+  const Kdc kdc(kBehind, kTolerant);
+  Machine machine(kdc, {{kMachine, kMachinePassword}, {kHttp, kServicePassword}});
+  const std::vector<char> token = GssToken(GssClient(kAlice, kUserPassword, 120).Request(kHttp));
+  LogCapture log;
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidTimes, kInvalidServer, Server("HTTP"),
+                                   Server("appliance.corp.example.com"), kJoined})));
+}
+
+// --- the request alone ---------------------------------------------------------------------------
+
+TEST(TheRequestAlone, IsReadAndEverythingGivenBack) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  std::vector<char> request = GssClient(kAlice, kUserPassword).Request(kMachine);
+  LogCapture log;
+  CallTrace trace;
+
+  const std::string user =
+      Keytab(&machine.Context()).APAuthenticate(request.data(), static_cast<int>(request.size()));
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_THAT(log.Lines(), ElementsAre(kAcceptedAlice));
+  EXPECT_THAT(trace.Names(),
+              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
+                          "krb5_free_ticket", "krb5_auth_con_free"));
+}
+
+TEST(TheRequestAlone, OfAnotherKindIsRefusedAndEverythingGivenBack) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  std::string request = "GET / HTTP/1.1";
+  LogCapture log;
+  CallTrace trace;
+
+  const std::string user =
+      Keytab(&machine.Context()).APAuthenticate(request.data(), static_cast<int>(request.size()));
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(), ElementsAre(Unreadable("Invalid message type")));
+  EXPECT_THAT(trace.Names(),
+              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "krb5_get_error_message",
+                          "krb5_free_error_message", "krb5_auth_con_free"));
+}
+
+}  // namespace
+}  // namespace tavrel::tests
