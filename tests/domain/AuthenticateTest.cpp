@@ -1,0 +1,281 @@
+// Users of the domain who sign in at a joined machine, with the tokens that the system's GSS-API
+// library makes for them.
+#include <cstdio>
+#include <ctime>
+
+#include "GssClient.h"
+#include "Interpose.h"
+#include "JoinScenario.h"
+#include "Records.h"
+#include "tavrel/KrbError.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using Mechanism = GssClient::Mechanism;
+
+constexpr char kAlice[] = "CORP.EXAMPLE.COM\\alice";
+constexpr char kAccepted[] =
+    "1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\alice\n";
+
+class DomainAuthentication : public JoinScenario {
+ public:
+  struct Answer {
+    std::string user;
+    std::string log;
+  };
+
+  Answer Authenticate(KrbRealm& realm, std::vector<char> token) {
+    TakeLog();
+    const std::string answered = realm.Authenticate(token.data(), static_cast<int>(token.size()));
+    return {answered, TakeLog()};
+  }
+
+  static GssClient Alice() {
+    return GssClient(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
+  }
+
+  // The machine's own service, whose principal the join sets.
+  std::string Machine() const { return account + "$@" + Lab("REALM"); }
+
+  // What the log says of a token in which the Kerberos identifier stands that many times.
+  static std::string Located(const std::vector<char>& token, int identifiers) {
+    static constexpr char kIdentifier[] = "\x2a\x86\x48\x86\xf7\x12\x01\x02\x02";
+    const std::string bytes(token.begin(), token.end());
+    std::string log = "1 krb-realm Authenticate: Auth request received of length " +
+                      std::to_string(bytes.size()) + "\n";
+    std::size_t at = 0;
+    for (int i = 0; i < identifiers; ++i) {
+      at = bytes.find(kIdentifier, i == 0 ? 0 : at + 1);
+      log += "1 krb-realm Authenticate: Found KRB OID at index " + std::to_string(at) + "\n";
+    }
+    return log + "1 krb-realm Authenticate: Sending in at index " + std::to_string(at + 11) +
+           ", first data byte n\n";
+  }
+};
+
+struct Service {
+  const char* name;
+  const char* principal;
+  Mechanism mechanism;
+  int identifiers;
+};
+class AuthenticationAt : public DomainAuthentication,
+                         public testing::WithParamInterface<Service> {};
+INSTANTIATE_TEST_SUITE_P(
+    Service, AuthenticationAt,
+    testing::Values(Service{"TheAccount", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kKerberos, 1},
+                    Service{"TheAccountBySpnego", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kSpnego,
+                            2},
+                    Service{"TheHost", "HOST/SERVICE@CORP.EXAMPLE.COM", Mechanism::kKerberos, 1},
+                    Service{"TheHostBySpnego", "HOST/service.CORP.EXAMPLE.COM@CORP.EXAMPLE.COM",
+                            Mechanism::kSpnego, 2}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_P(AuthenticationAt, AcceptsAliceByHerRealmAndName) {
+  NameMachine("service");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::vector<char> token = Alice().Token(GetParam().principal, GetParam().mechanism);
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_EQ(answer.log, Log({Located(token, GetParam().identifiers), kAccepted}));
+}
+
+TEST_F(DomainAuthentication, AcceptsAMachineAsAUser) {
+  NameMachine("caller");
+  directory.Add(account, kEarlierPassword);
+  NameMachine("called");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::vector<char> token =
+      GssClient("CALLER$@CORP.EXAMPLE.COM", kEarlierPassword).Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "CORP.EXAMPLE.COM\\CALLER$");
+  EXPECT_EQ(answer.log,
+            Log({Located(token, 1),
+                 "1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\CALLER$\n"}));
+}
+
+TEST_F(DomainAuthentication, AcceptsATicketOfTheEarlierPassword) {
+  NameMachine("rolling");
+  JoinedEarlier();
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const GssClient early = Alice();
+  early.Token(Machine());  // the client keeps its ticket
+  PasswordChangedByOthers();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  ASSERT_EQ(Entries().size(), 2u);
+  const std::vector<char> early_token = early.Token(Machine());
+  const std::vector<char> late_token = Alice().Token(Machine());
+
+  const Answer early_answer = Authenticate(realm, early_token);
+  const Answer late_answer = Authenticate(realm, late_token);
+
+  EXPECT_EQ(early_answer.user, kAlice);
+  EXPECT_EQ(early_answer.log, Log({Located(early_token, 1), kAccepted}));
+  EXPECT_EQ(late_answer.user, kAlice);
+  EXPECT_EQ(late_answer.log, Log({Located(late_token, 1), kAccepted}));
+}
+
+TEST_F(DomainAuthentication, NeedsNoMoreThanAJoinTestOnAJoinedMachine) {
+  NameMachine("testonly");
+  JoinedEarlier();
+  KrbRealm realm = Realm();
+  ASSERT_EQ(TestJoin(realm).status, kSuccess);
+  const std::vector<char> token = Alice().Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, kAlice);
+}
+
+TEST_F(DomainAuthentication, RefusesAReplay) {
+  NameMachine("replayed");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const GssClient alice = Alice();
+  const std::vector<char> token = alice.Token(Machine());
+  ASSERT_EQ(Authenticate(realm, token).user, kAlice);
+
+  const Answer answer = Authenticate(realm, token);
+  const Answer fresh = Authenticate(realm, alice.Token(Machine()));
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log, Log({Located(token, 1),
+                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+                             "Request is a replay\n"}));
+  EXPECT_EQ(fresh.user, kAlice);
+}
+
+TEST_F(DomainAuthentication, RefusesATicketForAnotherMachine) {
+  NameMachine("another");
+  directory.Add(account, kEarlierPassword);
+  const std::string another = Machine();
+  NameMachine("asked");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::vector<char> token = Alice().Token(another);
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log, Log({Located(token, 1),
+                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+                             "Request ticket server ANOTHER$@CORP.EXAMPLE.COM not found in keytab "
+                             "(ticket kvno 1)\n"}));
+}
+
+TEST_F(DomainAuthentication, AcceptsNobodyBeforeAJoin) {
+  NameMachine("unjoined");
+  KrbRealm joined = Realm();
+  ASSERT_EQ(Join(joined).status, kSuccess);
+  KrbRealm realm = Realm();
+  const std::vector<char> token = Alice().Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log,
+            Log({Located(token, 1), kAccepted,
+                 "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
+                 "CORP.EXAMPLE.COM\\alice\n"
+                 "1 krb-keytab PrintPrincipal: AP request server principal: "
+                 "UNJOINED$@CORP.EXAMPLE.COM\n"}));
+}
+
+TEST_F(DomainAuthentication, AcceptsNobodyWhenTheKeytabServesAnotherMachineFirst) {
+  NameMachine("former");
+  KrbRealm former = Realm();
+  ASSERT_EQ(Join(former).status, kSuccess);
+  NameMachine("latter");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  ASSERT_THAT(Entries(), ElementsAre("FORMER$@CORP.EXAMPLE.COM version 1 enctype 23",
+                                     "LATTER$@CORP.EXAMPLE.COM version 1 enctype 23"));
+  const std::vector<char> token = Alice().Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  // Machines of one process have one password, and with it one key: the first entry fits.
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log,
+            Log({Located(token, 1), kAccepted,
+                 "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
+                 "CORP.EXAMPLE.COM\\alice\n"
+                 "1 krb-keytab PrintPrincipal: AP request server principal: "
+                 "FORMER$@CORP.EXAMPLE.COM\n"
+                 "1 krb-keytab PrintPrincipal: Joined server principal: "
+                 "LATTER$@CORP.EXAMPLE.COM\n"}));
+}
+
+TEST_F(DomainAuthentication, RefusesATicketThatExpiredByTheMachinesClock) {
+  NameMachine("expired");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::vector<char> token = Alice().Token(Machine());
+  const StandIn ahead(calls::time, [](time_t*) { return calls::time.Real(nullptr) + 24 * 3600; });
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log,
+            Log({Located(token, 1), kAccepted,
+                 "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
+                 "CORP.EXAMPLE.COM\\alice\n"}));
+}
+
+TEST_F(DomainAuthentication, RefusesEveryoneWithoutItsKeytab) {
+  NameMachine("keyless");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  std::remove(keytab.c_str());
+  const std::vector<char> token = Alice().Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log, Log({Located(token, 1),
+                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+                             "Key table file '{KEYTAB}' not found\n"}));
+}
+
+TEST_F(DomainAuthentication, RefusesEveryoneAfterAJoinWithoutAKeytab) {
+  NameMachine("nokeytab");
+  keytab = "";
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::vector<char> token = Alice().Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log, Log({Located(token, 1),
+                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+                             "Key table name malformed\n"}));
+}
+
+TEST_F(DomainAuthentication, RefusesWhatIsNoToken) {
+  NameMachine("noise");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::string noise = "NTLMSSP: no Kerberos";
+
+  const Answer answer = Authenticate(realm, {noise.begin(), noise.end()});
+
+  EXPECT_EQ(answer.user, "");
+  EXPECT_EQ(answer.log,
+            "1 krb-realm Authenticate: Auth request received of length 20\n"
+            "3 krb-realm Authenticate: Not a KRB_AP_REQ\n"
+            "1 krb-realm Authenticate: Sending in at index 11, first data byte  \n"
+            "4 krb-keytab APAuthenticate: Error reading AP request: Invalid message type\n");
+}
+
+}  // namespace
+}  // namespace tavrel::tests

@@ -1,0 +1,515 @@
+// Joins that work, and what they leave in the directory and in the keytab.
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "JoinScenario.h"
+#include "Records.h"
+#include "tavrel/DiscoveryService.h"
+#include "tavrel/KrbError.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::AnyOf;
+using testing::ElementsAre;
+
+class DomainJoin : public JoinScenario {};
+
+TEST_F(DomainJoin, ANewMachineGetsAnAccountAPasswordAndAKey) {
+  NameMachine("newbox");
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, "Keytab file not created yet.");
+  EXPECT_EQ(joined.log,
+            R"(1 discovery GetLDAPHosts: Discovering dns hosts for domain CORP.EXAMPLE.COM
+1 discovery GetLDAPHosts: SRV Port: 389
+1 discovery GetLDAPHosts: SRV Target: dc1.corp.example.com
+1 ldap-join Connect: Adding a discovered host dc1.corp.example.com:389
+1 ldap Connect: Connecting to host: ldap://dc1.corp.example.com:389
+1 ldap Connect: LDAP bind is successful
+1 ldap-join GetAccountObject: Getting account object from dc1.corp.example.com:389
+1 ldap-join GetAccountObject: Found account object from dc1.corp.example.com:389
+1 krb-realm Join: Adding to CORP.EXAMPLE.COM
+1 ldap-join SetProperties: Setting user account control: 4096
+2 krb-realm Join: Joined to CORP.EXAMPLE.COM
+1 krb-keytab ASAuthenticate: Keytab file not created yet.
+1 ldap-join GetAccountObject: Getting account object from dc1.corp.example.com:389
+1 ldap-join GetAccountObject: Found user account control on dc1.corp.example.com:389: 4096
+1 ldap-join GetAccountObject: Found account object from dc1.corp.example.com:389
+1 krb-keytab PrintCreds: serverprincipal: CORP.EXAMPLE.COM krbtgt CORP.EXAMPLE.COM
+1 krb-keytab PrintCreds: clientprincipal: CORP.EXAMPLE.COM NEWBOX$
+1 krb-keytab Process: Key: NEWBOX$@CORP.EXAMPLE.COM version 1 at {TIME}
+1 krb-keytab PrintCreds: serverprincipal: CORP.EXAMPLE.COM krbtgt CORP.EXAMPLE.COM
+1 krb-keytab PrintCreds: clientprincipal: CORP.EXAMPLE.COM NEWBOX$
+)");
+  EXPECT_THAT(Entries(), ElementsAre("NEWBOX$@CORP.EXAMPLE.COM version 1 enctype 23"));
+}
+
+TEST_F(DomainJoin, TheAccountHasTheTwelveAttributesInTheirOwnCase) {
+  NameMachine("Mixed-Box", "MIXED-BOX");
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  Attributes stored = directory.Read("MIXED-BOX");
+  const Attributes expected = {
+      {"dn", {"CN=MIXED-BOX,CN=Computers,DC=corp,DC=example,DC=com"}},
+      // The directory completes the classes with those above them.
+      {"objectClass", {"top", "person", "organizationalPerson", "user", "computer"}},
+      {"userAccountControl", {"4096"}},
+      {"dNSHostName", {"mixed-box.CORP.EXAMPLE.COM"}},
+      {"cn", {"MIXED-BOX"}},
+      {"name", {"MIXED-BOX"}},
+      {"sAMAccountName", {"MIXED-BOX$"}},
+      {"displayName", {"MIXED-BOX"}},
+      {"servicePrincipalName", {"HOST/MIXED-BOX", "HOST/mixed-box.CORP.EXAMPLE.COM"}},
+      {"msDS-SupportedEncryptionTypes", {"4"}},
+      {"instanceType", {"4"}},
+      {"operatingSystem", {"Linux"}},
+      {"objectCategory", {"CN=Computer,CN=Schema,CN=Configuration,DC=corp,DC=example,DC=com"}}};
+  for (auto attribute = stored.begin(); attribute != stored.end();) {
+    // What the directory keeps for every account.
+    attribute = expected.count(attribute->first) == 0 ? stored.erase(attribute) : ++attribute;
+  }
+  EXPECT_EQ(stored, expected);
+}
+
+TEST_F(DomainJoin, AJoinedMachineKeepsItsPasswordAndItsKeytab) {
+  NameMachine("joined");
+  JoinedEarlier();
+  const std::string password_state = PasswordState();
+  const std::string keytab_bytes = KeytabBytes();
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kUntouched);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(PasswordState(), password_state);
+  EXPECT_EQ(KeytabBytes(), keytab_bytes);
+}
+
+TEST_F(DomainJoin, CanBeRepeatedOnTheSameRealm) {
+  NameMachine("repeated");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::string password_state = PasswordState();
+  const std::string keytab_bytes = KeytabBytes();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kUntouched);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(PasswordState(), password_state);
+  EXPECT_EQ(KeytabBytes(), keytab_bytes);
+}
+
+TEST_F(DomainJoin, ALostKeytabIsMadeAnew) {
+  NameMachine("lost");
+  JoinedEarlier();
+  const std::string password_state = PasswordState();
+  std::remove(keytab.c_str());
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kNoKeytab, kPresent,
+                             kTicket, kKey1, kTicket}));
+  EXPECT_NE(PasswordState(), password_state);
+  EXPECT_THAT(Entries(), ElementsAre("LOST$@CORP.EXAMPLE.COM version 1 enctype 23"));
+}
+
+TEST_F(DomainJoin, APasswordChangedByOthersIsReplacedAndItsKeyIsTheNextVersion) {
+  NameMachine("changed");
+  JoinedEarlier();
+  PasswordChangedByOthers();
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, "Preauthentication failed");
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kKeyRefused, kPresent,
+                             kTicket, kKey1, kKey2, kTicket}));
+  EXPECT_THAT(Entries(), ElementsAre("CHANGED$@CORP.EXAMPLE.COM version 1 enctype 23",
+                                     "CHANGED$@CORP.EXAMPLE.COM version 2 enctype 23"));
+}
+
+TEST_F(DomainJoin, ThePasswordOfThisProcessIsSetAgainWithoutAnotherKey) {
+  NameMachine("again");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const std::string keytab_bytes = KeytabBytes();
+  PasswordChangedByOthers();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, "Preauthentication failed");
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kKeyRefused, kPresent,
+                             kTicket, kKey1, kTicket}));
+  EXPECT_EQ(KeytabBytes(), keytab_bytes);
+}
+
+TEST_F(DomainJoin, ADisabledAccountIsEnabled) {
+  NameMachine("disabled");
+  JoinedEarlier();
+  Scene("disable 'DISABLED$'");
+  ASSERT_EQ(directory.Value(account, "userAccountControl"), "4098");
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kUntouched);
+  EXPECT_EQ(joined.log,
+            Log({kDiscovered, kBound,
+                 "1 ldap-join GetAccountObject: Getting account object from {DC}\n"
+                 "1 ldap-join GetAccountObject: Found user account control on {DC}: 4098\n"
+                 "1 ldap-join GetAccountObject: Found account object from {DC}\n",
+                 kAlreadyIn, kTicket}));
+  EXPECT_EQ(directory.Value(account, "userAccountControl"), "4096");
+}
+
+struct Flags {
+  const char* object_class;
+  std::uint32_t before;
+  std::uint32_t after;
+};
+class JoinOfAnAccountMadeBeforehand : public JoinScenario,
+                                      public testing::WithParamInterface<Flags> {};
+INSTANTIATE_TEST_SUITE_P(
+    WithFlags, JoinOfAnAccountMadeBeforehand,
+    testing::Values(Flags{"computer", 0x1002, 0x1000},  // disabled
+                    Flags{"computer", 0x1022, 0x1020},  // it needs no password, too
+                    Flags{"user", 0x202, 0x1000},       // a disabled user's
+                    Flags{"user", 0x10202, 0x11000}),   // its password never expires, too
+    [](const auto& test) { return "From" + std::to_string(test.param.before); });
+
+TEST_P(JoinOfAnAccountMadeBeforehand, EnablesAWorkstationAndKeepsItsOtherFlags) {
+  const std::string before = std::to_string(GetParam().before);
+  const std::string after = std::to_string(GetParam().after);
+  NameMachine("beforehand");
+  directory.Add(account, "", GetParam().object_class, GetParam().before);
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  const auto with_flags = [](const std::string& flags) {
+    return "1 ldap-join GetAccountObject: Getting account object from {DC}\n"
+           "1 ldap-join GetAccountObject: Found user account control on {DC}: " +
+           flags +
+           "\n"
+           "1 ldap-join GetAccountObject: Found account object from {DC}\n";
+  };
+  ASSERT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, with_flags(before),
+                             "1 krb-realm Join: Machine already in CORP.EXAMPLE.COM\n"
+                             "1 ldap-join SetProperties: Setting user account control: " +
+                                 after +
+                                 "\n"
+                                 "2 krb-realm Join: Joined to CORP.EXAMPLE.COM\n",
+                             kNoKeytab, with_flags(after), kTicket, kKey1, kTicket}));
+  EXPECT_EQ(directory.Value(account, "userAccountControl"), after);
+}
+
+struct HostName {
+  const char* what;
+  const char* host;
+  const char* account;
+  const char* machine;  // the name in the service names
+};
+class JoinOfAHostNamed : public JoinScenario, public testing::WithParamInterface<HostName> {};
+INSTANTIATE_TEST_SUITE_P(
+    As, JoinOfAHostNamed,
+    testing::Values(
+        HostName{"FifteenCharacters", "fifteen-letters", "FIFTEEN-LETTERS", "fifteen-letters"},
+        HostName{"SixteenCharacters", "sixteen--letters", "SIXTEEN-C0D94D0", "sixteen--letters"},
+        HostName{"ALongName", "ApplianceClusterNode", "APPLIAN-40746CC", "ApplianceClusterNode"},
+        HostName{"AFullName", "dotted.corp.example.com", "DOTTED", "dotted"}),
+    [](const auto& test) { return test.param.what; });
+
+std::string WithCase(std::string text, int (*change)(int)) {
+  for (char& c : text)
+    c = static_cast<char>(change(static_cast<unsigned char>(c)));
+  return text;
+}
+
+TEST_P(JoinOfAHostNamed, ShortensTheAccountAndKeepsTheServiceNamesWhole) {
+  const HostName& name = GetParam();
+  NameMachine(name.host, name.account);
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
+                             kKey1, kTicket}));
+  const std::string fqdn = WithCase(name.machine, std::tolower) + ".CORP.EXAMPLE.COM";
+  Attributes stored = directory.Read(name.account);
+  EXPECT_THAT(stored["sAMAccountName"], ElementsAre(name.account + std::string("$")));
+  EXPECT_THAT(stored["dNSHostName"], ElementsAre(fqdn));
+  EXPECT_THAT(stored["servicePrincipalName"],
+              ElementsAre("HOST/" + WithCase(name.machine, std::toupper), "HOST/" + fqdn));
+  EXPECT_THAT(Entries(),
+              ElementsAre(name.account + std::string("$@CORP.EXAMPLE.COM version 1 enctype 23")));
+}
+
+TEST_F(DomainJoin, LongNamesThatStartAlikeAreOneAccount) {
+  NameMachine("cluster-node-number-1", "CLUSTER-DA68BF3");
+  KrbRealm first = Realm();
+  ASSERT_EQ(Join(first).status, kSuccess);
+  NameMachine("cluster-node-number-2", "CLUSTER-DA68BF3");
+  keytab = folder / "second.keytab";
+  KrbRealm second = Realm();
+
+  const Outcome joined = Join(second);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kNoKeytab, kPresent,
+                             kTicket, kKey1, kTicket}));
+  EXPECT_EQ(directory.Value(account, "dNSHostName"), "cluster-node-number-1.CORP.EXAMPLE.COM");
+}
+
+TEST_F(DomainJoin, ADomainInLowerCaseIsTheSameDomain) {
+  NameMachine("lower");
+  domain = "corp.example.com";
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
+                             kKey1, kTicket}));
+  EXPECT_EQ(directory.Value(account, "dNSHostName"), "lower.CORP.EXAMPLE.COM");
+}
+
+struct Server {
+  const char* what;
+  const char* scheme;
+  const char* after;  // the name
+  vdi::Ldap_encryption encryption;
+  bool verified;
+};
+class JoinThroughAServer : public JoinScenario, public testing::WithParamInterface<Server> {};
+INSTANTIATE_TEST_SUITE_P(
+    Named, JoinThroughAServer,
+    testing::Values(Server{"Bare", "", "", vdi::LDAP_ENCRYPTION_NONE, false},
+                    Server{"BareAndVerified", "", "", vdi::LDAP_ENCRYPTION_NONE, true},
+                    Server{"WithAPort", "", ":389", vdi::LDAP_ENCRYPTION_LDAPS, false},
+                    Server{"WithLdap", "ldap://", "", vdi::LDAP_ENCRYPTION_STARTTLS, true},
+                    Server{"WithLdaps", "ldaps://", "", vdi::LDAP_ENCRYPTION_LDAPS, true},
+                    Server{"WithLdapsNotVerified", "ldaps://", ":636", vdi::LDAP_ENCRYPTION_LDAPS,
+                           false}),
+    [](const auto& test) { return test.param.what; });
+
+TEST_P(JoinThroughAServer, AsksNoOther) {
+  NameMachine("listed");
+  const Server& server = GetParam();
+  dc = server.scheme + Lab("DC_NAME") + server.after;
+  servers = {{dc, server.encryption, server.verified ? Lab("CA") : ""}};
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log,
+            Log({kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket, kKey1, kTicket}));
+}
+
+TEST_F(DomainJoin, ADeadFirstServerIsPassedOverAndItsReasonStays) {
+  NameMachine("second");
+  JoinedEarlier();
+  dc = Lab("DC_NAME");
+  servers = {{Lab("DEAD_IP"), vdi::LDAP_ENCRYPTION_STARTTLS, ""},
+             {dc, vdi::LDAP_ENCRYPTION_STARTTLS, ""}};
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, "Can't contact LDAP server");
+  EXPECT_EQ(joined.log, R"(1 ldap Connect: Connecting to host: ldap://10.53.57.40
+3 ldap Connect: LDAP starttls failed against ldap://10.53.57.40: Can't contact LDAP server
+1 ldap Connect: Connecting to host: ldap://dc1.corp.example.com
+1 ldap Connect: LDAP bind is successful
+1 ldap-join GetAccountObject: Getting account object from dc1.corp.example.com
+1 ldap-join GetAccountObject: Found user account control on dc1.corp.example.com: 4096
+1 ldap-join GetAccountObject: Found account object from dc1.corp.example.com
+1 krb-realm Join: Machine already in CORP.EXAMPLE.COM
+1 ldap-join SetProperties: Setting user account control: 4096
+2 krb-realm Join: Joined to CORP.EXAMPLE.COM
+1 krb-keytab PrintCreds: serverprincipal: CORP.EXAMPLE.COM krbtgt CORP.EXAMPLE.COM
+1 krb-keytab PrintCreds: clientprincipal: CORP.EXAMPLE.COM SECOND$
+)");
+}
+
+TEST_F(DomainJoin, EveryServerIsBoundAndTheFirstIsAsked) {
+  NameMachine("both");
+  dc = Lab("DC_IP");
+  servers = {{dc, vdi::LDAP_ENCRYPTION_STARTTLS, Lab("CA")},
+             {"ldaps://" + Lab("DC_NAME"), vdi::LDAP_ENCRYPTION_LDAPS, Lab("CA")}};
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, kNotCreated);
+  EXPECT_EQ(joined.log, Log({kBound,
+                             "1 ldap Connect: Connecting to host: ldaps://dc1.corp.example.com\n"
+                             "1 ldap Connect: LDAP bind is successful\n",
+                             kAbsent, kAdded, kNoKeytab, kPresent, kTicket, kKey1, kTicket}));
+}
+
+// Announces the dead controller in DNS while it lives.
+class DeadController {
+ public:
+  DeadController() {
+    JoinScenario::Scene("dns add " + Lab("DEAD_NAME") + " A " + Lab("DEAD_IP"));
+    JoinScenario::Scene("dns add " + kService + " SRV " + kRecord);
+  }
+  DeadController(const DeadController&) = delete;
+  DeadController& operator=(const DeadController&) = delete;
+  ~DeadController() {
+    JoinScenario::Scene("dns delete " + kService + " SRV " + kRecord);
+    JoinScenario::Scene("dns delete " + Lab("DEAD_NAME"));
+  }
+
+ private:
+  const std::string kService = "_ldap._tcp.dc._msdcs." + Lab("DOMAIN");
+  const std::string kRecord = "0 100 389 " + Lab("DEAD_NAME") + ".";
+};
+
+TEST_F(DomainJoin, ADeadControllerInDnsIsPassedOverWhereverItStands) {
+  NameMachine("discovering");
+  JoinedEarlier();
+  const DeadController dead;
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.error, "Can't contact LDAP server");
+  const std::string asked =
+      "1 discovery GetLDAPHosts: Discovering dns hosts for domain CORP.EXAMPLE.COM\n";
+  const auto named = [](const std::string& host) {
+    return "1 discovery GetLDAPHosts: SRV Port: 389\n"
+           "1 discovery GetLDAPHosts: SRV Target: " +
+           host + "\n";
+  };
+  const auto tried = [](const std::string& host) {
+    return "1 ldap-join Connect: Adding a discovered host " + host + ":389\n";
+  };
+  const std::string live = Lab("DC_NAME");
+  const std::string gone = Lab("DEAD_NAME");
+  const std::string failed =
+      "1 ldap Connect: Connecting to host: ldap://dc2.corp.example.com:389\n"
+      "3 ldap Connect: LDAP starttls failed against ldap://dc2.corp.example.com:389: "
+      "Can't contact LDAP server\n";
+  EXPECT_THAT(joined.log, AnyOf(Log({asked, named(live), named(gone), tried(live), tried(gone),
+                                     kBound, failed, kPresent, kAlreadyIn, kTicket}),
+                                Log({asked, named(gone), named(live), tried(gone), tried(live),
+                                     failed, kBound, kPresent, kAlreadyIn, kTicket})));
+}
+
+TEST_F(DomainJoin, TheFormWithoutServersAsksDns) {
+  NameMachine("short");
+  KrbRealm realm(domain, user, password, keytab);
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
+                             kKey1, kTicket}));
+}
+
+TEST_F(DomainJoin, ParametersOfTheCallAreUsedOnceInPlaceOfTheRealmsOwn) {
+  NameMachine("others");
+  KrbRealm realm("nowhere.example.com", "nobody", "nothing", keytab);
+  const JoinParameters parameters = Parameters();
+
+  const Outcome joined = Run([&](std::string* error) { return realm.Join(parameters, error); });
+  const Outcome own = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
+                             kKey1, kTicket}));
+  EXPECT_EQ(own.status, kFailure);
+  EXPECT_EQ(own.error,
+            "Unable to connect to NOWHERE.EXAMPLE.COM: Unable to find ldap host for domain");
+}
+
+TEST_F(DomainJoin, TheAccountStepAloneSetsNoPasswordAndWritesNoKey) {
+  NameMachine("step");
+  KrbRealm realm = Realm();
+  const JoinParameters parameters = Parameters();
+  const DNSDiscoveryService discovery;
+  Joiner joiner(&parameters, &discovery);
+  ASSERT_TRUE(joiner.Connect(nullptr));
+
+  const Outcome joined =
+      Run([&](std::string* error) { return realm.Join(joiner, parameters, error); });
+
+  EXPECT_EQ(joined.status, true);
+  EXPECT_EQ(joined.error, kUntouched);
+  EXPECT_EQ(joined.log, Log({kAbsent, kAdded}));
+  EXPECT_EQ(directory.Value(account, "pwdLastSet"), "0");
+  EXPECT_NE(access(keytab.c_str(), F_OK), 0);
+}
+
+TEST_F(DomainJoin, TheAccountStepFailsOnAJoinerThatIsNotConnected) {
+  NameMachine("step");
+  KrbRealm realm = Realm();
+  const JoinParameters parameters = Parameters();
+  const DNSDiscoveryService discovery;
+  const Joiner joiner(&parameters, &discovery);
+
+  const Outcome joined =
+      Run([&](std::string* error) { return realm.Join(joiner, parameters, error); });
+  const Outcome untold =
+      RunWithoutError([&](std::string* error) { return realm.Join(joiner, parameters, error); });
+
+  EXPECT_EQ(joined.status, false);
+  EXPECT_EQ(untold.status, false);
+  EXPECT_EQ(joined.error, "Failed to get account object from host CORP.EXAMPLE.COM: (untouched)");
+  EXPECT_EQ(joined.log,
+            "3 ldap-join GetAccountObject: Unable to find an account object on any available "
+            "server\n"
+            "4 krb-realm Join: Failed to get account object from host CORP.EXAMPLE.COM: "
+            "(untouched)\n");
+}
+
+TEST_F(DomainJoin, ARealmWithoutAKeytabIsConstructedAndDestroyed) {
+  keytab = "";
+  TakeLog();
+
+  { const KrbRealm realm = Realm(); }
+
+  EXPECT_EQ(TakeLog(),
+            "4 krb-param SetKeytab: Keytab path is empty\n"
+            "4 krb-realm KrbRealm: Error initializing kerberos keytab to \n");
+}
+
+TEST_F(DomainJoin, ARealmIsConstructedAndDestroyedWithoutAWord) {
+  TakeLog();
+
+  { const KrbRealm realm = Realm(); }
+
+  EXPECT_EQ(TakeLog(), "");
+}
+
+}  // namespace
+}  // namespace tavrel::tests
