@@ -1,0 +1,390 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <list>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Directory.h"
+#include "LogCapture.h"
+#include "tavrel/Ldap.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using vdi::LDAP_ENCRYPTION_LDAPS;
+using vdi::LDAP_ENCRYPTION_NONE;
+using vdi::LDAP_ENCRYPTION_STARTTLS;
+
+const std::string kDc1 = "dc1.corp.example.com";
+const std::string kDc2 = "dc2.corp.example.com";  // its certificate has expired
+const std::string kRenamed = "renamed.corp.example.com";
+const std::string kDead = "dead.corp.example.com";
+
+struct Server {
+  std::string host;
+  vdi::Ldap_encryption encryption;
+  std::string cert_file;  // among the servers' files; empty for none
+};
+
+void PrintTo(const Server& server, std::ostream* out) {
+  *out << server.host << " with encryption " << server.encryption << " and certificates '"
+       << server.cert_file << "'";
+}
+
+Ldap Session(const Server& server) {
+  return {server.host, server.encryption,
+          server.cert_file.empty() ? "" : ServerFile(server.cert_file)};
+}
+
+// --- servers that accept -------------------------------------------------------------------------
+
+struct Accepting {
+  Server server;
+  std::string url;
+  bool protected_by_tls;
+};
+
+void PrintTo(const Accepting& accepting, std::ostream* out) {
+  PrintTo(accepting.server, out);
+}
+
+class ServerAccepts : public testing::TestWithParam<Accepting> {};
+
+TEST_P(ServerAccepts, ABindOverTheTransportChosen) {
+  const Accepting& accepting = GetParam();
+  Ldap session = Session(accepting.server);
+  LogCapture log;
+  std::string error;
+
+  const bool connected = session.Connect(kAdmin, kAdminPassword, &error);
+
+  ASSERT_TRUE(connected) << error;
+  EXPECT_EQ(error, "");
+  EXPECT_EQ(ldap_tls_inplace(session.handle) != 0, accepting.protected_by_tls);
+  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap Connect: Connecting to host: " + accepting.url,
+                                       "1 ldap Connect: LDAP bind is successful"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Servers, ServerAccepts,
+    testing::Values(
+        Accepting{{"ldap://" + kDc1, LDAP_ENCRYPTION_NONE, ""}, "ldap://" + kDc1, false},
+        Accepting{{"ldap://" + kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"}, "ldap://" + kDc1, true},
+        Accepting{{"ldap://" + kDc1, LDAP_ENCRYPTION_STARTTLS, ""}, "ldap://" + kDc1, true},
+        // TLS options alone protect nothing.
+        Accepting{{"ldap://" + kDc1, LDAP_ENCRYPTION_LDAPS, "ca.pem"}, "ldap://" + kDc1, false},
+        Accepting{{"ldaps://" + kDc1, LDAP_ENCRYPTION_LDAPS, "ca.pem"}, "ldaps://" + kDc1, true},
+        Accepting{{"ldaps://" + kDc1 + ":636", LDAP_ENCRYPTION_LDAPS, ""},
+                  "ldaps://" + kDc1 + ":636",
+                  true},
+        // A host without a scheme gets StartTLS whatever was asked for.
+        Accepting{{kDc1, LDAP_ENCRYPTION_NONE, "ca.pem"}, "ldap://" + kDc1, true},
+        Accepting{{kDc1, LDAP_ENCRYPTION_LDAPS, ""}, "ldap://" + kDc1, true},
+        Accepting{
+            {kDc1 + ":389", LDAP_ENCRYPTION_STARTTLS, "ca.pem"}, "ldap://" + kDc1 + ":389", true},
+        // Without an authority nobody looks at the certificate.
+        Accepting{{kDc2, LDAP_ENCRYPTION_STARTTLS, ""}, "ldap://" + kDc2, true},
+        Accepting{{"ldaps://" + kDc2, LDAP_ENCRYPTION_LDAPS, ""}, "ldaps://" + kDc2, true},
+        Accepting{{kRenamed, LDAP_ENCRYPTION_STARTTLS, ""}, "ldap://" + kRenamed, true},
+        Accepting{
+            {"ldaps://" + kRenamed, LDAP_ENCRYPTION_LDAPS, ""}, "ldaps://" + kRenamed, true}));
+
+// --- servers that do not -------------------------------------------------------------------------
+
+struct Refusing {
+  std::string name;
+  Server server;
+  std::string record;  // the level-3 record up to the library's text
+  std::string error;
+};
+
+void PrintTo(const Refusing& refusing, std::ostream* out) {
+  PrintTo(refusing.server, out);
+}
+
+class ServerIsRefused : public testing::TestWithParam<Refusing> {};
+
+TEST_P(ServerIsRefused, WithTheReason) {
+  const Refusing& refusing = GetParam();
+  Ldap session = Session(refusing.server);
+  LogCapture log;
+  std::string error;
+
+  const bool connected = session.Connect(kAdmin, kAdminPassword, &error);
+
+  EXPECT_FALSE(connected);
+  EXPECT_EQ(error, refusing.error);
+  const std::string url = refusing.record.substr(refusing.record.rfind(" against ") + 9);
+  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap Connect: Connecting to host: " + url,
+                                       "3 ldap Connect: " + refusing.record + ": " + error));
+}
+
+constexpr char kNoContact[] = "Can't contact LDAP server";
+constexpr char kNoTls[] = "Connect error";
+const std::string kStartTls = "LDAP starttls failed against ldap://";
+const std::string kBind = "LDAP bind failed against ";
+
+INSTANTIATE_TEST_SUITE_P(
+    Certificates, ServerIsRefused,
+    testing::Values(Refusing{"StartTlsOfAnotherAuthority",
+                             {kDc1, LDAP_ENCRYPTION_NONE, "wrong-ca.pem"},
+                             kStartTls + kDc1,
+                             kNoTls},
+                    Refusing{"StartTlsOfNoAuthority",
+                             {kDc1, LDAP_ENCRYPTION_NONE, "ldap.conf"},
+                             kStartTls + kDc1,
+                             kNoTls},
+                    Refusing{"StartTlsExpired",
+                             {kDc2, LDAP_ENCRYPTION_NONE, "ca.pem"},
+                             kStartTls + kDc2,
+                             kNoTls},
+                    Refusing{"StartTlsOfAnotherName",
+                             {kRenamed, LDAP_ENCRYPTION_NONE, "ca.pem"},
+                             kStartTls + kRenamed,
+                             kNoTls},
+                    Refusing{"LdapsOfAnotherAuthority",
+                             {"ldaps://" + kDc1, LDAP_ENCRYPTION_LDAPS, "wrong-ca.pem"},
+                             kBind + "ldaps://" + kDc1,
+                             kNoContact},
+                    Refusing{"LdapsExpired",
+                             {"ldaps://" + kDc2, LDAP_ENCRYPTION_LDAPS, "ca.pem"},
+                             kBind + "ldaps://" + kDc2,
+                             kNoContact},
+                    Refusing{"LdapsOfAnotherName",
+                             {"ldaps://" + kRenamed, LDAP_ENCRYPTION_LDAPS, "ca.pem"},
+                             kBind + "ldaps://" + kRenamed,
+                             kNoContact},
+                    // Without options the library's own stand: to verify, and to trust nobody.
+                    Refusing{"LdapsWithoutOptions",
+                             {"ldaps://" + kDc1, LDAP_ENCRYPTION_NONE, "ca.pem"},
+                             kBind + "ldaps://" + kDc1,
+                             kNoContact}),
+    [](const auto& info) { return info.param.name; });
+
+INSTANTIATE_TEST_SUITE_P(
+    Contact, ServerIsRefused,
+    testing::Values(Refusing{"StartTlsOnARefusedPort",
+                             {kDead, LDAP_ENCRYPTION_NONE, ""},
+                             kStartTls + kDead,
+                             kNoContact},
+                    Refusing{"BindOnARefusedPort",
+                             {"ldap://" + kDead, LDAP_ENCRYPTION_NONE, ""},
+                             kBind + "ldap://" + kDead,
+                             kNoContact},
+                    Refusing{"LdapsOnARefusedPort",
+                             {"ldaps://" + kDead, LDAP_ENCRYPTION_LDAPS, ""},
+                             kBind + "ldaps://" + kDead,
+                             kNoContact},
+                    Refusing{"StartTlsWithAnUnknownName",
+                             {"nobody.corp.example.com", LDAP_ENCRYPTION_NONE, ""},
+                             kStartTls + "nobody.corp.example.com",
+                             kNoContact},
+                    Refusing{"BindWithAnUnknownName",
+                             {"ldap://nobody.corp.example.com", LDAP_ENCRYPTION_NONE, ""},
+                             kBind + "ldap://nobody.corp.example.com",
+                             kNoContact},
+                    // Upper case makes no scheme.
+                    Refusing{"UpperCaseScheme",
+                             {"LDAP://" + kDc1, LDAP_ENCRYPTION_NONE, ""},
+                             "LDAP init failed against ldap://LDAP://" + kDc1,
+                             "Bad parameter to an ldap routine"},
+                    Refusing{"StartTlsWithinLdaps",
+                             {"ldaps://" + kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"},
+                             "LDAP starttls failed against ldaps://" + kDc1,
+                             "Operations error"},
+                    // This server takes passwords over TLS alone.
+                    Refusing{"BindWithoutTls",
+                             {"ldap://" + kDc2, LDAP_ENCRYPTION_NONE, ""},
+                             kBind + "ldap://" + kDc2,
+                             "Confidentiality required"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(LdapConnection, NeedsTheFileOfAuthoritiesThatItIsGiven) {
+  Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "missing.pem"});
+  LogCapture log;
+  std::string error;
+
+  const bool connected = session.Connect(kAdmin, kAdminPassword, &error);
+
+  EXPECT_FALSE(connected);
+  EXPECT_EQ(error, kNoContact);
+  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap Connect: Connecting to host: ldap://" + kDc1,
+                                       "3 ldap Connect: LDAP new tls context failed against "
+                                       "ldap://" +
+                                           kDc1 + ": " + kNoContact));
+}
+
+// --- user and password ---------------------------------------------------------------------------
+
+TEST(LdapConnection, FailsAtTheBindWithAWrongPasswordAndKeepsItsHandle) {
+  Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
+  LogCapture log;
+  std::string error;
+
+  const bool connected = session.Connect(kAdmin, "Wrong.Pass.1", &error);
+
+  EXPECT_FALSE(connected);
+  EXPECT_EQ(error, "Invalid credentials");
+  EXPECT_NE(session.handle, nullptr);
+  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap Connect: Connecting to host: ldap://" + kDc1,
+                                       "3 ldap Connect: LDAP bind failed against ldap://" + kDc1 +
+                                           ": Invalid credentials"));
+  session.Disconnect();
+  EXPECT_EQ(session.handle, nullptr);
+}
+
+TEST(LdapConnection, LeavesTheServerToJudgeNameAndPassword) {
+  struct Case {
+    std::string user, password, error;
+  };
+  const Case cases[] = {
+      {kReader, kReaderPassword, ""},
+      {"Reader", kReaderPassword, "Invalid DN syntax"},
+      {kReader, "", "Server is unwilling to perform"},
+      {"", "", ""},  // anonymous
+      {kReader, std::string(kReaderPassword) + '\0', "Invalid credentials"},
+  };
+
+  for (const Case& the : cases) {
+    Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
+    std::string error;
+
+    const bool connected = session.Connect(the.user, the.password, &error);
+
+    EXPECT_EQ(connected, the.error.empty()) << "as '" << the.user << "'";
+    EXPECT_EQ(error, the.error);
+  }
+}
+
+// --- silence -------------------------------------------------------------------------------------
+
+// A port of this machine where connections are accepted and nothing is ever answered.
+class SilentServer {
+ public:
+  SilentServer() : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (bind(socket_, generic, size) != 0 || listen(socket_, 8) != 0 ||
+        getsockname(socket_, generic, &size) != 0)
+      throw std::runtime_error("cannot listen");
+    address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  }
+  SilentServer(const SilentServer&) = delete;
+  SilentServer& operator=(const SilentServer&) = delete;
+  ~SilentServer() { close(socket_); }
+
+  const std::string& Address() const { return address_; }
+
+ private:
+  int socket_;
+  std::string address_;
+};
+
+// with-slapd's ldap.conf says 5 seconds.
+TEST(LdapConnection, WaitsForASilentServerAsLongAsLdapConfSays) {
+  const SilentServer server;
+  const std::pair<std::string, std::string> cases[] = {
+      {server.Address(), kStartTls + server.Address()},
+      {"ldap://" + server.Address(), kBind + "ldap://" + server.Address()},
+  };
+
+  for (const auto& [host, record] : cases) {
+    Ldap session(host, LDAP_ENCRYPTION_NONE, "");
+    LogCapture log;
+    std::string error;
+    const auto start = std::chrono::steady_clock::now();
+
+    const bool connected = session.Connect(kAdmin, kAdminPassword, &error);
+
+    const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+    EXPECT_FALSE(connected);
+    EXPECT_EQ(error, "Timed out");
+    EXPECT_GT(waited.count(), 4);
+    EXPECT_LT(waited.count(), 60);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("1 ldap Connect: Connecting to host: ldap://" + server.Address(),
+                            "3 ldap Connect: " + record + ": Timed out"));
+  }
+}
+
+// --- several sessions ----------------------------------------------------------------------------
+
+TEST(LdapConnection, HasTlsOptionsOfItsOwn) {
+  struct Case {
+    std::string cert_file;
+    bool accepted;
+  };
+  std::list<Ldap> sessions;
+
+  for (const Case& the : std::vector<Case>{{"ca.pem", true},
+                                           {"wrong-ca.pem", false},
+                                           {"", true},
+                                           {"wrong-ca.pem", false},
+                                           {"ca.pem", true}}) {
+    Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, the.cert_file});
+    EXPECT_EQ(session.Connect(kAdmin, kAdminPassword, nullptr), the.accepted)
+        << "with '" << the.cert_file << "'";
+    sessions.push_back(session);
+  }
+}
+
+int Descriptor(const Ldap& session) {
+  int descriptor = -1;
+  ldap_get_option(session.handle, LDAP_OPT_DESC, &descriptor);
+  return descriptor;
+}
+
+bool IsOpen(int descriptor) {
+  return fcntl(descriptor, F_GETFD) != -1 || errno != EBADF;
+}
+
+TEST(LdapConnection, StaysOpenInACopyUntilThatIsDisconnected) {
+  std::list<Ldap> sessions;
+  {
+    Ldap original = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
+    ASSERT_TRUE(original.Connect(kAdmin, kAdminPassword, nullptr));
+    sessions.push_back(original);
+  }
+  Ldap& copy = sessions.back();
+  const int descriptor = Descriptor(copy);
+  berval* identity = nullptr;
+
+  const int answer = ldap_whoami_s(copy.handle, &identity, nullptr, nullptr);
+
+  EXPECT_EQ(answer, LDAP_SUCCESS);
+  ASSERT_NE(identity, nullptr);
+  EXPECT_EQ(std::string(identity->bv_val, identity->bv_len), std::string("dn:") + kAdmin);
+  EXPECT_TRUE(IsOpen(descriptor));
+  copy.Disconnect();
+  EXPECT_FALSE(IsOpen(descriptor));
+  ber_bvfree(identity);
+}
+
+TEST(LdapConnection, IsClosedWithItsSession) {
+  int descriptor = -1;
+
+  for (const char* password : {kAdminPassword, "Wrong.Pass.1"}) {
+    Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
+    session.Connect(kAdmin, password, nullptr);
+    descriptor = Descriptor(session);
+    ASSERT_TRUE(IsOpen(descriptor));
+  }
+
+  EXPECT_FALSE(IsOpen(descriptor));
+}
+
+}  // namespace
+}  // namespace tavrel::tests
