@@ -1,0 +1,433 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <list>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Directory.h"
+#include "Interpose.h"
+#include "LdapRequest.h"
+#include "LogCapture.h"
+#include "MachineName.h"
+#include "tavrel/DiscoveryService.h"
+#include "tavrel/Join.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using vdi::LDAP_ENCRYPTION_NONE;
+using vdi::LDAP_ENCRYPTION_STARTTLS;
+
+constexpr char kDn[] = "cn=APPLIANCE,cn=Computers,dc=CORP,dc=EXAMPLE,dc=COM";
+constexpr char kDc1[] = "dc1.corp.example.com";
+
+LdapServer Server(const std::string& host) {
+  return {host, LDAP_ENCRYPTION_STARTTLS, ""};
+}
+
+// A machine named appliance, without an account, that is to join corp.example.com.
+class AccountTest : public testing::Test {
+ protected:
+  AccountTest() {
+    admin.Delete(kDn);
+    Administrator("dc2.corp.example.com").Delete(kDn);
+  }
+
+  static JoinParameters Params(const std::list<LdapServer>& servers,
+                               const std::string& user = kAdmin,
+                               const std::string& password = kAdminPassword) {
+    return {"corp.example.com", servers, user, password};
+  }
+
+  // An account with these flags.
+  void AddAccount(const std::vector<std::string>& flags) const {
+    Object object = {{"objectClass", {"user", "computer"}}};
+    if (!flags.empty()) object["userAccountControl"] = flags;
+    admin.Add(kDn, object);
+  }
+
+  // The account's only value of `attribute`, as the directory has it now.
+  std::string Stored(const std::string& attribute) const {
+    const std::vector<std::string> values = admin.Read(kDn).value().at(attribute);
+    return values.size() == 1 ? values[0] : "not one value";
+  }
+
+  const MachineName name{"Appliance.lab"};
+  const Administrator admin;
+  const DNSDiscoveryService discovery;
+  std::string error;
+};
+
+// The joiner of most tests, bound to dc1.
+class BoundAccountTest : public AccountTest {
+ protected:
+  void SetUp() override { ASSERT_TRUE(joiner.Connect(&error)) << error; }
+
+  AccountObject Lookup() { return joiner.GetAccountObject(joiner.sessions.front(), &error); }
+
+  JoinParameters params = Params({{kDc1, LDAP_ENCRYPTION_STARTTLS, ServerFile("ca.pem")}});
+  Joiner joiner{&params, &discovery};
+};
+
+// --- connecting ----------------------------------------------------------------------------------
+
+TEST_F(AccountTest, IsReachedThroughTheSecondServerWhenTheFirstIsDead) {
+  const JoinParameters params = Params({Server("dead.corp.example.com"), Server(kDc1)});
+  Joiner joiner(&params, &discovery);
+  LogCapture log;
+
+  const bool connected = joiner.Connect(&error);
+
+  EXPECT_TRUE(connected);
+  EXPECT_EQ(error, "Can't contact LDAP server");
+  ASSERT_THAT(joiner.sessions, SizeIs(2));
+  EXPECT_EQ(joiner.sessions.front().handle, nullptr);
+  EXPECT_NE(joiner.sessions.back().handle, nullptr);
+  const AccountObject account = joiner.GetAccountObject(&error);
+  EXPECT_FALSE(account.failed);
+  EXPECT_EQ(account.ldap, joiner.sessions.back().handle);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("1 ldap Connect: Connecting to host: ldap://dead.corp.example.com",
+                          "3 ldap Connect: LDAP starttls failed against "
+                          "ldap://dead.corp.example.com: Can't contact LDAP server",
+                          "1 ldap Connect: Connecting to host: ldap://dc1.corp.example.com",
+                          "1 ldap Connect: LDAP bind is successful",
+                          "1 ldap-join GetAccountObject: Getting account object from "
+                          "dc1.corp.example.com",
+                          "1 ldap-join GetAccountObject: Found account object from "
+                          "dc1.corp.example.com"));
+}
+
+TEST_F(AccountTest, IsNotReachedWhenEveryServerRefuses) {
+  const JoinParameters params =
+      Params({Server("dead.corp.example.com"), Server(kDc1)}, kAdmin, "Wrong.Pass.1");
+  Joiner joiner(&params, &discovery);
+
+  const bool connected = joiner.Connect(&error);
+
+  EXPECT_FALSE(connected);
+  EXPECT_EQ(error, "Invalid credentials");
+  EXPECT_THAT(joiner.sessions, testing::Each(testing::Field(&Ldap::handle, nullptr)));
+}
+
+TEST_F(AccountTest, GetsMoreSessionsFromASecondConnect) {
+  const JoinParameters params = Params({Server(kDc1), Server("dc2.corp.example.com")});
+  Joiner joiner(&params, &discovery);
+
+  EXPECT_TRUE(joiner.Connect(&error));
+  EXPECT_TRUE(joiner.Connect(&error));
+
+  std::vector<std::string> hosts;
+  for (const Ldap& session : joiner.sessions) {
+    EXPECT_NE(session.handle, nullptr);
+    hosts.push_back(session.host);
+  }
+  EXPECT_THAT(hosts, ElementsAre(kDc1, "dc2.corp.example.com", kDc1, "dc2.corp.example.com"));
+}
+
+TEST_F(AccountTest, IsReachedThroughServersThatTheDnsNames) {
+  const JoinParameters params = Params({});
+  Joiner joiner(&params, &discovery);
+
+  const bool connected = joiner.Connect(&error);
+
+  EXPECT_TRUE(connected);
+  std::vector<std::string> sessions;
+  for (const Ldap& session : joiner.sessions)
+    sessions.push_back(session.host + (session.handle != nullptr ? " bound" : " closed"));
+  EXPECT_THAT(sessions, testing::UnorderedElementsAre("dead.corp.example.com:389 closed",
+                                                      "dc1.corp.example.com:389 bound",
+                                                      "dc2.corp.example.com:389 bound"));
+}
+
+TEST_F(AccountTest, IsOutOfReachWhenTheDnsNamesNobody) {
+  const JoinParameters params("nowhere.example.com", {}, kAdmin, kAdminPassword);
+  Joiner joiner(&params, &discovery);
+  LogCapture log;
+
+  const bool connected = joiner.Connect(&error);
+
+  EXPECT_FALSE(connected);
+  EXPECT_EQ(error, "Unable to find ldap host for domain");
+  EXPECT_THAT(joiner.sessions, IsEmpty());
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAre("1 discovery GetLDAPHosts: Discovering dns hosts for domain NOWHERE.EXAMPLE.COM",
+                  "4 discovery GetLDAPHosts: Error in dns search for domain  NOWHERE.EXAMPLE.COM",
+                  "4 ldap-join Connect: Unable to find ldap host for domain NOWHERE.EXAMPLE.COM"));
+}
+
+// --- lookup --------------------------------------------------------------------------------------
+
+TEST_F(BoundAccountTest, IsAbsentBeforeItIsAdded) {
+  LogCapture log;
+
+  const AccountObject account = Lookup();
+
+  EXPECT_FALSE(account.failed);
+  EXPECT_FALSE(account.exists);
+  EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
+  EXPECT_EQ(error, "");
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(BoundAccountTest, HasTheFlagsThatTheDirectoryHas) {
+  AddAccount({"4098"});
+  LogCapture log;
+
+  const AccountObject account = Lookup();
+
+  EXPECT_FALSE(account.failed);
+  EXPECT_TRUE(account.exists);
+  EXPECT_EQ(account.user_account_control, 4098U);
+  EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
+  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap-join GetAccountObject: Found user account control "
+                                       "on dc1.corp.example.com: 4098"));
+}
+
+TEST_F(BoundAccountTest, IsTakenForAWorkstationWithoutASingleValue) {
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{}, "Missing user account controls attribute on "},
+      {{"514", "512"}, "Multiple values found for userAccountControl on "},
+  };
+
+  for (const auto& [flags, warning] : cases) {
+    AddAccount(flags);
+    LogCapture log;
+
+    const AccountObject account = Lookup();
+
+    EXPECT_FALSE(account.failed);
+    EXPECT_TRUE(account.exists);
+    EXPECT_EQ(account.user_account_control, 4096U);
+    EXPECT_THAT(log.Lines(), ElementsAre("3 ldap-join GetAccountObject: " + warning + kDc1));
+    admin.Delete(kDn);
+  }
+}
+
+TEST_F(BoundAccountTest, MakesTheLookupThrowWhenItsFlagsAreNoNumber) {
+  AddAccount({"none"});
+
+  EXPECT_THROW(Lookup(), std::invalid_argument);
+}
+
+TEST_F(BoundAccountTest, MakesTheLookupThrowWhenItsFlagsAreBeyond32Bits) {
+  AddAccount({"2147483648"});
+
+  EXPECT_THROW(Lookup(), std::out_of_range);
+}
+
+TEST_F(BoundAccountTest, IsNotLookedForOnTheServerOfAReferral) {
+  const MachineName referred("referred");
+  LogCapture log;
+
+  const AccountObject account = Lookup();
+
+  EXPECT_TRUE(account.failed);
+  EXPECT_FALSE(account.exists);
+  EXPECT_EQ(error, "Referral");
+  EXPECT_THAT(log.Lines(), ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: "
+                                       "Referral"));
+}
+
+TEST_F(BoundAccountTest, IsLookedForOnTheNextSessionWhenASearchFails) {
+  AddAccount({"514"});
+  const JoinParameters blind = Params({Server(kDc1)}, kBlind, kBlindPassword);
+  Joiner both(&blind, &discovery);
+  ASSERT_TRUE(both.Connect(nullptr));
+  both.sessions.push_back(joiner.sessions.front());
+  LogCapture log;
+
+  const AccountObject account = both.GetAccountObject(&error);
+
+  EXPECT_FALSE(account.failed);
+  EXPECT_TRUE(account.exists);
+  EXPECT_EQ(account.user_account_control, 514U);
+  EXPECT_EQ(account.ldap, both.sessions.back().handle);
+  EXPECT_EQ(error, "Insufficient access");
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("1 ldap-join GetAccountObject: Getting account object from "
+                          "dc1.corp.example.com",
+                          "4 ldap-join GetAccountObject: LDAP search failed: Insufficient access",
+                          "1 ldap-join GetAccountObject: Getting account object from "
+                          "dc1.corp.example.com",
+                          "1 ldap-join GetAccountObject: Found user account control on "
+                          "dc1.corp.example.com: 514",
+                          "1 ldap-join GetAccountObject: Found account object from "
+                          "dc1.corp.example.com"));
+}
+
+TEST_F(BoundAccountTest, IsDecidedByTheFirstServerThatAnswers) {
+  Administrator("dc2.corp.example.com")
+      .Add(kDn, {{"objectClass", {"user", "computer"}}, {"userAccountControl", {"512"}}});
+  const JoinParameters two = Params({Server(kDc1), Server("dc2.corp.example.com")});
+  Joiner both(&two, &discovery);
+  ASSERT_TRUE(both.Connect(&error));
+
+  const AccountObject account = both.GetAccountObject(&error);
+
+  EXPECT_FALSE(account.failed);
+  EXPECT_FALSE(account.exists);
+  EXPECT_EQ(account.ldap, both.sessions.front().handle);
+}
+
+// --- creation ------------------------------------------------------------------------------------
+
+TEST_F(BoundAccountTest, IsAddedWithTwelveAttributes) {
+  std::vector<std::string> request;
+  const StandIn watched(calls::ldap_add_ext_s, [&](LDAP* ldap, const char* dn, LDAPMod** attributes,
+                                                   LDAPControl** server, LDAPControl** client) {
+    request = Describe(attributes);
+    return calls::ldap_add_ext_s.Real(ldap, dn, attributes, server, client);
+  });
+  LogCapture log;
+
+  const AccountObject account = joiner.AddAccountObject(Lookup(), &error);
+
+  EXPECT_FALSE(account.failed) << error;
+  EXPECT_TRUE(account.exists);
+  EXPECT_EQ(account.user_account_control, 4096U);
+  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(
+      request,
+      ElementsAre("add objectClass: user, computer", "add userAccountControl: 4096",
+                  "add dNSHostName: appliance.CORP.EXAMPLE.COM", "add cn: APPLIANCE",
+                  "add name: APPLIANCE", "add sAMAccountName: APPLIANCE$",
+                  "add displayName: APPLIANCE",
+                  "add servicePrincipalName: HOST/APPLIANCE, HOST/appliance.CORP.EXAMPLE.COM",
+                  "add msDs-supportedEncryptionTypes: 4", "add instanceType: 4",
+                  "add operatingSystem: Linux",
+                  "add objectCategory: "
+                  "CN=Computer,CN=Schema,CN=Configuration,dc=CORP,dc=EXAMPLE,dc=COM"));
+  const Object expected = {
+      {"objectClass", {"user", "computer"}},
+      {"userAccountControl", {"4096"}},
+      {"dNSHostName", {"appliance.CORP.EXAMPLE.COM"}},
+      {"cn", {"APPLIANCE"}},
+      {"name", {"APPLIANCE"}},
+      {"sAMAccountName", {"APPLIANCE$"}},
+      {"displayName", {"APPLIANCE"}},
+      {"servicePrincipalName", {"HOST/APPLIANCE", "HOST/appliance.CORP.EXAMPLE.COM"}},
+      {"msDS-SupportedEncryptionTypes", {"4"}},
+      {"instanceType", {"4"}},
+      {"operatingSystem", {"Linux"}},
+      // which this server writes its own way
+      {"objectCategory", {"cn=Computer,cn=Schema,cn=Configuration,dc=CORP,dc=EXAMPLE,dc=COM"}},
+  };
+  EXPECT_EQ(admin.Read(kDn), expected);
+}
+
+TEST_F(BoundAccountTest, IsFoundOnceItIsAdded) {
+  joiner.AddAccountObject(Lookup(), &error);
+
+  const AccountObject account = joiner.GetAccountObject(&error);
+
+  EXPECT_TRUE(account.exists);
+  EXPECT_EQ(account.user_account_control, 4096U);
+}
+
+TEST_F(BoundAccountTest, IsNotAddedTwice) {
+  AddAccount({"514"});
+  LogCapture log;
+
+  const AccountObject account =
+      joiner.AddAccountObject({false, true, joiner.sessions.front().handle, 514}, &error);
+
+  EXPECT_TRUE(account.failed);
+  EXPECT_FALSE(account.exists);
+  EXPECT_EQ(error, "Already exists");
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Already exists"));
+  EXPECT_EQ(Stored("userAccountControl"), "514");
+}
+
+// --- flags and password --------------------------------------------------------------------------
+
+TEST_F(BoundAccountTest, BecomesAnEnabledWorkstationAndKeepsItsOtherFlags) {
+  const std::pair<std::string, std::string> cases[] = {{"514", "4096"},
+                                                       {"4096", "4096"},
+                                                       {"70146", "69632"} /* 0x11202 */,
+                                                       {"66050", "69632"} /* 0x10202 */,
+                                                       {"-1", "4294966781"}};
+
+  for (const auto& [before, after] : cases) {
+    AddAccount({before});
+    const AccountObject account = Lookup();
+    LogCapture log;
+
+    const bool set = joiner.SetProperties(account, &error);
+
+    EXPECT_TRUE(set) << error;
+    EXPECT_EQ(Stored("userAccountControl"), after);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("1 ldap-join SetProperties: Setting user account control: " + after));
+    admin.Delete(kDn);
+  }
+}
+
+TEST_F(BoundAccountTest, LosesAllButOneOfSeveralFlagValues) {
+  AddAccount({"514", "512"});
+
+  EXPECT_TRUE(joiner.SetProperties(Lookup(), &error));
+
+  EXPECT_EQ(Stored("userAccountControl"), "4096");
+}
+
+TEST_F(BoundAccountTest, GetsTheQuotedMachinePasswordInUtf16) {
+  AddAccount({"4096"});
+  std::string expected;
+  for (const char c : '"' + params.GetMachinePassword() + '"')
+    expected.append({c, '\0'});
+  LogCapture log;
+
+  for (int time = 1; time <= 2; ++time) {
+    EXPECT_TRUE(joiner.SetPassword(Lookup(), &error)) << error;
+    EXPECT_EQ(Hex(Stored("unicodePwd")), Hex(expected));
+  }
+
+  EXPECT_THAT(expected, SizeIs(104));
+  EXPECT_THAT(log.Lines("ldap-join"), SizeIs(2));  // of the lookups
+}
+
+TEST_F(AccountTest, IsNotChangedByAUserWhoMayOnlyRead) {
+  const JoinParameters params = Params({Server(kDc1)}, kReader, kReaderPassword);
+  Joiner joiner(&params, &discovery);
+  ASSERT_TRUE(joiner.Connect(&error));
+  const AccountObject absent = joiner.GetAccountObject(&error);
+  LogCapture log;
+
+  EXPECT_TRUE(joiner.AddAccountObject(absent, &error).failed);
+  EXPECT_EQ(std::exchange(error, ""), "Insufficient access");
+  AddAccount({"514"});
+  EXPECT_FALSE(joiner.SetProperties(absent, &error));
+  EXPECT_EQ(std::exchange(error, ""), "Insufficient access");
+  EXPECT_FALSE(joiner.SetPassword(absent, &error));
+  EXPECT_EQ(error, "Insufficient access");
+
+  EXPECT_EQ(Stored("userAccountControl"), "514");
+  EXPECT_EQ(admin.Read(kDn)->count("unicodePwd"), 0U);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Insufficient access",
+                          "1 ldap-join SetProperties: Setting user account control: 4096",
+                          "4 ldap-join SetProperties: LDAP modify failed: Insufficient access",
+                          "4 ldap-join SetPassword: LDAP modify failed: Insufficient access"));
+}
+
+TEST_F(BoundAccountTest, IsNotChangedWhenItIsNotThere) {
+  const AccountObject absent = Lookup();
+
+  EXPECT_FALSE(joiner.SetProperties(absent, &error));
+
+  EXPECT_EQ(error, "No such object");
+  EXPECT_EQ(admin.Read(kDn), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tavrel::tests
