@@ -1,0 +1,476 @@
+// KrbRealm::Join in every way that it can end.
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+#include "KrbRealmScenario.h"
+#include "tavrel/DiscoveryService.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::Not;
+
+const std::string kRepairSteps = kAccountSteps + "ticket by keytab, find, password, ";
+
+// --- the complete join ---------------------------------------------------------------------------
+
+// Of a machine that holds a key. All three ways into it end alike.
+class AJoin : public testing::TestWithParam<Scenario> {};
+
+TEST_P(AJoin, WithTheRealmsOwnParametersEndsSo) {
+  Check(GetParam(), "corp.example.com", true, {},
+        [](Machine& machine, std::string* error) { return machine.Join(error); });
+}
+
+TEST_P(AJoin, WithGivenParametersEndsSo) {
+  const JoinParameters params = Parameters();
+  Check(GetParam(), "other.example.net", true, {},
+        [&](Machine& machine, std::string* error) { return machine.Join(params, error); });
+}
+
+TEST_P(AJoin, AsATestWithTheKeytabEndsSo) {
+  Check(GetParam(), "other.example.net", true,
+        {"1 krb-realm TestJoin: Found key for principal, testing with keytab"},
+        [](Machine& machine, std::string* error) {
+          return machine.TestJoin("corp.example.com", "Administrator", "Admin.Pass.1", error);
+        });
+}
+
+INSTANTIATE_TEST_SUITE_P(BeforeKerberos, AJoin,
+                         testing::ValuesIn(BeforeKerberos("3 krb-realm Join: ")), NameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    OfKeysThatWork, AJoin,
+    testing::Values(
+        Scenario{"InTime", [](FakeDomain&) {}, kSuccess, "as before",
+                 kAccountSteps + "ticket by keytab, unbind", kAccountReady + kTicket},
+        Scenario{"AtAnotherTime", [](FakeDomain& domain) { domain.by_keytab = {kSkewed}; },
+                 kClockSkew, "as before", kAccountSteps + "ticket by keytab, unbind",
+                 kAccountReady + kTicketOfAnotherTime},
+        Scenario{"AtATimeThatTheKdcRefuses",
+                 [](FakeDomain& domain) { domain.by_keytab = {kTooSkewed}; }, kClockSkew, kSkew,
+                 kAccountSteps + "ticket by keytab, unbind", kAccountReady + ByKeytab(kSkew)},
+        Scenario{"InANewAccount", [](FakeDomain& domain) { domain.lookups = {kAbsent}; }, kSuccess,
+                 "as before", "dns, bind, find, add, flags 4096, ticket by keytab, unbind",
+                 kAccountMade + kTicket},
+        Scenario{
+            "AndKeepsOtherFlags",
+            [](FakeDomain& domain) {
+              domain.lookups = {{LDAP_SUCCESS, "66050"}};  // 0x10202
+            },
+            kSuccess, "as before",
+            "dns, bind, find, flags 69632, ticket by keytab, unbind",  // 0x11000
+            kConnected + Found("66050") + kAlready + SettingFlags("69632") + kJoined + kTicket}),
+    NameOf);
+
+const std::string kNoPassword = "Unable to set machine password for CORP.EXAMPLE.COM: ";
+const std::string kNoProof =
+    "Unable to authenticate to CORP.EXAMPLE.COM KDC after setting password: ";
+const std::string kNoKey = "Unable to write Kerberos keytab for CORP.EXAMPLE.COM: ";
+
+INSTANTIATE_TEST_SUITE_P(
+    OfKeysThatFail, AJoin,
+    testing::Values(
+        Scenario{"IsRepaired",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused, kGood};
+                 },
+                 kSuccess, kWrong,
+                 kRepairSteps + "ticket by password, key 2, ticket by keytab, unbind",
+                 kKeyFailed + Found("4098") + kTicket + kPrinted + kTicket},
+        Scenario{"ForAReasonThatIsUnknown",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {{ENOMEM, 0}, kGood};
+                 },
+                 kSuccess, "Cannot allocate memory",
+                 kRepairSteps + "ticket by password, key 2, ticket by keytab, unbind",
+                 kAccountReady + ByKeytab("Cannot allocate memory") +
+                     Lines{"3 krb-error KrbErrorToStatus: Unknown krb5 error found: 12"} +
+                     Found("4098") + kTicket + kPrinted + kTicket},
+        Scenario{"WhenThePasswordIsRefused",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.set_password = LDAP_UNWILLING_TO_PERFORM;
+                 },
+                 kFailure, kNoPassword + "Server is unwilling to perform", kRepairSteps + "unbind",
+                 kKeyFailed + Found("4098") +
+                     Lines{"4 ldap-join SetPassword: LDAP modify failed: Server is unwilling to "
+                           "perform"}},
+        Scenario{"WhenTheAccountCannotBeFoundAgain",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.lookups = {kPresent, kForbidden};
+                 },
+                 kFailure, kNoPassword + "Invalid LDAP context",
+                 kAccountSteps + "ticket by keytab, find, unbind",
+                 kKeyFailed + NotFound("Insufficient access")},
+        Scenario{"WhenTheAccountsFlagsAreNoNumberNow",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.lookups = {kPresent, kUnreadable};
+                 },
+                 kFailure, kNoPassword + "Invalid LDAP context",
+                 kAccountSteps + "ticket by keytab, find, unbind", kKeyFailed + kAsked},
+        Scenario{"WhenTheAccountIsGone",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.lookups = {kPresent, kAbsent};
+                   domain.set_password = LDAP_NO_SUCH_OBJECT;
+                 },
+                 kFailure, kNoPassword + "No such object", kRepairSteps + "unbind",
+                 kKeyFailed + kAsked + kAnswered +
+                     Lines{"4 ldap-join SetPassword: LDAP modify failed: No such object"}},
+        Scenario{"WhenTheKdcKnowsNotThePassword",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.by_password = {kRefused};
+                 },
+                 kFailure, kNoProof + kWrong, kRepairSteps + "ticket by password, unbind",
+                 kKeyFailed + Found("4098") + ByPassword(kWrong)},
+        Scenario{"WhenTheKdcRefusesTheTimeOfThePassword",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.by_password = {kTooSkewed};
+                 },
+                 kClockSkew, kNoProof + kSkew, kRepairSteps + "ticket by password, unbind",
+                 kKeyFailed + Found("4098") + ByPassword(kSkew)},
+        // Nothing replaces the earlier reason.
+        Scenario{"WhenThePasswordsTicketIsOfAnotherTime",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.by_password = {kSkewed};
+                 },
+                 kClockSkew, kNoProof + kWrong, kRepairSteps + "ticket by password, unbind",
+                 kKeyFailed + Found("4098") + kTicketOfAnotherTime},
+        Scenario{"WhenThereIsNoSalt",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.make_salt = ENOMEM;
+                 },
+                 kSuccess, kNoKey + "Cannot allocate memory",
+                 kRepairSteps + "ticket by password, unbind",
+                 kKeyFailed + Found("4098") + kTicket +
+                     Lines{"4 krb-keytab WriteKey: Error generating principal salt: Cannot "
+                           "allocate memory"}},
+        Scenario{"WhenThereIsNoKey",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.make_key = KRB5_BAD_ENCTYPE;
+                 },
+                 kSuccess, kNoKey + "Bad encryption type",
+                 kRepairSteps + "ticket by password, unbind",
+                 kKeyFailed + Found("4098") + kTicket +
+                     Lines{"4 krb-keytab WriteKey: Error creating key from password: Bad "
+                           "encryption type"}},
+        Scenario{"WhenTheKeytabCannotBeWritten",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused};
+                   domain.add_key = KRB5_KT_NOWRITE;
+                 },
+                 kSuccess, kNoKey + "Cannot write to specified key table",
+                 kRepairSteps + "ticket by password, key 2, unbind",
+                 kKeyFailed + Found("4098") + kTicket +
+                     Lines{"4 krb-keytab WriteKey: Error adding key to keytab: Cannot write to "
+                           "specified key table"}},
+        Scenario{"WhenTheKdcKnowsNotTheKey",
+                 [](FakeDomain& domain) { domain.by_keytab = {kRefused}; }, kFailure,
+                 kUnproven + kWrong,
+                 kRepairSteps + "ticket by password, key 2, ticket by keytab, unbind",
+                 kKeyFailed + Found("4098") + kTicket + kPrinted + ByKeytab(kWrong)},
+        Scenario{"WhenTheKdcRefusesTheTimeOfTheKey",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused, kTooSkewed};
+                 },
+                 kClockSkew, kUnproven + kSkew,
+                 kRepairSteps + "ticket by password, key 2, ticket by keytab, unbind",
+                 kKeyFailed + Found("4098") + kTicket + kPrinted + ByKeytab(kSkew)},
+        Scenario{"WhenTheKeysTicketIsOfAnotherTime",
+                 [](FakeDomain& domain) {
+                   domain.by_keytab = {kRefused, kSkewed};
+                 },
+                 kClockSkew, kUnproven + kWrong,
+                 kRepairSteps + "ticket by password, key 2, ticket by keytab, unbind",
+                 kKeyFailed + Found("4098") + kTicket + kPrinted + kTicketOfAnotherTime}),
+    NameOf);
+
+// Of a machine without a key, which is no test with the keytab.
+class AFirstJoin : public testing::TestWithParam<Scenario> {};
+
+TEST_P(AFirstJoin, WithTheRealmsOwnParametersEndsSo) {
+  Check(GetParam(), "corp.example.com", false, {},
+        [](Machine& machine, std::string* error) { return machine.Join(error); });
+}
+
+TEST_P(AFirstJoin, WithGivenParametersEndsSo) {
+  const JoinParameters params = Parameters();
+  Check(GetParam(), "other.example.net", false, {},
+        [&](Machine& machine, std::string* error) { return machine.Join(params, error); });
+}
+
+const std::string kNotCreated = "Keytab file not created yet.";
+const std::string kFirstSteps =
+    "dns, bind, find, add, flags 4096, find, password, ticket by password, ";
+
+INSTANTIATE_TEST_SUITE_P(
+    , AFirstJoin,
+    testing::Values(
+        Scenario{"OfANewAccount",
+                 [](FakeDomain& domain) {
+                   domain.lookups = {kAbsent, {LDAP_SUCCESS, "4096"}};
+                 },
+                 kSuccess, kNotCreated, kFirstSteps + "key 1, ticket by keytab, unbind",
+                 kAccountMade + Exchange(1, kNotCreated) + Found("4096") + kTicket + Printed("1") +
+                     kTicket},
+        Scenario{"OfANewAccountAtAnotherTime",
+                 [](FakeDomain& domain) {
+                   domain.lookups = {kAbsent, {LDAP_SUCCESS, "4096"}};
+                   domain.by_password = {kSkewed};
+                 },
+                 kClockSkew, kNoProof + kNotCreated, kFirstSteps + "unbind",
+                 kAccountMade + Exchange(1, kNotCreated) + Found("4096") + kTicketOfAnotherTime},
+        Scenario{"OfAnAccountThatExists", [](FakeDomain&) {}, kSuccess, kNotCreated,
+                 kAccountSteps + "find, password, ticket by password, key 1, ticket by keytab, "
+                                 "unbind",
+                 kAccountReady + Exchange(1, kNotCreated) + Found("4098") + kTicket + Printed("1") +
+                     kTicket}),
+    NameOf);
+
+// --- the account step alone ----------------------------------------------------------------------
+
+TEST(TheAccountStep, AsksTheDirectoryAlone) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  Machine machine("corp.example.com");
+  const JoinParameters params = Parameters();
+  const DNSDiscoveryService discovery;
+  Joiner joiner(&params, &discovery);
+  ASSERT_TRUE(joiner.Connect(nullptr));
+  std::string error = "as before";
+  LogCapture log;
+
+  const bool joined = machine.Join(joiner, params, &error);
+
+  EXPECT_TRUE(joined);
+  EXPECT_EQ(error, "as before");
+  EXPECT_EQ(domain.Steps(), "dns, bind, find, flags 4096");
+  EXPECT_THAT(log.Lines(),
+              ElementsAreArray(Found("4098") + kAlready + SettingFlags("4096") + kJoined));
+  EXPECT_EQ(machine.krb_context.client_principal, nullptr);
+}
+
+// Nothing replaces the earlier reason.
+TEST(TheAccountStep, FailsWithoutASession) {
+  const KrbSettings settings;
+  Machine machine("corp.example.com");
+  const JoinParameters params = Parameters();
+  const DNSDiscoveryService discovery;
+  const Joiner joiner(&params, &discovery);
+  std::string error = "as before";
+  const std::string prefix = "Failed to get account object from host CORP.EXAMPLE.COM: ";
+  LogCapture log;
+
+  const bool joined = machine.Join(joiner, params, &error);
+  const bool joined_without_text = machine.Join(joiner, params, nullptr);
+
+  EXPECT_FALSE(joined);
+  EXPECT_FALSE(joined_without_text);
+  EXPECT_EQ(error, prefix + "as before");
+  EXPECT_THAT(log.Lines(), ElementsAreArray(kNoAnswer + Realm(4, prefix + "as before") + kNoAnswer +
+                                            Realm(4, prefix)));
+}
+
+// --- the keytab ----------------------------------------------------------------------------------
+
+TEST(AJoiningRealm, WithoutAKeytabJoinsAllTheSame) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  Machine machine("corp.example.com", "");
+  std::string error = "as before";
+  LogCapture log;
+
+  const int status = machine.Join(&error);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(error, kNoKey + "Key table name malformed");
+  EXPECT_EQ(domain.Steps(), kAccountSteps + "find, password, ticket by password, unbind");
+  EXPECT_THAT(
+      log.Lines(),
+      ElementsAreArray(kAccountReady + Exchange(4, "Invalid keytab file name.") + Found("4098") +
+                       kTicket +
+                       Lines{"4 krb-keytab WriteKey: Error adding key to keytab: Key table name "
+                             "malformed"}));
+}
+
+TEST(AJoiningRealm, JoinsAllTheSameWhenTheKeytabsFolderIsMissing) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  const std::string path = settings / "missing/keytab";
+  Machine machine("corp.example.com", path);
+  std::string error;
+
+  const int status = machine.Join(&error);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(error, kNoKey + "Key table file '" + path + "' not found");
+  EXPECT_EQ(domain.Steps(), kAccountSteps + "find, password, ticket by password, key 1, unbind");
+}
+
+TEST(AJoiningRealm, LeavesAKeytabAloneWhoseKeysWork) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  Machine machine("corp.example.com", settings / "keytab");
+  ASSERT_EQ(machine.Join(nullptr), kSuccess);
+  const CallTrace trace;
+
+  const int status = machine.Join(nullptr);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(Keytab(&machine.krb_context).GetNextClientVno(), 2u);
+  EXPECT_THAT(trace.Names(), Not(Contains("krb5_kt_add_entry")));
+}
+
+// A second password is not made: the first one's key is current already.
+TEST(AJoiningRealm, WritesTheKeyOfThePasswordThatItSet) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  domain.by_keytab = {kRefused, kGood};
+  Machine machine("corp.example.com", settings / "keytab");
+  machine.HoldKey();
+  ASSERT_EQ(machine.Join(nullptr), kSuccess);
+  Keytab keytab(&machine.krb_context);
+  const std::uint32_t next = keytab.GetNextClientVno();
+
+  const bool current = keytab.WriteKey(Parameters().GetMachinePassword(), nullptr);
+
+  EXPECT_TRUE(current);
+  EXPECT_EQ(next, 3u);
+  EXPECT_EQ(keytab.GetNextClientVno(), next);
+}
+
+// --- several controllers -------------------------------------------------------------------------
+
+TEST(AJoiningRealm, AsksTheServersThatItWasGiven) {
+  const KrbSettings settings;
+  Machine machine("other.example.net");
+  machine.HoldKey();
+  FakeDomain domain;
+  domain.binds = {LDAP_INVALID_CREDENTIALS, LDAP_SUCCESS, LDAP_SUCCESS};
+  const std::list<LdapServer> servers = {{"dc1", vdi::LDAP_ENCRYPTION_STARTTLS, ""},
+                                         {"dc2", vdi::LDAP_ENCRYPTION_STARTTLS, ""},
+                                         {"dc3", vdi::LDAP_ENCRYPTION_STARTTLS, ""}};
+  const JoinParameters params("corp.example.com", servers, "Administrator", "Admin.Pass.1");
+  std::string error;
+  LogCapture log;
+
+  const int status = machine.Join(params, &error);
+
+  EXPECT_EQ(status, kSuccess);
+  EXPECT_EQ(error, "Invalid credentials");
+  EXPECT_EQ(domain.Steps(),
+            "bind, unbind, bind, bind, find, flags 4096, ticket by keytab, unbind, unbind");
+  EXPECT_EQ(Text(log.Lines()),
+            Text(Lines{"1 ldap Connect: Connecting to host: ldap://dc1",
+                       "3 ldap Connect: LDAP bind failed against ldap://dc1: Invalid credentials",
+                       "1 ldap Connect: Connecting to host: ldap://dc2",
+                       "1 ldap Connect: LDAP bind is successful",
+                       "1 ldap Connect: Connecting to host: ldap://dc3",
+                       "1 ldap Connect: LDAP bind is successful",
+                       "1 ldap-join GetAccountObject: Getting account object from dc2",
+                       "1 ldap-join GetAccountObject: Found user account control on dc2: 4098",
+                       "1 ldap-join GetAccountObject: Found account object from dc2"} +
+                 kAlready + SettingFlags("4096") + kJoined + kTicket));
+}
+
+// --- no password ---------------------------------------------------------------------------------
+
+TEST(TheRealm, CannotJoinWithoutAMachinePassword) {
+  const KrbSettings settings;
+  const StandIn without_random(calls::open, [](auto...) {
+    errno = EMFILE;
+    return -1;
+  });
+  FakeDomain domain;
+  domain.by_password = {kRefused};
+  Machine machine("nopassword.example.com");
+  std::string join_error;
+  std::string test_error;
+
+  const int join = machine.Join(&join_error);
+  const int test = machine.TestJoin(Parameters("nopassword.example.com"), &test_error);
+
+  EXPECT_EQ(join, kFailure);
+  EXPECT_EQ(join_error,
+            "Unable to set machine password for NOPASSWORD.EXAMPLE.COM: Unable to generate "
+            "password to join domain");
+  EXPECT_EQ(test, kFailure);
+  EXPECT_EQ(test_error,
+            "Unable to set password on NOPASSWORD.EXAMPLE.COM: Unable to generate password to "
+            "join domain");
+  EXPECT_EQ(domain.Steps(),
+            kAccountSteps + "find, unbind, " + kAccountSteps + "ticket by password, find, unbind");
+  EXPECT_THAT(domain.Passwords(), ElementsAre(""));
+}
+
+// --- no memory -----------------------------------------------------------------------------------
+
+TEST(AJoiningRealm, ReleasesEverythingWhenThereIsNoMemory) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  const StandIn exhausted(calls::ldap_modify_ext_s, [](auto...) -> int { throw std::bad_alloc(); });
+  Machine machine("corp.example.com");
+
+  EXPECT_THROW(machine.Join(nullptr), std::bad_alloc);
+
+  EXPECT_EQ(domain.Held(), 0);
+  EXPECT_EQ(domain.Steps(), "dns, bind, find, unbind");
+}
+
+// --- every call ----------------------------------------------------------------------------------
+
+TEST(AJoiningRealm, MakesEachCallInItsOrder) {
+  const KrbSettings settings;
+  FakeDomain domain;
+  domain.lookups = {kAbsent, kPresent};
+  Machine machine("corp.example.com", settings / "keytab");
+  Parameters().GetMachinePassword();  // made now, so that its calls are not among those below
+  const CallTrace trace;
+
+  const int status = machine.Join(nullptr);
+
+  EXPECT_EQ(status, kSuccess);
+  Lines calls = trace.Names();  // but for the host name, which every derived name asks for anew
+  calls.erase(std::remove(calls.begin(), calls.end(), "gethostname"), calls.end());
+  const Lines options(5, "ldap_set_option");
+  EXPECT_EQ(
+      Text(calls),
+      Text(Lines{"res_search", "ns_initparse", "ns_parserr", "ns_name_uncompress",
+                 "ldap_initialize"} +
+           options +
+           Lines{// The connection, and the principal.
+                 "ldap_start_tls_s", "ldap_sasl_bind_s", "krb5_parse_name",
+                 // The account is looked up, added, and its flags are set.
+                 "ldap_search_ext_s", "ldap_add_ext_s", "ldap_modify_ext_s",
+                 // There is no key.
+                 "krb5_kt_have_content",
+                 // The account is looked up again, and its password set and proven.
+                 "ldap_search_ext_s", "ldap_first_entry", "ldap_get_values_len",
+                 "ldap_value_free_len", "ldap_next_entry", "ldap_msgfree", "ldap_modify_ext_s",
+                 "krb5_get_init_creds_password", "time", "krb5_free_cred_contents",
+                 // The key is written: the highest version is looked for, then the key itself.
+                 "krb5_principal2salt", "krb5_kt_start_seq_get", "krb5_c_string_to_key",
+                 "krb5_free_data_contents", "krb5_kt_start_seq_get", "krb5_kt_add_entry",
+                 "krb5_free_keyblock_contents",
+                 // The keytab is printed, and its key proven.
+                 "krb5_kt_start_seq_get", "krb5_kt_next_entry", "krb5_free_keytab_entry_contents",
+                 "krb5_kt_next_entry", "krb5_kt_end_seq_get", "krb5_kt_have_content",
+                 "krb5_get_init_creds_keytab", "time", "krb5_free_cred_contents",
+                 // The session was open all the time.
+                 "ldap_unbind_ext"}));
+}
+
+}  // namespace
+}  // namespace tavrel::tests
