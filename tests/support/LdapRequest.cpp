@@ -40,14 +40,4 @@ std::vector<std::string> Describe(const LDAPMod* const* modifications) {
   return texts;
 }
 
-std::string Hex(const std::string& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string digits;
-  for (const unsigned char byte : bytes) {
-    digits += kDigits[byte >> 4U];
-    digits += kDigits[byte & 0xFU];
-  }
-  return digits;
-}
-
 }  // namespace tavrel::tests

@@ -7,14 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "Hex.h"
+
 namespace tavrel::tests {
 
 // The modifications in their order, each as "operation attribute: value, value", for example
 // "add objectClass: user, computer". The values of a "replace binary" are hexadecimal.
 std::vector<std::string> Describe(const LDAPMod* const* modifications);
-
-// `bytes` as lower-case hexadecimal digits.
-std::string Hex(const std::string& bytes);
 
 }  // namespace tavrel::tests
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Hex.h"
 #include "KrbSettings.h"
 #include "tavrel/KrbContext.h"
 #include "tavrel/KrbKeytab.h"
@@ -26,9 +27,6 @@ struct StoredKey {
 
 // The bytes of the RC4-HMAC key that belongs to `password`.
 std::string Rc4Key(const std::string& password);
-
-// "00ff" for two such bytes.
-std::string Hex(const std::string& bytes);
 
 // What the file holds; empty when there is none.
 std::string FileBytes(const std::string& path);

@@ -50,11 +50,11 @@ JoinParameters Of(const std::string& domain) {
 class Generations {
  public:
   Generations()
-      : opened_(calls::open, [this](const char* path, int flags) {
+      : opened_(calls::open, [this](const char* path, int flags, mode_t mode) {
           ++count_;
-          return calls::open.Real(path, flags);
+          return calls::open.Real(path, flags, mode);
         }) {
-    const int device = calls::open.Real("/dev/null", 0);  // finds the real function beforehand
+    const int device = calls::open.Real("/dev/null", 0, 0);  // finds the real function beforehand
     calls::close.Real(device);
   }
 
@@ -103,7 +103,7 @@ TEST(GetMachinePassword, IsEmptyWithoutTheRandomDeviceAndMadeOnceItIsBack) {
   LogCapture log;
 
   {
-    const StandIn missing(calls::open, [](const char*, int) {
+    const StandIn missing(calls::open, [](auto...) {
       errno = ENOENT;
       return -1;
     });
@@ -152,7 +152,7 @@ TEST(GetMachinePassword, IsMadeOnceHoweverManyThreadsAskAtOnce) {
 TEST(GetMachinePassword, GivesTheLockBackWhenAnExceptionPasses) {
   const JoinParameters params = Of("interrupted.example.com");
   {
-    const StandIn interrupted(calls::open, [](const char*, int) -> int { throw std::bad_alloc(); });
+    const StandIn interrupted(calls::open, [](auto...) -> int { throw std::bad_alloc(); });
     ASSERT_THROW(params.GetMachinePassword(), std::bad_alloc);
   }
 

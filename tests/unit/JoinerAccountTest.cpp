@@ -158,7 +158,7 @@ TEST_F(AccountChange, ReportsThatThePasswordWasRefusedAndDoesNotTellIt) {
 TEST_F(AccountChange, SetsNoPasswordWhenNoneCouldBeMade) {
   const JoinParameters unmade("unmade.example.com", {}, "admin", "secret");
   const Joiner other(&unmade, &discovery);
-  const StandIn no_device(calls::open, [](const char*, int) {
+  const StandIn no_device(calls::open, [](auto...) {
     errno = ENOENT;
     return -1;
   });

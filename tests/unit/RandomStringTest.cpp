@@ -114,8 +114,8 @@ TEST(RandomString, IsEmptyForALengthThatIsNoPositive32BitNumber) {
 TEST(RandomString, ReadsTheDeviceOnceAndClosesIt) {
   std::vector<std::string> steps;
   int device = -1;
-  const StandIn opened(calls::open, [&](const char* path, int flags) {
-    device = calls::open.Real(path, flags);
+  const StandIn opened(calls::open, [&](const char* path, int flags, mode_t mode) {
+    device = calls::open.Real(path, flags, mode);
     steps.push_back(std::string("open ") + path);
     EXPECT_EQ(flags & O_ACCMODE, O_RDONLY);
     return device;
@@ -147,7 +147,7 @@ TEST(RandomString, TakesTheseStepsAndFreesItsChain) {
 }
 
 TEST(RandomString, IsEmptyWithoutTheDevice) {
-  const StandIn missing(calls::open, [](const char*, int) {
+  const StandIn missing(calls::open, [](auto...) {
     errno = EMFILE;
     return -1;
   });
