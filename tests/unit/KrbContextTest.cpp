@@ -43,6 +43,9 @@ std::string Name(const KrbContext& krb) {
   return name;
 }
 
+// A line of a configuration that libkrb5 makes no context from.
+constexpr char kMalformed[] = "a line without a relation";
+
 // libkrb5 fails, whatever the arguments.
 constexpr auto kFails = [](auto...) -> krb5_error_code { return ENOMEM; };
 
@@ -91,7 +94,7 @@ TEST(Construction, AsksForTheTextWithoutAContext) {
 }
 
 TEST(Construction, WithAMalformedConfigurationYieldsNoContext) {
-  const KrbSettings settings("a line without a relation");
+  const KrbSettings settings(kMalformed);
   LogCapture log;
 
   const KrbContext krb;
@@ -320,7 +323,7 @@ TEST(AFailure, WithoutATextIsLoggedAsThePrefixAlone) {
 }
 
 TEST(WithoutAContext, NothingCanBeSet) {
-  const StandIn broken(calls::krb5_init_context, kFails);
+  const KrbSettings settings(kMalformed);
   KrbContext krb;
   LogCapture log;
   CallTrace trace;
@@ -341,7 +344,7 @@ TEST(WithoutAContext, NothingCanBeSet) {
 }
 
 TEST(WithoutAContext, AnEmptyPathIsReportedAsSuch) {
-  const StandIn broken(calls::krb5_init_context, kFails);
+  const KrbSettings settings(kMalformed);
   KrbContext krb;
   LogCapture log;
 
