@@ -62,7 +62,7 @@ class Generations {
 
  private:
   std::atomic<int> count_ = 0;
-  const StandIn<Interposed<int(const char*, int)>> opened_;
+  const StandIn<Interposed<int(const char*, int, mode_t)>> opened_;
 };
 
 TEST(GetMachinePassword, IsTheSame50CharactersForEveryObjectOfADomain) {
