@@ -29,7 +29,6 @@ const std::string kMachinePassword = Env("KDC_MACHINE_PASSWORD");
 const std::string kServicePassword = Env("KDC_SERVICE_PASSWORD");
 const std::string kUserPassword = Env("KDC_USER_PASSWORD");
 
-constexpr char kNow[] = "KDC_PORT";
 constexpr char kAhead[] = "KDC_PORT_AHEAD";
 constexpr char kBehind[] = "KDC_PORT_BEHIND";
 constexpr char kTolerant[] = "clockskew = 3600";

@@ -461,9 +461,9 @@ TEST(AJoiningRealm, MakesEachCallInItsOrder) {
                  "ldap_value_free_len", "ldap_next_entry", "ldap_msgfree", "ldap_modify_ext_s",
                  "krb5_get_init_creds_password", "time", "krb5_free_cred_contents",
                  // The key is written: the highest version is looked for, then the key itself.
-                 "krb5_principal2salt", "krb5_kt_start_seq_get", "krb5_c_string_to_key",
-                 "krb5_free_data_contents", "krb5_kt_start_seq_get", "krb5_kt_add_entry",
-                 "krb5_free_keyblock_contents",
+                 "krb5_principal2salt", "__memset_to_buf", "krb5_kt_start_seq_get",
+                 "krb5_c_string_to_key", "krb5_free_data_contents", "krb5_kt_start_seq_get",
+                 "krb5_kt_add_entry", "krb5_free_keyblock_contents",
                  // The keytab is printed, and its key proven.
                  "krb5_kt_start_seq_get", "krb5_kt_next_entry", "krb5_free_keytab_entry_contents",
                  "krb5_kt_next_entry", "krb5_kt_end_seq_get", "krb5_kt_have_content",

@@ -141,6 +141,7 @@ TEST(ARealmDestroyed, ReleasesOnlyWhatThereIs) {
 }
 
 TEST(ARealmDestroyed, ReleasesNothingWithoutAContext) {
+  const KrbContext earlier;  // libkrb5 has its texts once it has made a context
   const StandIn broken(calls::krb5_init_context,
                        [](krb5_context*) -> krb5_error_code { return ENOMEM; });
   auto realm = std::make_unique<Realm>("corp.example.com", "Admin", "", "MEMORY:realm");
@@ -241,6 +242,7 @@ TEST_F(ASlot, FourIsTheFirstOfADerivedClass) {
 // --- afterwards ----------------------------------------------------------------------------------
 
 TEST(ARealmWithoutAContext, RefusesEveryUser) {
+  const KrbContext earlier;  // libkrb5 has its texts once it has made a context
   const StandIn broken(calls::krb5_init_context,
                        [](krb5_context*) -> krb5_error_code { return ENOMEM; });
   Realm realm("corp.example.com", "Admin", "", "MEMORY:realm");
@@ -260,6 +262,7 @@ TEST(ARealmWithoutAContext, RefusesEveryUser) {
 }
 
 TEST(ARealmWithoutAContext, TestsNoJoin) {
+  const KrbContext earlier;  // libkrb5 has its texts once it has made a context
   const StandIn broken(calls::krb5_init_context,
                        [](krb5_context*) -> krb5_error_code { return ENOMEM; });
   Realm realm("corp.example.com", "Admin", "", "MEMORY:realm");
