@@ -9,10 +9,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <iomanip>
-#include <memory>
-#include <regex>
-#include <sstream>
 #include <stdexcept>
 
 namespace tavrel::tests {
@@ -96,10 +92,7 @@ void JoinScenario::TearDown() {
       JoinParameters(Lab("REALM"), {}, "", "").GetMachinePassword()};
   KeytabFile(keytab).ForEach([&](const krb5_keytab_entry& entry) {
     const std::string key(reinterpret_cast<const char*>(entry.key.contents), entry.key.length);
-    std::ostringstream digits;
-    for (const char byte : key)
-      digits << std::hex << std::setw(2) << std::setfill('0') << (byte & 0xFF);
-    secrets.insert(secrets.end(), {key, digits.str()});
+    secrets.insert(secrets.end(), {key, Hex(key)});
   });
   for (const std::string& secret : secrets) {
     if (secret.empty()) continue;
@@ -140,15 +133,18 @@ Outcome JoinScenario::TestJoin(KrbRealm& realm) {
 }
 
 std::string JoinScenario::TakeLog() {
+  static constexpr std::string_view kEntry = "1 krb-keytab Process: Key: ";
+  static constexpr std::string_view kAt = " at ";
   std::string lines;
-  for (const std::string& line : log_.Lines()) {
-    static const std::regex kEntry("(1 krb-keytab Process: Key: .* at )([0-9]+)");
-    std::smatch parts;
-    // libkrb5's clock is the KDC's, as far as it knows it: it may be a second off.
-    const bool is_new = std::regex_match(line, parts, kEntry) &&
-                        std::stol(parts[2]) >= began_ - 1 &&
-                        std::stol(parts[2]) <= std::time(nullptr) + 1;
-    lines += (is_new ? parts[1].str() + "{TIME}" : line) + "\n";
+  for (std::string line : log_.Lines()) {
+    if (line.compare(0, kEntry.size(), kEntry) == 0) {
+      const std::size_t number = line.rfind(kAt) + kAt.size();
+      const long written = std::stol(line.substr(number));
+      // libkrb5's clock is the KDC's, as far as it knows it: it may be a second off.
+      const bool now = written >= began_ - 1 && written <= std::time(nullptr) + 1;
+      if (now) line.replace(number, std::string::npos, "{TIME}");
+    }
+    lines += line + "\n";
   }
   log_.Clear();
   written_ += lines;
@@ -183,20 +179,17 @@ void JoinScenario::PasswordChangedByOthers() {
   Scene("password '" + account + "$' " + kChangedPassword);
 }
 
-void JoinScenario::AddKey(const std::string& name, std::string key_password) const {
+void JoinScenario::AddKey(const std::string& name, const std::string& key_password) const {
   const KeytabFile file(keytab);
-  krb5_data secret{};
-  secret.data = key_password.data();
-  secret.length = static_cast<unsigned>(key_password.size());
-  krb5_data salt{};  // RC4-HMAC takes none
+  const ParsedPrincipal principal(name + "$@" + Lab("REALM"));
+  std::string key = Rc4Key(key_password);
   krb5_keytab_entry entry{};
+  entry.principal = principal.Get();
   entry.vno = 1;
-  if (krb5_parse_name(file.context, (name + "$@" + Lab("REALM")).c_str(), &entry.principal) != 0 ||
-      krb5_c_string_to_key(file.context, ENCTYPE_ARCFOUR_HMAC, &secret, &salt, &entry.key) != 0 ||
-      krb5_kt_add_entry(file.context, file.keytab, &entry) != 0) {
-    throw std::runtime_error("no key");
-  }
-  krb5_free_keytab_entry_contents(file.context, &entry);
+  entry.key.enctype = ENCTYPE_ARCFOUR_HMAC;
+  entry.key.length = static_cast<unsigned>(key.size());
+  entry.key.contents = reinterpret_cast<krb5_octet*>(key.data());
+  if (krb5_kt_add_entry(file.context, file.keytab, &entry) != 0) throw std::runtime_error("no key");
 }
 
 std::string JoinScenario::PasswordState() const {
@@ -217,17 +210,10 @@ std::vector<std::string> JoinScenario::Entries() const {
   return entries;
 }
 
-std::string JoinScenario::KeytabBytes() const {
-  std::ostringstream bytes;
-  bytes << std::ifstream(keytab, std::ios::binary).rdbuf();
-  return bytes.str();
-}
-
 void JoinScenario::AddKerberosSettings(const std::string& lines) {
   const std::string path = folder / "krb5.conf";
-  std::ostringstream settings;
-  settings << std::ifstream(std::getenv("KRB5_CONFIG")).rdbuf() << lines << "\n";
-  std::ofstream(path) << settings.str();
+  const std::string earlier = FileBytes(std::getenv("KRB5_CONFIG"));
+  std::ofstream(path) << earlier << lines << "\n";
   SetVariable("KRB5_CONFIG", path);
 }
 

@@ -19,6 +19,7 @@
 #include "KrbSettings.h"
 #include "LogCapture.h"
 #include "ScratchFolder.h"
+#include "ScratchKeytab.h"
 #include "tavrel/KrbRealm.h"
 
 namespace tavrel::tests {
@@ -73,14 +74,14 @@ class JoinScenario : public testing::Test {
   // Gives the account kChangedPassword.
   void PasswordChangedByOthers();
   // Puts the key of that password into the keytab as the first version of that account's.
-  void AddKey(const std::string& name, std::string key_password) const;
+  void AddKey(const std::string& name, const std::string& key_password) const;
 
   // What changes when the account is given a password, though it be the same.
   std::string PasswordState() const;
 
   // Each entry of the keytab as "principal version N enctype N"; none when it cannot be read.
   std::vector<std::string> Entries() const;
-  std::string KeytabBytes() const;
+  std::string KeytabBytes() const { return FileBytes(keytab); }
 
   // Puts lines into the settings of libkrb5, behind the lab's [libdefaults].
   void AddKerberosSettings(const std::string& lines);

@@ -90,7 +90,7 @@ TEST_F(DomainJoin, AJoinedMachineKeepsItsPasswordAndItsKeytab) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(joined.log, Log(kJoinedMachine));
   EXPECT_EQ(PasswordState(), password_state);
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
@@ -106,7 +106,7 @@ TEST_F(DomainJoin, CanBeRepeatedOnTheSameRealm) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(joined.log, Log(kJoinedMachine));
   EXPECT_EQ(PasswordState(), password_state);
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
@@ -122,8 +122,7 @@ TEST_F(DomainJoin, ALostKeytabIsMadeAnew) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kNoKeytab, kPresent,
-                             kTicket, kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kKeylessMachine));
   EXPECT_NE(PasswordState(), password_state);
   EXPECT_THAT(Entries(), ElementsAre("LOST$@CORP.EXAMPLE.COM version 1 enctype 23"));
 }
@@ -171,12 +170,7 @@ TEST_F(DomainJoin, ADisabledAccountIsEnabled) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log,
-            Log({kDiscovered, kBound,
-                 "1 ldap-join GetAccountObject: Getting account object from {DC}\n"
-                 "1 ldap-join GetAccountObject: Found user account control on {DC}: 4098\n"
-                 "1 ldap-join GetAccountObject: Found account object from {DC}\n",
-                 kAlreadyIn, kTicket}));
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, Present("4098"), kAlreadyIn, kTicket}));
   EXPECT_EQ(directory.Value(account, "userAccountControl"), "4096");
 }
 
@@ -204,22 +198,10 @@ TEST_P(JoinOfAnAccountMadeBeforehand, EnablesAWorkstationAndKeepsItsOtherFlags) 
 
   const Outcome joined = Join(realm);
 
-  const auto with_flags = [](const std::string& flags) {
-    return "1 ldap-join GetAccountObject: Getting account object from {DC}\n"
-           "1 ldap-join GetAccountObject: Found user account control on {DC}: " +
-           flags +
-           "\n"
-           "1 ldap-join GetAccountObject: Found account object from {DC}\n";
-  };
-  ASSERT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, with_flags(before),
-                             "1 krb-realm Join: Machine already in CORP.EXAMPLE.COM\n"
-                             "1 ldap-join SetProperties: Setting user account control: " +
-                                 after +
-                                 "\n"
-                                 "2 krb-realm Join: Joined to CORP.EXAMPLE.COM\n",
-                             kNoKeytab, with_flags(after), kTicket, kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, Present(before), AlreadyIn(after), kNoKeytab,
+                             Present(after), kTicket, kKey1, kTicket}));
   EXPECT_EQ(directory.Value(account, "userAccountControl"), after);
 }
 
@@ -236,6 +218,9 @@ INSTANTIATE_TEST_SUITE_P(
         HostName{"FifteenCharacters", "fifteen-letters", "FIFTEEN-LETTERS", "fifteen-letters"},
         HostName{"SixteenCharacters", "sixteen--letters", "SIXTEEN-C0D94D0", "sixteen--letters"},
         HostName{"ALongName", "ApplianceClusterNode", "APPLIAN-40746CC", "ApplianceClusterNode"},
+        HostName{
+            "TheLongestName", "longest-host-name-that-the-kernel-takes-0123456789-0123456789-01",
+            "LONGEST-1118AA5", "longest-host-name-that-the-kernel-takes-0123456789-0123456789-01"},
         HostName{"AFullName", "dotted.corp.example.com", "DOTTED", "dotted"}),
     [](const auto& test) { return test.param.what; });
 
@@ -254,8 +239,7 @@ TEST_P(JoinOfAHostNamed, ShortensTheAccountAndKeepsTheServiceNamesWhole) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
-                             kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kNewMachine));
   const std::string fqdn = WithCase(name.machine, std::tolower) + ".CORP.EXAMPLE.COM";
   Attributes stored = directory.Read(name.account);
   EXPECT_THAT(stored["sAMAccountName"], ElementsAre(name.account + std::string("$")));
@@ -277,8 +261,7 @@ TEST_F(DomainJoin, LongNamesThatStartAlikeAreOneAccount) {
   const Outcome joined = Join(second);
 
   EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kNoKeytab, kPresent,
-                             kTicket, kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kKeylessMachine));
   EXPECT_EQ(directory.Value(account, "dNSHostName"), "cluster-node-number-1.CORP.EXAMPLE.COM");
 }
 
@@ -291,8 +274,7 @@ TEST_F(DomainJoin, ADomainInLowerCaseIsTheSameDomain) {
 
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
-                             kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kNewMachine));
   EXPECT_EQ(directory.Value(account, "dNSHostName"), "lower.CORP.EXAMPLE.COM");
 }
 
@@ -432,8 +414,7 @@ TEST_F(DomainJoin, TheFormWithoutServersAsksDns) {
   const Outcome joined = Join(realm);
 
   EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
-                             kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kNewMachine));
 }
 
 TEST_F(DomainJoin, ParametersOfTheCallAreUsedOnceInPlaceOfTheRealmsOwn) {
@@ -445,8 +426,7 @@ TEST_F(DomainJoin, ParametersOfTheCallAreUsedOnceInPlaceOfTheRealmsOwn) {
   const Outcome own = Join(realm);
 
   EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kAbsent, kAdded, kNoKeytab, kPresent, kTicket,
-                             kKey1, kTicket}));
+  EXPECT_EQ(joined.log, Log(kNewMachine));
   EXPECT_EQ(own.status, kFailure);
   EXPECT_EQ(own.error,
             "Unable to connect to NOWHERE.EXAMPLE.COM: Unable to find ldap host for domain");
