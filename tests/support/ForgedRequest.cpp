@@ -25,7 +25,11 @@ constexpr unsigned char kSequence = 0x30;
 constexpr unsigned char kApplication = 0x60;  // constructed, as all of them are here
 constexpr unsigned char kContext = 0xa0;      // likewise
 
-constexpr krb5_keyusage kTicketKeyUsage = 2;
+using der::BitString;
+using der::Field;
+using der::Integer;
+using der::PrincipalName;
+using der::Time;
 
 template <auto Free>
 struct KrbFree {
@@ -53,6 +57,24 @@ krb5_data View(std::string& text) {
   data.data = text.data();
   return data;
 }
+
+}  // namespace
+
+std::string Der(unsigned char tag, std::string_view content) {
+  std::string value(1, static_cast<char>(tag));
+  if (content.size() < 0x80) {
+    value.push_back(static_cast<char>(content.size()));
+  } else {
+    std::string length;
+    for (std::size_t rest = content.size(); rest != 0; rest >>= 8)
+      length.insert(length.begin(), static_cast<char>(rest & 0xff));
+    value.push_back(static_cast<char>(0x80 | length.size()));
+    value += length;
+  }
+  return value.append(content);
+}
+
+namespace der {
 
 // A field [number] of a sequence.
 std::string Field(unsigned char number, std::string_view value) {
@@ -91,6 +113,8 @@ std::string PrincipalName(const std::vector<std::string>& components) {
   return Der(kSequence, Field(0, Integer(KRB5_NT_PRINCIPAL)) + Field(1, Der(kSequence, names)));
 }
 
+}  // namespace der
+
 std::string EncTicketPart(const ForgedTicket& ticket, const krb5_keyblock& session) {
   const std::string_view key(reinterpret_cast<const char*>(session.contents), session.length);
   const std::string encryption_key =
@@ -110,17 +134,20 @@ std::string EncTicketPart(const ForgedTicket& ticket, const krb5_keyblock& sessi
   return Der(kApplication | 3, Der(kSequence, part));
 }
 
-std::string Encrypt(krb5_context context, const krb5_keyblock& key, std::string plain) {
+std::string Encrypt(krb5_context context, const krb5_keyblock& key, krb5_keyusage usage,
+                    std::string plain) {
   std::size_t length = 0;
   Check(krb5_c_encrypt_length(context, key.enctype, plain.size(), &length), "encrypt");
   std::string cipher(length, '\0');
   krb5_enc_data sealed{};
   sealed.ciphertext = View(cipher);
   const krb5_data input = View(plain);
-  Check(krb5_c_encrypt(context, &key, kTicketKeyUsage, nullptr, &input, &sealed), "encrypt");
+  Check(krb5_c_encrypt(context, &key, usage, nullptr, &input, &sealed), "encrypt");
   cipher.resize(sealed.ciphertext.length);
   return cipher;
 }
+
+namespace {
 
 std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_keyblock& session) {
   std::string password = ticket.password;
@@ -131,10 +158,10 @@ std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_ke
   Check(krb5_c_string_to_key(context, ticket.etype, &password_data, &salt_data, &service), "key");
   const Key owned_service(&service, {context});
 
-  const std::string encrypted = Der(
-      kSequence,
-      Field(0, Integer(ticket.etype)) + Field(1, Integer(ticket.kvno)) +
-          Field(2, Der(kOctetString, Encrypt(context, service, EncTicketPart(ticket, session)))));
+  const std::string encrypted =
+      Der(kSequence, Field(0, Integer(ticket.etype)) + Field(1, Integer(ticket.kvno)) +
+                         Field(2, Der(kOctetString, Encrypt(context, service, kTicketKeyUsage,
+                                                            EncTicketPart(ticket, session)))));
   return Der(
       kApplication | 1,
       Der(kSequence, Field(0, Integer(5)) + Field(1, Der(kGeneralString, ticket.server_realm)) +
@@ -163,20 +190,6 @@ std::vector<char> Bytes(std::string_view text) {
 }
 
 }  // namespace
-
-std::string Der(unsigned char tag, std::string_view content) {
-  std::string value(1, static_cast<char>(tag));
-  if (content.size() < 0x80) {
-    value.push_back(static_cast<char>(content.size()));
-  } else {
-    std::string length;
-    for (std::size_t rest = content.size(); rest != 0; rest >>= 8)
-      length.insert(length.begin(), static_cast<char>(rest & 0xff));
-    value.push_back(static_cast<char>(0x80 | length.size()));
-    value += length;
-  }
-  return value.append(content);
-}
 
 std::vector<char> ApReq(const ForgedTicket& ticket) {
   krb5_context made = nullptr;

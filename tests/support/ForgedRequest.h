@@ -5,6 +5,7 @@
 
 #include <krb5.h>
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -21,6 +22,17 @@ extern const std::string kNtlmOid;               // 1.3.6.1.4.1.311.2.2.10
 
 // One DER value: tag, length in the shortest form, content.
 std::string Der(unsigned char tag, std::string_view content);
+
+// The values that Kerberos messages are made of.
+namespace der {
+
+std::string Field(unsigned char number, std::string_view value);  // [number] of a sequence
+std::string Integer(std::int64_t value);
+std::string BitString(std::uint32_t bits);
+std::string Time(krb5_timestamp timestamp);
+std::string PrincipalName(const std::vector<std::string>& components);
+
+}  // namespace der
 
 // A service ticket and what it is sealed with. As it stands it is good for ten hours from now.
 struct ForgedTicket {
@@ -44,6 +56,15 @@ struct ForgedTicket {
   // What the client's clock shows when it makes its request; the current time when not given.
   std::optional<krb5_timestamp> sent_at;
 };
+
+// The part of a ticket that the service's key protects (RFC 4120, 5.3), before it is encrypted.
+std::string EncTicketPart(const ForgedTicket& ticket, const krb5_keyblock& session);
+
+// `plain` encrypted for one of the uses of keys (RFC 4120, 7.5.1).
+inline constexpr krb5_keyusage kTicketKeyUsage = 2;
+inline constexpr krb5_keyusage kAuthenticatorKeyUsage = 11;
+std::string Encrypt(krb5_context context, const krb5_keyblock& key, krb5_keyusage usage,
+                    std::string plain);
 
 // The AP-REQ of a client that was given that ticket (RFC 4120, 5.5.1), another one at each call.
 // Throws std::runtime_error when the Kerberos library refuses something.
