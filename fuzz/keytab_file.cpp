@@ -1,4 +1,445 @@
-extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long);
-int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) {
+// A keytab file with every operation on it. The input is the file.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "Expect.h"
+#include "ForgedRequest.h"
+#include "Interpose.h"
+#include "KrbSettings.h"
+#include "Leaks.h"
+#include "LogCapture.h"
+#include "tavrel/KrbContext.h"
+#include "tavrel/KrbError.h"
+#include "tavrel/KrbKeytab.h"
+
+namespace tavrel::fuzz {
+namespace {
+
+using tests::LogCapture;
+using tests::StandIn;
+namespace calls = tests::calls;
+using Lines = std::vector<std::string>;
+using Names = std::vector<std::string>;
+
+constexpr char kRealm[] = "CORP.EXAMPLE.COM";
+constexpr char kMachine[] = "APPLIANCE$";
+constexpr char kPassword[] = "Secret.1";  // whose key sealed the request below
+constexpr char kNewPassword[] = "Secret.2";
+
+struct Entry {
+  std::string realm;
+  Names names;
+  std::uint32_t vno = 0;
+  std::int32_t timestamp = 0;
+  int etype = 0;
+  std::string key;
+  bool whole = true;  // the file holds all of the key
+
+  bool IsMachines() const { return realm == kRealm && names == Names{kMachine}; }
+  bool operator==(const Entry& other) const {
+    return realm == other.realm && names == other.names && vno == other.vno &&
+           timestamp == other.timestamp && etype == other.etype && whole == other.whole &&
+           (!whole || key == other.key);
+  }
+};
+std::string Show(const Entry& entry) {
+  std::string text = "realm " + fuzz::Show(entry.realm) + " names";
+  for (const std::string& name : entry.names)
+    text += " " + fuzz::Show(name);
+  return text + " vno " + std::to_string(entry.vno) + " at " + std::to_string(entry.timestamp) +
+         " etype " + std::to_string(entry.etype) + " key " + fuzz::Show(entry.key);
+}
+void ExpectEntries(const std::vector<Entry>& is, const std::vector<Entry>& expected,
+                   const char* rule) {
+  if (is == expected) return;
+  std::string values = "\n  is:";
+  for (const Entry& entry : is)
+    values += "\n    " + Show(entry);
+  values += "\n  expected:";
+  for (const Entry& entry : expected)
+    values += "\n    " + Show(entry);
+  Broken(rule, values);
+}
+
+// A keytab file as libkrb5 walks it.
+struct Contents {
+  bool opens = false;
+  std::vector<Entry> entries;
+  // Nothing in it overlaps, is cut off, or lies behind what ends the walk.
+  bool sound = false;
+};
+
+class Reader {
+ public:
+  explicit Reader(std::string_view file) : file_(file) {}
+
+  Contents Read() {
+    Contents contents;
+    const auto version = file_.substr(0, 2);
+    native_ = version == "\x05\x01";
+    if (!native_ && version != "\x05\x02") return contents;
+    contents.opens = true;
+    at_ = 2;
+    for (;;) {
+      if (at_ == file_.size()) {
+        contents.sound = true;
+        break;
+      }
+      std::uint32_t bits = 0;
+      if (!Number(4, bits)) break;
+      const auto size = static_cast<std::int32_t>(bits);
+      if (size < 0) {  // a hole
+        if (size == INT32_MIN) break;
+        at_ += static_cast<std::size_t>(-std::int64_t{size});
+        if (at_ > file_.size()) break;
+        continue;
+      }
+      if (size == 0) {  // the end
+        contents.sound = at_ == file_.size();
+        break;
+      }
+      const std::size_t start = at_;
+      Entry entry;
+      if (!One(start + static_cast<std::size_t>(size), entry)) break;
+      contents.entries.push_back(entry);
+      const std::size_t next = start + static_cast<std::size_t>(size);
+      if (!entry.whole || at_ > next || next > file_.size()) {
+        at_ = next;
+        overlaps_ = true;  // the walk may go on
+        continue;
+      }
+      at_ = next;
+    }
+    // Of an entry that libkrb5 writes in the native byte order, the last bytes are not written.
+    contents.sound = contents.sound && !overlaps_ && !native_;
+    return contents;
+  }
+
+ private:
+  bool Number(std::size_t size, std::uint32_t& number) {
+    if (at_ >= file_.size() || file_.size() - at_ < size) return false;
+    number = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+      const auto byte = static_cast<unsigned char>(file_[at_ + (native_ ? size - 1 - i : i)]);
+      number = number << 8 | byte;
+    }
+    at_ += size;
+    return true;
+  }
+  bool Positive(std::uint32_t& number) {
+    return Number(2, number) && number != 0 && number < 0x8000;
+  }
+  bool Text(std::string& text) {
+    std::uint32_t size = 0;
+    if (!Positive(size) || at_ > file_.size() || file_.size() - at_ < size) return false;
+    text = file_.substr(at_, size);
+    at_ += size;
+    return true;
+  }
+
+  bool One(std::size_t end, Entry& entry) {
+    const std::size_t start = at_;
+    std::uint32_t count = 0;
+    std::uint32_t number = 0;
+    if (!Number(2, count)) return false;
+    if (native_) count = (count - 1) & 0xffff;  // which counts the realm
+    if (count == 0 || count >= 0x8000 || !Text(entry.realm)) return false;
+    for (; count > 0; --count) {
+      if (!Text(entry.names.emplace_back())) return false;
+    }
+    if (!native_ && !Number(4, number)) return false;  // the type of the name
+    if (!Number(4, number)) return false;
+    entry.timestamp = static_cast<std::int32_t>(number);
+    if (!Number(1, entry.vno) || !Number(2, number)) return false;
+    entry.etype = static_cast<std::int16_t>(number);
+    std::uint32_t length = 0;
+    if (!Positive(length) || at_ >= file_.size()) return false;
+    entry.key = file_.substr(at_, length);
+    entry.whole = entry.key.size() == length;
+    at_ += entry.key.size();
+    entry.key.resize(length);
+    if (at_ - start + 4 <= end - start) {
+      if (!Number(4, number)) return false;
+      if (number != 0) entry.vno = number;
+    }
+    return true;
+  }
+
+  std::string_view file_;
+  std::size_t at_ = 0;
+  bool native_ = false;
+  bool overlaps_ = false;
+};
+
+// Everything that lives as long as the process.
+class World {
+ public:
+  World() {
+    // A file may claim entries of gigabytes, which are then written over with zeros.
+    const rlimit limit = {4 << 20, 4 << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, SIG_IGN);
+    krb.SetClientPrincipal(std::string(kMachine) + "@" + kRealm);
+    old_key = KeyOf(kPassword);
+    new_key = KeyOf(kNewPassword);
+    tests::ForgedTicket ticket;
+    ticket.password = kPassword;
+    request = tests::ApReq(ticket);
+  }
+
+  void Put(std::string_view bytes) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    krb.SetKeytab(path);
+  }
+  std::string Get() const {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  tests::KrbSettings settings{tests::kTolerateSkew};
+  KrbContext krb;
+  std::string path = settings / "hostile.keytab";
+  std::string old_key;
+  std::string new_key;
+  std::vector<char> request;
+
+ private:
+  std::string KeyOf(std::string password) {
+    const krb5_data data = {0, static_cast<unsigned>(password.size()), password.data()};
+    krb5_keyblock key{};
+    krb5_c_string_to_key(krb.context, ENCTYPE_ARCFOUR_HMAC, &data, &data, &key);
+    const std::string bytes(reinterpret_cast<const char*>(key.contents), key.length);
+    krb5_free_keyblock_contents(krb.context, &key);
+    return bytes;
+  }
+};
+World& TheWorld() {
+  static World world;
+  return world;
+}
+
+Contents Read(std::string_view file) {
+  return Reader(file).Read();
+}
+
+bool HasMachine(const Contents& contents) {
+  for (const Entry& entry : contents.entries) {
+    if (entry.IsMachines()) return true;
+  }
+  return false;
+}
+
+std::uint32_t NextVno(const Contents& contents) {
+  std::uint32_t highest = 0;
+  for (const Entry& entry : contents.entries) {
+    if (entry.IsMachines() && entry.vno > highest) highest = entry.vno;
+  }
+  return highest == UINT32_MAX ? highest : highest + 1;
+}
+
+// None when it depends on a key that the file does not hold.
+std::optional<bool> IsCurrent(const Contents& contents, const std::string& key) {
+  bool current = false;
+  std::uint32_t last = 0;
+  for (const Entry& entry : contents.entries) {
+    if (!entry.IsMachines()) continue;
+    if (current && entry.vno > last) {
+      current = false;
+    } else if (entry.vno < last) {
+      last = entry.vno;
+      continue;
+    }
+    if (!entry.whole) return std::nullopt;
+    if (entry.key == key) current = true;
+    last = entry.vno;
+  }
+  return current;
+}
+
+// ---- What only reads
+
+class Visitor : public KeytabAccumulator {
+ public:
+  void Process(const krb5_keytab_entry& read) override {
+    Entry entry;
+    entry.realm.assign(read.principal->realm.data, read.principal->realm.length);
+    for (krb5_int32 i = 0; i < read.principal->length; ++i)
+      entry.names.emplace_back(read.principal->data[i].data, read.principal->data[i].length);
+    entry.vno = read.vno;
+    entry.timestamp = read.timestamp;
+    entry.etype = read.key.enctype;
+    entry.key.assign(reinterpret_cast<const char*>(read.key.contents), read.key.length);
+    const std::size_t index = entries.size();
+    if (index < expected->entries.size()) entry.whole = expected->entries[index].whole;
+    entries.push_back(entry);
+  }
+
+  const Contents* expected = nullptr;
+  std::vector<Entry> entries;
+};
+
+void CheckQueries(Keytab& keytab, const Contents& contents, const char* where) {
+  Visitor visitor;
+  visitor.expected = &contents;
+  ExpectEqual(keytab.Iterate(visitor) == 0, contents.opens, where);
+  ExpectEntries(visitor.entries, contents.entries, where);
+
+  LogCapture log;
+  ExpectEqual(keytab.HasKey(), HasMachine(contents), "the machine has a key");
+  ExpectEqual(log.Lines().size(), contents.opens ? 0u : 1u, "only a failed start is told");
+  log.Clear();
+  ExpectEqual(keytab.GetNextClientVno(), NextVno(contents), "the next version");
+  ExpectEqual(log.Lines(), Lines{}, "the next version leaves no record");
+  ExpectEqual(keytab.Print() == 0, contents.opens, "the keytab can be printed");
+  Lines records;
+  for (const Entry& entry : contents.entries) {
+    records.push_back(Logged("1 krb-keytab Process: Key: " + entry.names[0] + "@" + entry.realm +
+                             " version " + std::to_string(entry.vno) + " at " +
+                             std::to_string(entry.timestamp)));
+  }
+  ExpectEqual(log.Lines(), records, "every entry is printed");
+}
+
+void CheckInitialTicket(Keytab& keytab, const Contents& contents) {
+  const StandIn exchange(calls::krb5_get_init_creds_keytab,
+                         [](krb5_context context, krb5_creds* creds, krb5_principal client,
+                            auto...) -> krb5_error_code {
+                           creds->times.starttime = static_cast<krb5_timestamp>(std::time(nullptr));
+                           krb5_copy_principal(context, client, &creds->server);
+                           return krb5_copy_principal(context, client, &creds->client);
+                         });
+  std::string error;
+
+  const int status = keytab.ASAuthenticate(&error);
+
+  const bool content = !contents.entries.empty();
+  ExpectEqual(status, int{content ? kSuccess : kFailure}, "a keytab with entries is tried");
+  ExpectEqual(error, content ? "" : "Keytab file not created yet.", "one without is told");
+}
+
+void CheckRequest(Keytab& keytab, const Contents& contents) {
+  World& world = TheWorld();
+  std::vector<char> request = world.request;
+
+  const std::string user = keytab.APAuthenticate(request.data(), static_cast<int>(request.size()));
+
+  // The first that opens the ticket decides; a key that is cut off may be anything.
+  for (const Entry& entry : contents.entries) {
+    if (!entry.whole) return;
+    if (entry.etype != ENCTYPE_ARCFOUR_HMAC || entry.key != world.old_key) continue;
+    ExpectEqual(user, entry.IsMachines() ? "CORP.EXAMPLE.COM\\alice" : "",
+                "the owner of the key that opens a ticket decides");
+    return;
+  }
+  ExpectEqual(user, "", "without the key nobody is accepted");
+}
+
+// ---- What writes
+
+void CheckWriting(Keytab& keytab, const std::string& file) {
+  World& world = TheWorld();
+  const Contents before = Read(file);
+  const std::optional<bool> current = IsCurrent(before, world.new_key);
+  std::string error;
+  LogCapture log;
+
+  const bool written = keytab.WriteKey(kNewPassword, &error);
+
+  const std::string new_file = world.Get();
+  if (current && *current) Expect(written, "a key that is current need not be written");
+  if ((current && *current) || !written) {
+    ExpectEqual(new_file, file, "a key that is current, or cannot be written, changes nothing");
+  }
+  ExpectEqual(
+      log.Lines(),
+      written ? Lines{} : Lines{"4 krb-keytab WriteKey: Error adding key to keytab: " + error},
+      "what cannot be written is told");
+  if (!written || new_file == file) return;
+
+  const Contents after = Read(new_file);
+  CheckQueries(keytab, after, "the walk after a key was written");
+  if (!before.sound) return;
+  if (!after.sound) Broken("a sound keytab stays sound", "\n  " + fuzz::Show(new_file));
+  std::vector<Entry> others;
+  int added = 0;
+  for (const Entry& entry : after.entries) {
+    const bool is_it = entry.IsMachines() && entry.key == world.new_key &&
+                       entry.etype == ENCTYPE_ARCFOUR_HMAC && entry.vno == NextVno(before);
+    const std::size_t index = others.size();
+    if (is_it && added == 0 && !(index < before.entries.size() && before.entries[index] == entry)) {
+      ++added;
+    } else {
+      others.push_back(entry);
+    }
+  }
+  ExpectEqual(added, 1, "one key is written");
+  ExpectEntries(others, before.entries, "the keys that were there stay");
+
+  const bool again = keytab.WriteKey(kNewPassword, &error);
+
+  Expect(again, "a key that was written can be written again");
+  if (IsCurrent(after, world.new_key).value_or(false)) {
+    ExpectEqual(world.Get(), new_file, "a key that was written is not written again");
+  }
+}
+
+void CheckClearing(Keytab& keytab, const std::string& file) {
+  World& world = TheWorld();
+  const Contents before = Read(file);
+  LogCapture log;
+
+  const bool cleared = keytab.ClearKeys(nullptr);
+
+  const std::string new_file = world.Get();
+  const Contents after = Read(new_file);
+  ExpectEqual(log.Lines().size(), cleared ? 0u : 1u, "a failure is told");
+  if (!HasMachine(before)) {
+    ExpectEqual(cleared, before.opens, "where there is nothing to clear it is done");
+    ExpectEqual(new_file, file, "where there is nothing to clear nothing changes");
+  }
+  CheckQueries(keytab, after, "the walk after clearing");
+  if (!before.sound) return;
+  Expect(cleared, "a sound keytab can be cleared");
+  std::vector<Entry> others;
+  for (const Entry& entry : before.entries) {
+    if (!entry.IsMachines()) others.push_back(entry);
+  }
+  ExpectEntries(after.entries, others, "the keys of others stay");
+}
+
+}  // namespace
+}  // namespace tavrel::fuzz
+
+// libkrb5 waits for the disk after every change, which takes a hundred times as long as all else.
+extern "C" int fsync(int) {
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace tavrel::fuzz;
+  const std::string file(reinterpret_cast<const char*>(data), size);
+  World& world = TheWorld();
+  tavrel::Keytab keytab(&world.krb);
+  const Contents contents = Read(file);
+  // libkrb5 does not free the realm of an entry that is cut off.
+  const MayLeak entries(!contents.sound);
+
+  world.Put(file);
+  CheckQueries(keytab, contents, "the walk");
+  CheckInitialTicket(keytab, contents);
+  CheckRequest(keytab, contents);
+  ExpectEqual(world.Get(), file, "what only reads changes nothing");
+
+  CheckWriting(keytab, file);
+
+  world.Put(file);
+  CheckClearing(keytab, file);
   return 0;
 }
