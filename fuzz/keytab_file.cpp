@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 #include <utility>
 
 #include "Expect.h"
@@ -107,9 +106,10 @@ class Reader {
       }
       const std::size_t start = at_;
       Entry entry;
-      if (!One(start + static_cast<std::size_t>(size), entry)) break;
-      contents.entries.push_back(entry);
       const std::size_t next = start + static_cast<std::size_t>(size);
+      // Where the next one starts is reckoned in 32 bits.
+      if (!One(next, entry) || next > INT32_MAX) break;
+      contents.entries.push_back(entry);
       if (!entry.whole || at_ > next || next > file_.size()) {
         at_ = next;
         overlaps_ = true;  // the walk may go on
@@ -178,13 +178,27 @@ class Reader {
   bool overlaps_ = false;
 };
 
+// A file may claim entries of gigabytes, which are then written over with zeros: while it lives, a
+// file cannot grow as large.
+class SmallFiles {
+ public:
+  SmallFiles() {
+    getrlimit(RLIMIT_FSIZE, &earlier_);
+    const rlimit limit = {1 << 16, earlier_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  SmallFiles(const SmallFiles&) = delete;
+  SmallFiles& operator=(const SmallFiles&) = delete;
+  ~SmallFiles() { setrlimit(RLIMIT_FSIZE, &earlier_); }
+
+ private:
+  rlimit earlier_{};
+};
+
 // Everything that lives as long as the process.
 class World {
  public:
   World() {
-    // A file may claim entries of gigabytes, which are then written over with zeros.
-    const rlimit limit = {4 << 20, 4 << 20};
-    setrlimit(RLIMIT_FSIZE, &limit);
     std::signal(SIGXFSZ, SIG_IGN);
     krb.SetClientPrincipal(std::string(kMachine) + "@" + kRealm);
     old_key = KeyOf(kPassword);
@@ -199,8 +213,10 @@ class World {
     krb.SetKeytab(path);
   }
   std::string Get() const {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
+    file.seekg(0).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
   }
 
   tests::KrbSettings settings{tests::kTolerateSkew};
@@ -437,6 +453,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckRequest(keytab, contents);
   ExpectEqual(world.Get(), file, "what only reads changes nothing");
 
+  const SmallFiles limit;
   CheckWriting(keytab, file);
 
   world.Put(file);
