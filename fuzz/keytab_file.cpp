@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -209,7 +210,9 @@ class World {
   }
 
   void Put(std::string_view bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    // A file that is cut to nothing and written again would go to the disk at once.
+    std::remove(path.c_str());
+    std::ofstream(path, std::ios::binary) << bytes;
     krb.SetKeytab(path);
   }
   std::string Get() const {
