@@ -373,6 +373,8 @@ void CheckWriting(Keytab& keytab, const std::string& file) {
 
   const std::string new_file = world.Get();
   if (current && *current) Expect(written, "a key that is current need not be written");
+  if (written && current && !*current)
+    Expect(new_file != file, "a key that is not current is written");
   if ((current && *current) || !written) {
     ExpectEqual(new_file, file, "a key that is current, or cannot be written, changes nothing");
   }
