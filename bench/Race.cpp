@@ -1,0 +1,65 @@
+#include "Race.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+
+namespace tavrel::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+}  // namespace
+
+void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes) {
+  // The first round fills caches; it also counts allocations, which are the same in every round.
+  const auto count = static_cast<double>(batch);
+  for (const Lane& lane : lanes) {
+    if (lane.prepare) lane.prepare(batch);
+    lane.run(batch);
+    if (lane.prepare) lane.prepare(batch);
+    const std::size_t before = allocations;
+    lane.run(batch);
+    state.counters[lane.name + "_allocs"] = static_cast<double>(allocations - before) / count;
+  }
+
+  std::vector<std::vector<double>> times(lanes.size());
+  std::size_t first = 0;
+  for (auto _ : state) {
+    double round = 0;
+    for (std::size_t turn = 0; turn < lanes.size(); ++turn) {
+      const std::size_t number = (first + turn) % lanes.size();
+      const Lane& lane = lanes[number];
+      if (lane.prepare) lane.prepare(batch);
+      const auto start = Clock::now();
+      lane.run(batch);
+      const std::chrono::duration<double> taken = Clock::now() - start;
+      times[number].push_back(taken.count());
+      round += taken.count();
+    }
+    ++first;  // nobody always runs behind the same one
+    state.SetIterationTime(round);
+  }
+
+  for (std::size_t i = 0; i < lanes.size(); ++i) {
+    state.counters[lanes[i].name + "_ns"] = Median(times[i]) / count * 1e9;
+    if (i == 0) continue;
+    std::vector<double> ratios(times[i].size());
+    std::transform(times[0].begin(), times[0].end(), times[i].begin(), ratios.begin(),
+                   [](double ours, double theirs) { return ours / theirs; });
+    state.counters["x_" + lanes[i].name] = Median(std::move(ratios));
+  }
+}
+
+std::string PlatformLevel() {
+  const char* level = std::getenv("PLATFORM_LOG_LEVEL");
+  return std::string("level") + (level != nullptr ? level : "3");
+}
+
+}  // namespace tavrel::bench

@@ -1,0 +1,53 @@
+// Several ways to do the same, timed in turns: what slows this machine down for a moment slows all
+// of them down.
+#ifndef TAVREL_BENCH_RACE_H
+#define TAVREL_BENCH_RACE_H
+
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavrel::bench {
+
+struct Lane {
+  // `operation(i)` does it for the i-th time of a round.
+  template <typename Operation>
+  Lane(std::string name, Operation operation)
+      : name(std::move(name)), run([operation](std::size_t count) {
+          for (std::size_t i = 0; i < count; ++i)
+            operation(i);
+        }) {}
+
+  // Makes ready, untimed, for a round of so many.
+  Lane& Before(std::function<void(std::size_t)> action) {
+    prepare = std::move(action);
+    return *this;
+  }
+
+  std::string name;
+  std::function<void(std::size_t)> run;
+  std::function<void(std::size_t)> prepare;
+};
+
+// Runs rounds in which every lane does its operation `batch` times. Reports for each lane, as
+// counters: `<name>_ns`, the median time of one operation; `<name>_allocs`, its heap allocations;
+// and for every lane but the first `x_<name>`, the median over the rounds of the first lane's time
+// in that of this lane.
+void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes);
+
+// What the bundled platform is doing with records: nothing, it is not called, while false.
+extern bool use_platform_logger;
+
+// "level3" when PLATFORM_LOG_LEVEL is 3 or not set.
+std::string PlatformLevel();
+
+// Heap allocations of this thread so far.
+extern thread_local std::size_t allocations;
+
+}  // namespace tavrel::bench
+
+#endif
