@@ -21,6 +21,9 @@ namespace {
 
 constexpr char kService[] = "HTTP/appliance.corp.example.com@CORP.EXAMPLE.COM";
 constexpr char kUser[] = "alice@CORP.EXAMPLE.COM";
+// Makes a ticket without a PAC as long as those of a plain KDC for longer names.
+constexpr krb5_authdatatype kNoKnownType = 1000;
+constexpr std::size_t kFiller = 39;
 constexpr std::string_view kMachineName("APPLIANCE$");
 
 void Check(std::uint32_t code, const char* step) {
@@ -64,10 +67,10 @@ std::string KeytabEntry(std::string_view name, std::uint32_t vno, std::string_vi
   return sized + entry;
 }
 
-// The authorization data of an Active Directory ticket: a signed PAC whose logon information has
-// `size` bytes.
-krb5_authdata** Pac(krb5_context context, std::size_t size, krb5_const_principal client,
-                    krb5_timestamp authtime, const krb5_keyblock& key) {
+// A signed PAC, what Active Directory puts into its tickets, with `size` bytes of logon
+// information.
+std::string Pac(krb5_context context, std::size_t size, krb5_const_principal client,
+                krb5_timestamp authtime, const krb5_keyblock& key) {
   krb5_pac pac = nullptr;
   CheckKrb(krb5_pac_init(context, &pac), "PAC");
   std::string logon(size, 'x');
@@ -75,17 +78,21 @@ krb5_authdata** Pac(krb5_context context, std::size_t size, krb5_const_principal
   CheckKrb(krb5_pac_add_buffer(context, pac, KRB5_PAC_LOGON_INFO, &logon_data), "logon info");
   krb5_data signed_pac{};
   CheckKrb(krb5_pac_sign(context, pac, authtime, client, &key, &key, &signed_pac), "sign");
+  std::string text(signed_pac.data, signed_pac.length);
+  krb5_free_data_contents(context, &signed_pac);
+  krb5_pac_free(context, pac);
+  return text;
+}
 
+krb5_authdata** AuthorizationData(krb5_context context, krb5_authdatatype type, std::string text) {
   krb5_authdata element{};
-  element.ad_type = KRB5_AUTHDATA_WIN2K_PAC;
-  element.length = signed_pac.length;
-  element.contents = reinterpret_cast<krb5_octet*>(signed_pac.data);
+  element.ad_type = type;
+  element.length = static_cast<unsigned int>(text.size());
+  element.contents = reinterpret_cast<krb5_octet*>(text.data());
   krb5_authdata* elements[] = {&element, nullptr};
   krb5_authdata** container = nullptr;
   CheckKrb(krb5_encode_authdata_container(context, KRB5_AUTHDATA_IF_RELEVANT, elements, &container),
            "authorization data");
-  krb5_free_data_contents(context, &signed_pac);
-  krb5_pac_free(context, pac);
   return container;
 }
 
@@ -130,7 +137,10 @@ Client::Client(const TokenShape& shape) : shape_(shape) {
   part.client = user;
   part.times.authtime = part.times.starttime = now;
   part.times.endtime = now + 10 * 3600;
-  if (shape.pac > 0) part.authorization_data = Pac(context_, shape.pac, user, now, key);
+  part.authorization_data =
+      shape.pac > 0 ? AuthorizationData(context_, KRB5_AUTHDATA_WIN2K_PAC,
+                                        Pac(context_, shape.pac, user, now, key))
+                    : AuthorizationData(context_, kNoKnownType, std::string(kFiller, 'x'));
   krb5_ticket ticket{};
   ticket.server = service;
   ticket.enc_part.kvno = 1;
@@ -198,7 +208,8 @@ std::vector<std::string> Client::Tokens(std::size_t count) {
 }
 
 std::string_view Request(const std::string& token) {
-  return std::string_view(token).substr(token.rfind(tests::kKerberosOid) + tests::kKerberosOid.size() + 2);
+  return std::string_view(token).substr(token.rfind(tests::kKerberosOid) +
+                                        tests::kKerberosOid.size() + 2);
 }
 
 BareVerifier::BareVerifier(const std::string& keytab) {

@@ -2,6 +2,7 @@
 // told otherwise, and a heap that counts.
 
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <cstddef>
 
@@ -13,6 +14,17 @@ namespace tavrel::bench {
 bool use_platform_logger = false;
 thread_local std::size_t allocations = 0;
 
+namespace {
+
+// A heap that shrinks whenever a large block on its top is freed, and grows again for the next one,
+// would make chance decide which lane pays for the pages.
+const bool steady_heap = [] {
+  mallopt(M_TRIM_THRESHOLD, 1 << 28);
+  mallopt(M_MMAP_THRESHOLD, 1 << 28);
+  return true;
+}();
+
+}  // namespace
 }  // namespace tavrel::bench
 
 using tavrel::bench::allocations;

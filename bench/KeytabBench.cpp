@@ -114,8 +114,7 @@ benchmark::internal::Benchmark* Add(const std::string& name, int entries, Functi
 const bool registered = [] {
   for (const int entries : {1, 10, 100, 1000, 10000}) {
     const auto reading = [entries](const char* name, auto operation) {
-      Add(name, entries,
-          [=](benchmark::State& state) { Reading(state, entries, operation); });
+      Add(name, entries, [=](benchmark::State& state) { Reading(state, entries, operation); });
     };
     reading("HasKey", [](const Keytab& keytab) { keytab.HasKey(); });
     reading("GetNextClientVno", [](Keytab keytab) { keytab.GetNextClientVno(); });

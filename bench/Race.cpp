@@ -1,13 +1,18 @@
 #include "Race.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
+#include <ctime>
 
 namespace tavrel::bench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+// Seconds of processor time that this thread has used, or seconds that have passed.
+double Now(Watch watch) {
+  timespec now{};
+  clock_gettime(watch == Watch::kThread ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
 double Median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
@@ -17,7 +22,7 @@ double Median(std::vector<double> values) {
 
 }  // namespace
 
-void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes) {
+void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes, Watch watch) {
   // The first round fills caches; it also counts allocations, which are the same in every round.
   const auto count = static_cast<double>(batch);
   for (const Lane& lane : lanes) {
@@ -37,11 +42,11 @@ void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes) {
       const std::size_t number = (first + turn) % lanes.size();
       const Lane& lane = lanes[number];
       if (lane.prepare) lane.prepare(batch);
-      const auto start = Clock::now();
+      const double start = Now(watch);
       lane.run(batch);
-      const std::chrono::duration<double> taken = Clock::now() - start;
-      times[number].push_back(taken.count());
-      round += taken.count();
+      const double taken = Now(watch) - start;
+      times[number].push_back(taken);
+      round += taken;
     }
     ++first;  // nobody always runs behind the same one
     state.SetIterationTime(round);

@@ -33,11 +33,16 @@ struct Lane {
   std::function<void(std::size_t)> prepare;
 };
 
+// What is read: the processor time of this thread, which nobody else on the machine can lengthen by
+// taking its turn, or the time that passes, for work that waits or is spread over threads.
+enum class Watch { kThread, kWall };
+
 // Runs rounds in which every lane does its operation `batch` times. Reports for each lane, as
 // counters: `<name>_ns`, the median time of one operation; `<name>_allocs`, its heap allocations;
 // and for every lane but the first `x_<name>`, the median over the rounds of the first lane's time
 // in that of this lane.
-void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes);
+void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes,
+          Watch watch = Watch::kThread);
 
 // What the bundled platform is doing with records: nothing, it is not called, while false.
 extern bool use_platform_logger;

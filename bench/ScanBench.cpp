@@ -55,9 +55,8 @@ const bool registered = [] {
   const std::string near_miss = tests::kKerberosOid.substr(0, 8) + "\x03";
   const std::string nearer = tests::kKerberosOid.substr(1);
   const auto add = [](const std::string& kind, const std::string& before) {
-    benchmark::RegisterBenchmark(
-        ("Scan/" + kind + "/" + std::to_string(before.size())).c_str(),
-        [before](benchmark::State& state) { Scan(state, before); })
+    benchmark::RegisterBenchmark(("Scan/" + kind + "/" + std::to_string(before.size())).c_str(),
+                                 [before](benchmark::State& state) { Scan(state, before); })
         ->UseManualTime();
   };
   for (const std::size_t size : {100, 568, 1300, 4096, 16384, 49152, 65536})

@@ -78,8 +78,8 @@ void Discovery(benchmark::State& state, int records) {
   const DNSDiscoveryService discovery;
   bool complete = true;
   const auto ours = [&](std::size_t) {
-    complete &= discovery.GetLDAPHosts("corp.example.com").size() ==
-                static_cast<std::size_t>(records);
+    complete &=
+        discovery.GetLDAPHosts("corp.example.com").size() == static_cast<std::size_t>(records);
   };
   const auto bare = [&](std::size_t) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(dns_answer.data());
@@ -193,7 +193,8 @@ const bool registered = [] {
   }
   Add("RandomString/50", Random);
   Add("KrbErrorToStatus/first", [](benchmark::State& s) { ErrorToStatus(s, KRB5KDC_ERR_NONE); });
-  Add("KrbErrorToStatus/last", [](benchmark::State& s) { ErrorToStatus(s, KRB5_ERR_NUMERIC_REALM); });
+  Add("KrbErrorToStatus/last",
+      [](benchmark::State& s) { ErrorToStatus(s, KRB5_ERR_NUMERIC_REALM); });
   Add("KrbErrorToStatus/unknown", [](benchmark::State& s) { ErrorToStatus(s, 0); });
   return true;
 }();
