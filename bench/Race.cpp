@@ -52,13 +52,16 @@ void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes, W
     state.SetIterationTime(round);
   }
 
+  const auto ratio = [&times](std::size_t one, std::size_t other) {
+    std::vector<double> ratios(times[one].size());
+    std::transform(times[one].begin(), times[one].end(), times[other].begin(), ratios.begin(),
+                   [](double ours, double theirs) { return ours / theirs; });
+    return Median(std::move(ratios));
+  };
   for (std::size_t i = 0; i < lanes.size(); ++i) {
     state.counters[lanes[i].name + "_ns"] = Median(times[i]) / count * 1e9;
-    if (i == 0) continue;
-    std::vector<double> ratios(times[i].size());
-    std::transform(times[0].begin(), times[0].end(), times[i].begin(), ratios.begin(),
-                   [](double ours, double theirs) { return ours / theirs; });
-    state.counters["x_" + lanes[i].name] = Median(std::move(ratios));
+    if (i > 0) state.counters["x_" + lanes[i].name] = ratio(0, i);
+    if (i > 1) state.counters["x_" + lanes[i].name + "_" + lanes[1].name] = ratio(i, 1);
   }
 }
 

@@ -37,10 +37,10 @@ struct Lane {
 // taking its turn, or the time that passes, for work that waits or is spread over threads.
 enum class Watch { kThread, kWall };
 
-// Runs rounds in which every lane does its operation `batch` times. Reports for each lane, as
-// counters: `<name>_ns`, the median time of one operation; `<name>_allocs`, its heap allocations;
-// and for every lane but the first `x_<name>`, the median over the rounds of the first lane's time
-// in that of this lane.
+// Runs rounds in which every lane does its operation `batch` times. Reports as counters, for each
+// lane: `<name>_ns`, the median time of one operation; `<name>_allocs`, its heap allocations;
+// `x_<name>`, how many times as long the first lane took as this one, and `x_<name>_<second>`, how
+// many times as long this one took as the second: medians over the rounds.
 void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes,
           Watch watch = Watch::kThread);
 
