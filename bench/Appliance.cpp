@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include "ForgedRequest.h"
 
@@ -184,7 +185,7 @@ Client::~Client() {
   krb5_free_context(context_);
 }
 
-std::string Client::Token() {
+Token Client::NextToken() {
   OM_uint32 minor = 0;
   gss_ctx_id_t context = GSS_C_NO_CONTEXT;
   gss_buffer_desc token{};
@@ -195,21 +196,19 @@ std::string Client::Token() {
   std::string text(static_cast<const char*>(token.value), token.length);
   gss_release_buffer(&minor, &token);
   gss_delete_sec_context(&minor, &context, GSS_C_NO_BUFFER);
-  if (!shape_.spnego) return text;
-  const std::vector<char> wrapped = tests::SpnegoToken({text.begin(), text.end()});
-  return {wrapped.begin(), wrapped.end()};
+  if (shape_.spnego) {
+    const std::vector<char> wrapped = tests::SpnegoToken({text.begin(), text.end()});
+    text.assign(wrapped.begin(), wrapped.end());
+  }
+  const std::size_t start = text.rfind(tests::kKerberosOid) + tests::kKerberosOid.size() + 2;
+  return {std::move(text), start};
 }
 
-std::vector<std::string> Client::Tokens(std::size_t count) {
-  std::vector<std::string> tokens;
+std::vector<Token> Client::Tokens(std::size_t count) {
+  std::vector<Token> tokens;
   for (std::size_t i = 0; i < count; ++i)
-    tokens.push_back(Token());
+    tokens.push_back(NextToken());
   return tokens;
-}
-
-std::string_view Request(const std::string& token) {
-  return std::string_view(token).substr(token.rfind(tests::kKerberosOid) +
-                                        tests::kKerberosOid.size() + 2);
 }
 
 BareVerifier::BareVerifier(const std::string& keytab) {

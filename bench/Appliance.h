@@ -40,6 +40,13 @@ struct TokenShape {
   bool spnego = false;  // wrapped in SPNEGO, as browsers do
 };
 
+struct Token {
+  std::string bytes;
+  std::size_t request_start;  // of the AP-REQ in it
+
+  std::string_view Request() const { return std::string_view(bytes).substr(request_start); }
+};
+
 // A client with a service ticket, the real GSS-API library as its mouth.
 class Client {
  public:
@@ -49,9 +56,9 @@ class Client {
   ~Client();
 
   // A security token, another one at each call.
-  std::string Token();
+  Token NextToken();
 
-  std::vector<std::string> Tokens(std::size_t count);
+  std::vector<Token> Tokens(std::size_t count);
 
  private:
   TokenShape shape_;
@@ -60,9 +67,6 @@ class Client {
   gss_cred_id_t credential_ = GSS_C_NO_CREDENTIAL;
   gss_name_t target_ = GSS_C_NO_NAME;
 };
-
-// The AP-REQ in a token of Client.
-std::string_view Request(const std::string& token);
 
 // Verifies requests with the Kerberos library alone.
 class BareVerifier {

@@ -33,12 +33,12 @@ class Supply {
     next_ = 0;
     if (fresh_) tokens_ = client_.Tokens(count);
   }
-  std::string& Next() { return tokens_[next_++ % tokens_.size()]; }
+  Token& Next() { return tokens_[next_++ % tokens_.size()]; }
 
  private:
   Client& client_;
   bool fresh_;
-  std::vector<std::string> tokens_;
+  std::vector<Token> tokens_;
   std::size_t next_ = 0;
 };
 
@@ -52,18 +52,18 @@ void Authenticate(benchmark::State& state, const TokenShape& shape, int keys, bo
   const GssVerifier gss(settings / "keytab");
   Client client(shape);
   Supply supply(client, replay_cache);
-  state.counters["request_bytes"] = static_cast<double>(Request(client.Token()).size());
+  state.counters["request_bytes"] = static_cast<double>(client.NextToken().Request().size());
 
   bool refused = false;
   const auto ours = [&](std::size_t) {
-    std::string& token = supply.Next();
+    std::string& token = supply.Next().bytes;
     refused |= realm.Authenticate(token.data(), static_cast<int>(token.size())) != kFirstUser;
   };
   const auto refill = [&](std::size_t count) { supply.Refill(count); };
   std::vector<Lane> lanes = {
       {"ours", ours},
-      {"rd_req", [&](std::size_t) { refused |= !bare.Verify(Request(supply.Next())); }},
-      {"gss", [&](std::size_t) { refused |= !gss.Verify(supply.Next()); }},
+      {"rd_req", [&](std::size_t) { refused |= !bare.Verify(supply.Next().Request()); }},
+      {"gss", [&](std::size_t) { refused |= !gss.Verify(supply.Next().bytes); }},
       {PlatformLevel(), ours}};
   for (Lane& lane : lanes)
     lane.Before(refill);
@@ -89,7 +89,7 @@ void Threads(benchmark::State& state, std::size_t threads) {
     explicit Worker(const std::string& keytab) : realm(keytab), bare(keytab) {}
     JoinedRealm realm;
     BareVerifier bare;
-    std::vector<std::string> tokens;
+    std::vector<Token> tokens;
   };
   Client client({kUsualPac, false});
   std::vector<std::unique_ptr<Worker>> workers;
@@ -100,13 +100,13 @@ void Threads(benchmark::State& state, std::size_t threads) {
   constexpr std::size_t kTokensEach = 512;
   const auto sign_in = [](Worker& worker) {
     for (std::size_t i = 0; i < kTokensEach; ++i) {
-      std::string& token = worker.tokens[i % worker.tokens.size()];
+      std::string& token = worker.tokens[i % worker.tokens.size()].bytes;
       worker.realm.Authenticate(token.data(), static_cast<int>(token.size()));
     }
   };
   const auto verify = [](Worker& worker) {
     for (std::size_t i = 0; i < kTokensEach; ++i)
-      worker.bare.Verify(Request(worker.tokens[i % worker.tokens.size()]));
+      worker.bare.Verify(worker.tokens[i % worker.tokens.size()].Request());
   };
   const auto all = [&workers](auto work) {
     std::vector<std::thread> running;

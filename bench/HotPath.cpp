@@ -34,19 +34,19 @@ void Count(const char* name, const std::function<void()>& operation) {
 void CountSignIn(const char* name, const std::string& keytab, const TokenShape& shape) {
   JoinedRealm realm(keytab);
   const BareVerifier bare(keytab);
-  std::string token = Client(shape).Token();
+  Token token = Client(shape).NextToken();
   std::string user;
   const auto sign_in = [&] {
-    user = realm.Authenticate(token.data(), static_cast<int>(token.size()));
+    user = realm.Authenticate(token.bytes.data(), static_cast<int>(token.bytes.size()));
   };
   Count(name, sign_in);
   if (user.empty()) {
     std::fprintf(stderr, "%s: refused\n", name);
     std::exit(1);
   }
-  Count((name + std::string("/rd_req")).c_str(), [&] { bare.Verify(Request(token)); });
+  Count((name + std::string("/rd_req")).c_str(), [&] { bare.Verify(token.Request()); });
   const std::size_t start = allocations;
-  bare.Verify(Request(token));
+  bare.Verify(token.Request());
   const std::size_t between = allocations;
   user = "";
   sign_in();
