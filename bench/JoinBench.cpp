@@ -433,8 +433,8 @@ void Join(benchmark::State& state, bool first) {
   }
 }
 
-BENCHMARK_CAPTURE(Join, first, true)->UseManualTime()->Iterations(15);
-BENCHMARK_CAPTURE(Join, repeated, false)->UseManualTime()->Iterations(30);
+BENCHMARK_CAPTURE(Join, first, true)->UseManualTime()->Iterations(5);
+BENCHMARK_CAPTURE(Join, repeated, false)->UseManualTime()->Iterations(10);
 
 }  // namespace
 }  // namespace tavrel::bench
