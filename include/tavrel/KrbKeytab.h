@@ -87,8 +87,8 @@ class TAVREL_EXPORT Keytab {
 
   /// Derives the client principal's RC4-HMAC key from `password` (`krb5_c_string_to_key`, RFC 4757)
   /// and appends it with the next key version number; writes nothing when that very key is current.
-  /// @return true when the keytab holds the key on return; otherwise the keytab is unchanged and a
-  ///   level-4 record names the step.
+  /// @return true when the key was added or is current already; otherwise the keytab is unchanged and
+  ///   a level-4 record names the step.
   bool WriteKey(const std::string& password, std::string* error);
 
   /// Removes every entry of the client principal (`krb5_kt_remove_entry`), after the keytab has
