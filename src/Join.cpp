@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -177,7 +178,8 @@ std::string JoinParameters::ShortenName(const std::string& name) const {
   std::string result = name.substr(0, kKept);
   // The digest is of what was kept, not of the whole name.
   unsigned char digest[SHA_DIGEST_LENGTH];
-  SHA1(reinterpret_cast<const unsigned char*>(result.data()), result.size(), digest);
+  const auto* const kept = reinterpret_cast<const unsigned char*>(result.data());
+  if (SHA1(kept, result.size(), digest) == nullptr) throw std::bad_alloc();
   result += '-';
   for (std::size_t i = 0; i < kDigits; ++i) {
     const unsigned nibble = i % 2 == 0 ? digest[i / 2] >> 4U : digest[i / 2] & 0xFU;

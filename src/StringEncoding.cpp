@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 
 #include "Log.h"
 
@@ -11,6 +12,10 @@ namespace {
 const Logger logger("string_encoding");
 
 constexpr std::size_t kLongest = 127;  // bytes
+
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
 
 }  // namespace
 
@@ -24,19 +29,16 @@ berval* StringEncoding::EncodeUtf8to16Octetstring(const char* data, std::size_t 
     return nullptr;
   }
 
-  auto* const value = static_cast<berval*>(std::malloc(sizeof(berval)));
-  if (value == nullptr) return nullptr;
-  value->bv_len = 2 * length;
-  value->bv_val = static_cast<char*>(std::malloc(value->bv_len));
-  if (value->bv_val == nullptr && length > 0) {
-    std::free(value);
-    return nullptr;
-  }
+  std::unique_ptr<berval, Free> value(static_cast<berval*>(std::malloc(sizeof(berval))));
+  std::unique_ptr<char, Free> buffer(static_cast<char*>(std::malloc(2 * length)));
+  if (!value || (!buffer && length > 0)) return nullptr;
   for (std::size_t i = 0; i < length; ++i) {
-    value->bv_val[2 * i] = data[i];
-    value->bv_val[2 * i + 1] = 0;
+    buffer.get()[2 * i] = data[i];
+    buffer.get()[2 * i + 1] = 0;
   }
-  return value;
+  value->bv_len = 2 * length;
+  value->bv_val = buffer.release();
+  return value.release();
 }
 
 }  // namespace tavrel

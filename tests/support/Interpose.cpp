@@ -40,10 +40,7 @@ Range LibraryRange() {
 std::vector<std::string>* call_trace = nullptr;
 
 // What put this program onto another library is not for the programs that it starts.
-const bool children_run_as_they_are = [] {
-  unsetenv("LD_PRELOAD");
-  return unsetenv("LD_LIBRARY_PATH") == 0;
-}();
+const bool children_run_as_they_are = unsetenv("LD_LIBRARY_PATH") == 0;
 
 bool IsInLibrary(const void* address) {
   static const Range range = LibraryRange();
