@@ -1,0 +1,90 @@
+// What is done under faults, and what is expected of it.
+#ifndef TAVREL_TESTS_FAULTS_SCENARIO_H
+#define TAVREL_TESTS_FAULTS_SCENARIO_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FarSide.h"
+
+namespace tavrel::tests {
+
+// What one run of a scenario works with: a domain and a keytab that no other run has seen.
+struct World {
+  World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+  ~World();
+
+  std::string domain;  // as the caller gives it, in lower case
+  FarSide far_side;
+  std::string account;               // the machine's, without "$"
+  std::string dn;                    // of its object
+  std::string principal;             // the machine's
+  std::string keytab;                // path
+  std::vector<std::string> secrets;  // what must not appear in any record
+};
+
+// One run of a scenario. The constructor prepares, without faults; all else is told by overriding.
+class Case {
+ public:
+  Case() = default;
+  Case(const Case&) = delete;
+  Case& operator=(const Case&) = delete;
+  virtual ~Case() = default;
+
+  // What the scenario is about. Returns its result as text.
+  virtual std::string Act(std::string* error) = 0;
+
+  // Does the same once more, without faults, with the same object. Returns what is wrong, or
+  // nothing.
+  virtual std::string Again() = 0;
+
+  // The password whose key the keytab may gain; empty when it may gain none.
+  virtual std::string Password() { return ""; }
+
+  World world;
+};
+
+// What a scenario ends with.
+struct Expected {
+  std::string result;
+  std::string error;                 // the caller's text, which was "untouched" before
+  std::vector<std::string> records;  // all those above level 1, in order
+};
+
+// In `error` and `records`, "<why>" stands for the library's text of the failure, "<code>" for its
+// number, "<domain>" and "<keytab>" for those of the run.
+struct Row {
+  // Which call failed, see Injector.h: "open"; of several "open#2" or "open#2-4". May be followed
+  // by a blank and the failure's name.
+  std::string call;
+  std::optional<Expected> once;  // none: nobody takes notice, all is as without a fault
+  std::optional<Expected> then;  // when all later calls fail as well; none: as `once`. Of the
+                                 // records only the first is looked for
+};
+
+// What may become of a keytab.
+inline constexpr char kUnchanged[] = "unchanged";
+inline constexpr char kOneMore[] = "what it was, and one key more";
+inline constexpr char kRemoved[] = "what it was without the first keys of the machine";
+
+struct Scenario {
+  const char* name;
+  std::unique_ptr<Case> (*make)();
+  Expected undisturbed;
+  const char* keytab;     // undisturbed; under faults it may also be unchanged, or gain the key
+  std::vector<Row> rows;  // the first that matches counts; those that say more come first
+};
+
+// All scenarios.
+std::vector<Scenario> RealmScenarios();
+std::vector<Scenario> JoinScenarios();
+std::vector<Scenario> KeytabScenarios();
+std::vector<Scenario> AuthenticateScenarios();
+
+}  // namespace tavrel::tests
+
+#endif
