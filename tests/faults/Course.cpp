@@ -128,7 +128,7 @@ Course RunOnce(const Scenario& scenario, const Plan& plan, bool with_error) {
       const Window window(plan);
       course.result = subject->Act(with_error ? &error : nullptr);
     } catch (const std::bad_alloc&) {
-      course.result = "std::bad_alloc";
+      course.result = kBadAlloc;
     } catch (const std::exception& other) {
       course.result = std::string("exception: ") + other.what();
     }

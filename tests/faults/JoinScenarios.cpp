@@ -100,6 +100,10 @@ Expected AccountStep(Records before, const std::string& text) {
   return {"3", text, before};
 }
 
+// Without the digest of a long host name there is no account name, and what the digest's place held
+// before must not become one.
+const Row kNoDigest = {"SHA1", Expected{kBadAlloc, "", {}}, {}};
+
 Rows ConnectRows(const Wording& wording, const Records& before) {
   const auto discovery = [&](const std::string& call, const std::string& record) -> Row {
     const std::string none = "Unable to find ldap host for domain";
@@ -131,7 +135,8 @@ Rows ConnectRows(const Wording& wording, const Records& before) {
       session("ldap_set_option(NETWORK_TIMEOUT)", "LDAP set timeout failed against "),
       session("ldap_start_tls_s", "LDAP starttls failed against "),
       session("ldap_sasl_bind_s", "LDAP bind failed against "),
-      {"ldap_unbind_ext", {}, {}}};
+      {"ldap_unbind_ext", {}, {}},
+      kNoDigest};
 }
 
 // What a name that could not be had leads to. `number` counts the names that were asked for; `once`

@@ -48,6 +48,9 @@ class Case {
   World world;
 };
 
+// The result of what throws it. Nothing else may be thrown.
+inline constexpr char kBadAlloc[] = "std::bad_alloc";
+
 // What a scenario ends with.
 struct Expected {
   std::string result;
