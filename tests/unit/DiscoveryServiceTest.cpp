@@ -396,6 +396,20 @@ TEST(Discovery, ReadsTheLargestMessageThereIsToItsEnd) {
   EXPECT_THAT(hosts, ElementsAre("dc1.corp.example.com:389"));
 }
 
+TEST(Discovery, ParsesNoMoreThanItsBufferHolds) {
+  // The server's answer is longer than that, and res_search() says so.
+  const DnsReply reply(kOneServer.Bytes() + std::string(70000, '\0'));
+  int parsed = 0;
+  const StandIn parser(calls::ns_initparse, [&](const unsigned char*, int length, ns_msg*) {
+    parsed = length;
+    return -1;
+  });
+
+  Hosts();
+
+  EXPECT_EQ(parsed, 65535);
+}
+
 // Whatever arrives, there are never more servers than SRV records.
 TEST(Discovery, SurvivesAnswersThatAreCutOrDamaged) {
   const std::string good = DnsMessage(kDomain)

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -46,12 +45,15 @@ JoinParameters Of(const std::string& domain) {
   return {domain, {}, "admin", "secret"};
 }
 
-// Counts how often the library opens the random device while it lives.
+// Counts how often the library opens the random device while it lives, and takes its time over it:
+// other threads have every opportunity to come in between.
 class Generations {
  public:
   Generations()
       : opened_(calls::open, [this](const char* path, int flags, mode_t mode) {
           ++count_;
+          for (int i = 0; i < 100; ++i)
+            std::this_thread::yield();
           return calls::open.Real(path, flags, mode);
         }) {
     const int device = calls::open.Real("/dev/null", 0, 0);  // finds the real function beforehand

@@ -193,8 +193,9 @@ TEST(RandomString, IsEmptyWhenLibcryptoHasNoMemory) {
     const std::string text = RandomString(50);
 
     EXPECT_EQ(text, "");
-    EXPECT_EQ(made, failing);
-    EXPECT_THAT(trace.Names(), testing::Contains("BIO_free_all").Times(failing - 1));
+    std::vector<std::string> steps = {"open", "read", "close", "BIO_new"};
+    if (failing == 2) steps.insert(steps.end(), {"BIO_new", "BIO_free_all"});
+    EXPECT_THAT(trace.Names(), testing::ElementsAreArray(steps));
   }
 }
 
