@@ -1,0 +1,598 @@
+// Directory servers that are broken, slow or hostile, as a whole join meets them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Child.h"
+#include "Interpose.h"
+#include "LdapScript.h"
+#include "LogCapture.h"
+#include "Peer.h"
+#include "ScratchKeytab.h"
+#include "tavrel/KrbRealm.h"
+
+namespace tavrel::tests {
+namespace {
+
+using ::testing::Le;
+
+using Seconds = std::chrono::duration<double>;
+
+LdapServer Plain(const Peer& peer) {
+  return {"ldap://" + peer.Host(), vdi::LDAP_ENCRYPTION_NONE, ""};
+}
+
+std::string Replaced(std::string text, const std::string& what, const std::string& with) {
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size())
+    text.replace(at, what.size(), with);
+  return text;
+}
+
+// A join whose KDC does not exist: its directory part alone is looked at. The status, the error
+// text and the records, with "{PEER}" for the first server. It runs in a process of its own, which
+// has the time limit that an integrator is told to set, and where `broken_pipe` is what the signal
+// does that a write to a connection that is gone brings.
+std::string Join(const std::list<LdapServer>& servers, sighandler_t broken_pipe = SIG_DFL) {
+  const std::string text = InChild([&] {
+    setenv("LDAPTIMEOUT", "1", 1);
+    std::signal(SIGPIPE, broken_pipe);
+    const KrbSettings settings("dns_lookup_kdc = false\ndns_lookup_realm = false");
+    const StandIn named(calls::gethostname, [](char* name, std::size_t size) {
+      std::snprintf(name, size, "appliance");
+      return 0;
+    });
+    LogCapture log;
+    KrbRealm realm("corp.example.com", servers, "Administrator", "Admin.Pass.1",
+                   settings / "keytab");
+    std::string error = "(untouched)";
+
+    const int status = realm.Join(&error);
+
+    std::string told = std::to_string(status) + ", \"" + error + "\"\n";
+    for (const std::string& line : log.Lines())
+      told += line + "\n";
+    return told;
+  });
+  const std::string& first = std::get<0>(servers.front());
+  const std::size_t scheme = first.rfind('/');
+  return Replaced(text, scheme == std::string::npos ? first : first.substr(scheme + 1), "{PEER}");
+}
+
+// How long `work` takes.
+template <typename Work>
+double TimeOf(Work work) {
+  const auto began = std::chrono::steady_clock::now();
+  work();
+  return Seconds(std::chrono::steady_clock::now() - began).count();
+}
+
+// --- records of a join, block by block ---
+
+constexpr char kConnecting[] = "1 ldap Connect: Connecting to host: ldap://{PEER}\n";
+constexpr char kBound[] =
+    "1 ldap Connect: Connecting to host: ldap://{PEER}\n"
+    "1 ldap Connect: LDAP bind is successful\n";
+constexpr char kAsking[] =
+    "1 ldap-join GetAccountObject: Getting account object from ldap://{PEER}\n";
+constexpr char kPresent[] =
+    "1 ldap-join GetAccountObject: Getting account object from ldap://{PEER}\n"
+    "1 ldap-join GetAccountObject: Found user account control on ldap://{PEER}: 4096\n"
+    "1 ldap-join GetAccountObject: Found account object from ldap://{PEER}\n";
+constexpr char kAbsent[] =
+    "1 ldap-join GetAccountObject: Getting account object from ldap://{PEER}\n"
+    "1 ldap-join GetAccountObject: Found account object from ldap://{PEER}\n";
+constexpr char kSetting[] =
+    "1 krb-realm Join: Machine already in CORP.EXAMPLE.COM\n"
+    "1 ldap-join SetProperties: Setting user account control: 4096\n";
+constexpr char kJoined[] =
+    "2 krb-realm Join: Joined to CORP.EXAMPLE.COM\n"
+    "1 krb-keytab ASAuthenticate: Keytab file not created yet.\n";
+constexpr char kNoKdc[] =
+    "4 krb-keytab ASAuthenticate: Error authenticating through password: Cannot find KDC for realm "
+    "\"CORP.EXAMPLE.COM\"\n";
+constexpr char kAfterPassword[] =
+    "3, \"Unable to authenticate to CORP.EXAMPLE.COM KDC after setting password: Cannot find KDC "
+    "for "
+    "realm \"CORP.EXAMPLE.COM\"\"\n";
+
+std::string operator+(const char* first, const std::string& rest) {
+  return std::string(first) + rest;
+}
+
+// What a join tells when a step fails for `reason`.
+std::string BindFailed(const std::string& reason, const std::string& step = "bind") {
+  return "3, \"Unable to connect to CORP.EXAMPLE.COM: " + reason + "\"\n" + kConnecting +
+         "3 ldap Connect: LDAP " + step + " failed against ldap://{PEER}: " + reason + "\n" +
+         "3 krb-realm Join: Unable to connect to CORP.EXAMPLE.COM: " + reason + "\n";
+}
+std::string SearchFailed(const std::string& reason) {
+  return "3, \"Failed to get account object from host CORP.EXAMPLE.COM: " + reason + "\"\n" +
+         kBound + kAsking + "4 ldap-join GetAccountObject: LDAP search failed: " + reason + "\n" +
+         "3 ldap-join GetAccountObject: Unable to find an account object on any available "
+         "server\n" +
+         "4 krb-realm Join: Failed to get account object from host CORP.EXAMPLE.COM: " + reason +
+         "\n";
+}
+std::string AddFailed(const std::string& reason) {
+  return "3, \"Could not add host to CORP.EXAMPLE.COM: " + reason + "\"\n" + kBound + kAbsent +
+         "1 krb-realm Join: Adding to CORP.EXAMPLE.COM\n" +
+         "4 ldap-join AddAccountObject: LDAP add failed: " + reason + "\n" +
+         "4 krb-realm Join: Could not add host to CORP.EXAMPLE.COM: " + reason + "\n";
+}
+std::string FlagsFailed(const std::string& reason) {
+  return "3, \"Could not set properties in CORP.EXAMPLE.COM: " + reason + "\"\n" + kBound +
+         kPresent + kSetting + "4 ldap-join SetProperties: LDAP modify failed: " + reason + "\n" +
+         "4 krb-realm Join: Could not set properties in CORP.EXAMPLE.COM: " + reason + "\n";
+}
+std::string PasswordFailed(const std::string& reason) {
+  return "3, \"Unable to set machine password for CORP.EXAMPLE.COM: " + reason + "\"\n" + kBound +
+         kPresent + kSetting + kJoined + kPresent +
+         "4 ldap-join SetPassword: LDAP modify failed: " + reason + "\n";
+}
+const std::string kAllDone =
+    kAfterPassword +
+    (kBound + (kPresent + (kSetting + (kJoined + (kPresent + std::string(kNoKdc))))));
+
+// --- what a peer does ---
+
+const LdapAnswer kSilence = [](Connection& peer, const LdapRequest&) { peer.AwaitEnd(); };
+const LdapAnswer kClose = [](Connection& peer, const LdapRequest&) { peer.Close(); };
+const LdapAnswer kReset = [](Connection& peer, const LdapRequest&) { peer.Reset(); };
+const LdapAnswer kAbsence = [](Connection& peer, const LdapRequest& request) {
+  peer.Send(LdapResult(request, LDAP_NO_SUCH_OBJECT));
+};
+
+LdapAnswer Bytes(const std::string& bytes) {
+  return [bytes](Connection& peer, const LdapRequest&) {
+    peer.Send(bytes);
+    peer.AwaitEnd();
+  };
+}
+
+// An object with each of these flags.
+LdapAnswer Found(const std::vector<std::vector<std::string>>& objects) {
+  return [objects](Connection& peer, const LdapRequest& request) {
+    std::string answer;
+    for (const std::vector<std::string>& flags : objects)
+      answer += LdapEntry(request, flags);
+    peer.Send(answer + LdapResult(request, 0));
+  };
+}
+
+// Answers the first modification, which is of the flags, and does that to the second.
+LdapAnswer SecondTime(const LdapAnswer& answer) {
+  return [answer, times = 0](Connection& peer, const LdapRequest& request) mutable {
+    if (++times == 1) return peer.Send(LdapResult(request, 0));
+    answer(peer, request);
+  };
+}
+
+struct Case {
+  const char* name;
+  LdapScript script;
+  std::string told;
+  double most_seconds;
+};
+
+void Meet(const std::vector<Case>& cases) {
+  for (const Case& scene : cases) {
+    SCOPED_TRACE(scene.name);
+    Peer peer([&](Connection& connection) { ServeLdap(connection, scene.script); });
+    std::string told;
+
+    const double seconds = TimeOf([&] { told = Join({Plain(peer)}); });
+
+    EXPECT_EQ(told, scene.told);
+    EXPECT_THAT(seconds, Le(scene.most_seconds));
+    EXPECT_EQ(peer.Connections(), 1);
+  }
+}
+
+// --- the tests ---
+
+TEST(LdapPeer, ThatDoesWhatItShouldIsTheMeasureOfTheOthers) {
+  Meet({{"good", {}, kAllDone, 2}});
+}
+
+TEST(LdapPeer, ThatAcceptsAndNeverAnswersIsGivenUpAfterTheTimeLimit) {
+  Meet({
+      {"bind", {{kBind, kSilence}}, BindFailed("Timed out"), 2},
+      {"add", {{kSearch, kAbsence}, {kAdd, kSilence}}, AddFailed("Timed out"), 2},
+      {"flags", {{kModify, kSilence}}, FlagsFailed("Timed out"), 2},
+      {"password", {{kModify, SecondTime(kSilence)}}, PasswordFailed("Timed out"), 2},
+  });
+}
+
+TEST(LdapPeer, ThatNeverAnswersASearchIsGivenUpAfterFiveSecondsWhateverTheTimeLimit) {
+  Meet({{"search", {{kSearch, kSilence}}, SearchFailed("Timed out"), 6}});
+}
+
+TEST(LdapPeer, ThatClosesBeforeItAnswersFailsThatStepAtOnce) {
+  const char* const gone = "Can't contact LDAP server";
+  for (const LdapAnswer& end : {kClose, kReset}) {
+    Meet({
+        {"bind", {{kBind, end}}, BindFailed(gone), 1},
+        {"search", {{kSearch, end}}, SearchFailed(gone), 1},
+        {"add", {{kSearch, kAbsence}, {kAdd, end}}, AddFailed(gone), 1},
+        {"flags", {{kModify, end}}, FlagsFailed(gone), 1},
+        {"password", {{kModify, SecondTime(end)}}, PasswordFailed(gone), 1},
+    });
+  }
+}
+
+TEST(LdapPeer, ThatClosesAtOnceIsAFailureOfTheFirstStep) {
+  Peer peer([](Connection&) {});
+
+  const std::string plain = Join({Plain(peer)});
+  const std::string with_starttls = Join({{peer.Host(), vdi::LDAP_ENCRYPTION_STARTTLS, ""}});
+
+  EXPECT_EQ(plain, BindFailed("Can't contact LDAP server"));
+  EXPECT_EQ(with_starttls, BindFailed("Can't contact LDAP server", "starttls"));
+}
+
+TEST(LdapPeer, ThatRefersToAnotherServerIsNotFollowed) {
+  Peer other([](Connection& connection) { ServeLdap(connection); });
+  const LdapAnswer refer = [&](Connection& peer, const LdapRequest& request) {
+    peer.Send(LdapResult(request, LDAP_REFERRAL, "ldap://" + other.Host() + "/cn=APPLIANCE"));
+  };
+  const LdapAnswer continued = [&](Connection& peer, const LdapRequest& request) {
+    peer.Send(LdapReference(request, "ldap://" + other.Host() + "/cn=APPLIANCE") +
+              LdapEntry(request, {"4096"}) + LdapResult(request, 0));
+  };
+
+  Meet({
+      {"bind", {{kBind, refer}}, BindFailed("Referral"), 1},
+      {"search", {{kSearch, refer}}, SearchFailed("Referral"), 1},
+      {"add", {{kSearch, kAbsence}, {kAdd, refer}}, AddFailed("Referral"), 1},
+      {"flags", {{kModify, refer}}, FlagsFailed("Referral"), 1},
+      {"password", {{kModify, SecondTime(refer)}}, PasswordFailed("Referral"), 1},
+      {"a continuation beside the entry", {{kSearch, continued}}, kAllDone, 2},
+  });
+
+  EXPECT_EQ(other.Connections(), 0);
+}
+
+TEST(LdapPeer, ThatSpeaksNoLdapIsATimeOutOrAFailureNeverACrash) {
+  const std::string http = "HTTP/1.1 400 Bad Request\r\n\r\n";
+  const std::string endless("\x30\x84\x7f\xff\xff\xff\x02\x01\x01", 9);  // says that 2 GiB follow
+  const std::string indefinite("\x30\x80\x02\x01\x02\x61\x07\x0a\x01\x00\x04\x00\x04\x00\x00\x00",
+                               16);
+  const std::string nested = "\x30\x02\x30\x02";
+  Meet({
+      {"text", {{kBind, Bytes(http)}}, BindFailed("Timed out"), 2},
+      {"a length that never comes", {{kBind, Bytes(endless)}}, BindFailed("Timed out"), 2},
+      {"no length", {{kBind, Bytes(indefinite)}}, BindFailed("Can't contact LDAP server"), 2},
+      {"half a message", {{kBind, Bytes(nested)}}, BindFailed("Decoding error"), 2},
+      {"zeros",
+       {{kBind, Bytes(std::string(4096, '\0'))}},
+       BindFailed("Can't contact LDAP server"),
+       2},
+  });
+}
+
+// A truthful answer to the search that ends after each of its bytes, and then the connection does
+// too.
+TEST(LdapPeer, WhoseAnswerIsTruncatedAtAnyByteFailsTheSearch) {
+  std::size_t complete = 1;
+  std::map<std::string, int> told;
+  for (std::size_t size = 0; size < complete; ++size) {
+    const LdapAnswer truncated = [&](Connection& peer, const LdapRequest& request) {
+      const std::string answer = LdapEntry(request, {"4096"}) + LdapResult(request, 0);
+      complete = answer.size();
+      peer.Send(answer.substr(0, size));
+      peer.Close();
+    };
+    const LdapScript script = {{kSearch, truncated}};
+    Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
+
+    ++told[Join({Plain(peer)})];
+  }
+
+  std::printf("LDAP answer truncated at each of %zu bytes\n", complete);
+  EXPECT_THAT(told, testing::ElementsAre(testing::Pair(SearchFailed("Can't contact LDAP server"),
+                                                       static_cast<int>(complete))));
+}
+
+// A well-formed message whose parts are not: each byte of a truthful answer is changed in turn.
+TEST(LdapPeer, WhoseAnswerIsDamagedAtAnyByteIsSurvived) {
+  std::size_t complete = 1;
+  std::map<char, int> statuses;
+  for (std::size_t at = 0; at < complete; ++at) {
+    for (const int change : {0x01, 0x80, 0xff}) {
+      const LdapAnswer damaged = [&](Connection& peer, const LdapRequest& request) {
+        std::string answer = LdapEntry(request, {"4096"}) + LdapResult(request, 0);
+        complete = answer.size();
+        answer[at] = static_cast<char>(answer[at] ^ change);
+        peer.Send(answer);
+        peer.Close();
+      };
+      const LdapScript script = {{kSearch, damaged}};
+      Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
+
+      const std::string told = Join({Plain(peer)}, SIG_IGN);
+
+      ++statuses[told.empty() ? '?' : told[0]];
+      EXPECT_THAT(told, testing::StartsWith("3, \"")) << "byte " << at << " changed by " << change;
+    }
+  }
+  std::printf("LDAP answer damaged in %zu ways\n", 3 * complete);
+}
+
+TEST(LdapPeer, ThatSendsTenThousandEntriesIsHeardToTheEndAndTheLastOneCounts) {
+  std::vector<std::vector<std::string>> objects(10000, {"4098"});
+  objects.back() = {"69632"};
+  const LdapScript script = {{kSearch, Found(objects)}};
+  Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
+  std::string told;
+
+  const double seconds = TimeOf([&] { told = Join({Plain(peer)}); });
+
+  std::string found = "1 ldap-join GetAccountObject: Getting account object from ldap://{PEER}\n";
+  for (const std::vector<std::string>& flags : objects)
+    found +=
+        "1 ldap-join GetAccountObject: Found user account control on ldap://{PEER}: " + flags[0] +
+        "\n";
+  found += "1 ldap-join GetAccountObject: Found account object from ldap://{PEER}\n";
+  std::printf("10,000 entries, twice: %.2f s\n", seconds);
+  EXPECT_EQ(told, kAfterPassword + (kBound + found) + Replaced(kSetting, "4096", "69632") +
+                      kJoined + found + kNoKdc);
+  EXPECT_THAT(seconds, Le(30));
+}
+
+TEST(LdapPeer, WhoseFlagsAreNoNumberIsALookupThatFailed) {
+  const struct {
+    const char* flags;
+    const char* reason;
+  } hostile[] = {
+      {"", "stoi"},
+      {"many", "stoi"},
+      {"-", "stoi"},
+      {" ", "stoi"},
+      {"2147483648", "stoi"},
+      {"-2147483649", "stoi"},
+      {"99999999999999999999999", "stoi"},
+      {"%n%s%s", "stoi"},
+      {"\xff\xfe", "stoi"},
+  };
+  for (const auto& [flags, reason] : hostile) {
+    SCOPED_TRACE(flags);
+    const LdapScript script = {{kSearch, Found({{flags}})}};
+    Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
+
+    const std::string told = Join({Plain(peer)});
+
+    EXPECT_EQ(
+        told,
+        "3, \"Failed to get account object from host CORP.EXAMPLE.COM: " + std::string(reason) +
+            "\"\n" + kBound + kAsking +
+            "4 krb-realm Join: Failed to get account object from host CORP.EXAMPLE.COM: " + reason +
+            "\n");
+  }
+}
+
+TEST(LdapPeer, WhoseFlagsAreStrangeNumbersGetsThemBackAsAnEnabledWorkstation) {
+  const struct {
+    std::string sent;
+    const char* found;
+    const char* set;
+  } strange[] = {
+      {"0", "0", "4096"},
+      {"0x1002", "0", "4096"},
+      {"-1", "4294967295", "4294966781"},
+      {"-2147483648", "2147483648", "2147487744"},
+      {"2147483647", "2147483647", "2147483133"},
+      {"  +4098", "4098", "4096"},
+      {"514 and more", "514", "4096"},
+      {std::string("4098\0"
+                   "9",
+                   6),
+       "4098", "4096"},
+      {std::string(1 << 20, '0') + "4098", "4098", "4096"},
+  };
+  for (const auto& [sent, found, set] : strange) {
+    SCOPED_TRACE(sent.substr(0, 20));
+    std::string received;
+    const LdapScript script = {{kSearch, Found({{sent}})},
+                               {kModify, [&](Connection& peer, const LdapRequest& request) {
+                                  if (received.empty()) received = request.content;
+                                  peer.Send(LdapResult(request, 0));
+                                }}};
+    Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
+
+    const std::string told = Join({Plain(peer)});
+
+    EXPECT_EQ(told, kAfterPassword + (kBound + Replaced(kPresent, "4096", found)) +
+                        Replaced(kSetting, "4096", set) + kJoined +
+                        Replaced(kPresent, "4096", found) + kNoKdc);
+    EXPECT_THAT(received, testing::EndsWith(set));
+  }
+}
+
+TEST(LdapPeer, WhoseFlagsAreMissingOrSeveralIsTakenForAnOrdinaryComputer) {
+  const std::string missing =
+      "3 ldap-join GetAccountObject: Missing user account controls attribute on ldap://{PEER}\n";
+  const std::string several =
+      "3 ldap-join GetAccountObject: Multiple values found for userAccountControl on "
+      "ldap://{PEER}\n";
+  const std::string line =
+      "1 ldap-join GetAccountObject: Found user account control on ldap://{PEER}: 4096\n";
+  Meet({
+      {"none",
+       {{kSearch, Found({std::vector<std::string>()})}},
+       Replaced(kAllDone, line, missing),
+       2},
+      {"ten thousand",
+       {{kSearch, Found({std::vector<std::string>(10000, "514")})}},
+       Replaced(kAllDone, line, several),
+       2},
+  });
+}
+
+// --- TLS ---
+
+// Accepts StartTLS, or TLS from the start, and is then an ordinary directory.
+void ServeWithTls(Connection& connection, const Certificate& certificate, bool from_the_start) {
+  if (!from_the_start) connection.Send(LdapResult(Receive(connection), 0));
+  if (connection.StartTls(certificate)) ServeLdap(connection);
+}
+
+TEST(TlsPeer, IsTrustedByItsAuthorityItsNameAndItsTime) {
+  constexpr long kDay = 24 * 3600;
+  const struct {
+    const char* name;
+    CertificateScene scene;
+    bool trusted;
+  } cases[] = {
+      {"good", {}, true},
+      {"expired", {"localhost", "127.0.0.1", 2 * kDay, -kDay}, false},
+      {"expired a second ago", {"localhost", "127.0.0.1", 2 * kDay, -1}, false},
+      {"not yet valid", {"localhost", "127.0.0.1", -kDay, 2 * kDay}, false},
+      {"of another host", {"dc2.corp.example.com", "", kDay, kDay}, false},
+  };
+  for (const auto& [name, scene, trusted] : cases) {
+    for (const bool from_the_start : {false, true}) {
+      SCOPED_TRACE(std::string(name) + (from_the_start ? ", LDAPS" : ", StartTLS"));
+      const Certificate certificate(scene);
+      Peer peer(
+          [&](Connection& connection) { ServeWithTls(connection, certificate, from_the_start); });
+      const std::string host = peer.Host();
+      const LdapServer verified =
+          from_the_start
+              ? LdapServer("ldaps://" + host, vdi::LDAP_ENCRYPTION_LDAPS, certificate.Authority())
+              : LdapServer("ldap://" + host, vdi::LDAP_ENCRYPTION_STARTTLS,
+                           certificate.Authority());
+      const LdapServer unverified(std::get<0>(verified), std::get<1>(verified), "");
+
+      const std::string told = Join({verified});
+      const std::string told_without_authority = Join({unverified});
+
+      const std::string step = from_the_start ? "bind" : "starttls";
+      const std::string reason = from_the_start ? "Can't contact LDAP server" : "Connect error";
+      const auto url = [&](const std::string& text) {
+        return Replaced(text, "ldap://", from_the_start ? "ldaps://" : "ldap://");
+      };
+      EXPECT_EQ(told, trusted ? url(kAllDone) : url(BindFailed(reason, step)));
+      EXPECT_EQ(told_without_authority, url(kAllDone));
+    }
+  }
+}
+
+TEST(TlsPeer, IsRefusedWhenAnotherAuthorityIsTrusted) {
+  const Certificate certificate, other;
+  Peer peer([&](Connection& connection) { ServeWithTls(connection, certificate, false); });
+
+  const std::string told = Join({{peer.Host(), vdi::LDAP_ENCRYPTION_STARTTLS, other.Authority()}});
+
+  EXPECT_EQ(told, BindFailed("Connect error", "starttls"));
+}
+
+TEST(TlsPeer, ThatEndsDuringTheHandshakeIsAFailedStep) {
+  const struct {
+    const char* name;
+    std::function<void(Connection&)> serve;
+    const char* reason;
+  } cases[] = {
+      {"no StartTLS",
+       [](Connection& c) {
+         c.Send(LdapResult(Receive(c), LDAP_PROTOCOL_ERROR));
+         c.AwaitEnd();
+       },
+       "Protocol error"},
+      {"closed instead of an answer", [](Connection& c) { Receive(c); },
+       "Can't contact LDAP server"},
+      {"closed before the handshake", [](Connection& c) { c.Send(LdapResult(Receive(c), 0)); },
+       "Connect error"},
+      {"closed in the handshake",
+       [](Connection& c) {
+         c.Send(LdapResult(Receive(c), 0));
+         c.Receive(64);
+       },
+       "Connect error"},
+      {"reset in the handshake",
+       [](Connection& c) {
+         c.Send(LdapResult(Receive(c), 0));
+         c.Receive(64);
+         c.Reset();
+       },
+       "Connect error"},
+      {"text instead of a handshake",
+       [](Connection& c) {
+         c.Send(LdapResult(Receive(c), 0));
+         c.Receive(64);
+         c.Send("HTTP/1.1 400 Bad Request\r\n\r\n");
+         c.AwaitEnd();
+       },
+       "Connect error"},
+  };
+  for (const auto& [name, serve, reason] : cases) {
+    SCOPED_TRACE(name);
+    Peer peer(serve);
+
+    const std::string told = Join({{peer.Host(), vdi::LDAP_ENCRYPTION_STARTTLS, ""}}, SIG_IGN);
+
+    EXPECT_EQ(told, BindFailed(reason, "starttls"));
+  }
+}
+
+// --- broken pipes ---
+
+TEST(LdapPeer, ThatClosedBetweenTwoRequestsIsAFailedStepWhereBrokenPipesAreIgnored) {
+  const LdapAnswer answer_and_reset = [](Connection& peer, const LdapRequest& request) {
+    peer.Send(LdapResult(request, 0));
+    peer.Reset();
+  };
+  const LdapAnswer find_and_reset = [](Connection& peer, const LdapRequest& request) {
+    peer.Send(LdapEntry(request, {"4096"}) + LdapResult(request, 0));
+    peer.Reset();
+  };
+  const Case cases[] = {
+      {"after the bind", {{kBind, answer_and_reset}}, SearchFailed("Can't contact LDAP server"), 1},
+      {"after the search",
+       {{kSearch, find_and_reset}},
+       FlagsFailed("Can't contact LDAP server"),
+       1},
+  };
+  for (const Case& scene : cases) {
+    SCOPED_TRACE(scene.name);
+    Peer peer([&](Connection& connection) { ServeLdap(connection, scene.script); });
+
+    const std::string told = Join({Plain(peer)}, SIG_IGN);
+
+    EXPECT_EQ(told, scene.told);
+  }
+}
+
+// --- several servers ---
+
+TEST(SeveralPeers, AreAskedInTurnUntilOneAnswers) {
+  const LdapScript silent = {{kBind, kSilence}};
+  const LdapScript broken = {{kSearch, kClose}};
+  Peer first([&](Connection& connection) { ServeLdap(connection, silent); });
+  Peer second([&](Connection& connection) { ServeLdap(connection, broken); });
+  Peer third([](Connection& connection) { ServeLdap(connection); });
+
+  const std::string told = Join({Plain(first), Plain(second), Plain(third)}, SIG_IGN);
+
+  const std::string a = "ldap://{PEER}", b = "ldap://" + second.Host(),
+                    c = "ldap://" + third.Host();
+  const std::string unanswered =
+      Replaced(kAsking, a, b) +
+      "4 ldap-join GetAccountObject: LDAP search failed: Can't contact LDAP server\n" +
+      Replaced(kPresent, a, c);
+  EXPECT_EQ(told, kAfterPassword +
+                      (kConnecting +
+                       ("3 ldap Connect: LDAP bind failed against " + a + ": Timed out\n")) +
+                      Replaced(kBound, a, b) + Replaced(kBound, a, c) + unanswered + kSetting +
+                      kJoined + unanswered + kNoKdc);
+}
+
+}  // namespace
+}  // namespace tavrel::tests
