@@ -13,9 +13,8 @@ const Logger logger("string_encoding");
 
 constexpr std::size_t kLongest = 127;  // bytes
 
-struct Free {
-  void operator()(void* memory) const { std::free(memory); }
-};
+template <typename T>
+using Allocated = std::unique_ptr<T, void (*)(void*)>;
 
 }  // namespace
 
@@ -29,8 +28,8 @@ berval* StringEncoding::EncodeUtf8to16Octetstring(const char* data, std::size_t 
     return nullptr;
   }
 
-  std::unique_ptr<berval, Free> value(static_cast<berval*>(std::malloc(sizeof(berval))));
-  std::unique_ptr<char, Free> buffer(static_cast<char*>(std::malloc(2 * length)));
+  Allocated<berval> value(static_cast<berval*>(std::malloc(sizeof(berval))), std::free);
+  Allocated<char> buffer(static_cast<char*>(std::malloc(2 * length)), std::free);
   if (!value || (!buffer && length > 0)) return nullptr;
   for (std::size_t i = 0; i < length; ++i) {
     buffer.get()[2 * i] = data[i];

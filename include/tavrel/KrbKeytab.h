@@ -87,7 +87,8 @@ class TAVREL_EXPORT Keytab {
 
   /// Derives the client principal's RC4-HMAC key from `password` (`krb5_c_string_to_key`, RFC 4757)
   /// and appends it with the next key version number; writes nothing when that very key is current.
-  /// @return true when the key was added or is current already; otherwise the keytab is unchanged and
+  /// @return true when the key was added or is current already; otherwise the keytab is unchanged
+  /// and
   ///   a level-4 record names the step.
   bool WriteKey(const std::string& password, std::string* error);
 
