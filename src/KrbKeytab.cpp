@@ -4,6 +4,7 @@
 #include <list>
 #include <utility>
 
+#include "KeytabFile.h"
 #include "KrbSupport.h"
 #include "platform/bounded_memory.h"
 #include "tavrel/KrbContext.h"
@@ -124,6 +125,17 @@ std::string RealmAndComponents(krb5_const_principal principal) {
   return text;
 }
 
+// Counts what it is shown, besides.
+struct CountingMatcher : KeytabMatcher {
+  using KeytabMatcher::KeytabMatcher;
+  void Process(const krb5_keytab_entry& entry) override {
+    ++count;
+    KeytabMatcher::Process(entry);
+  }
+
+  std::size_t count = 0;
+};
+
 // The end that both AS exchanges share: the status of a ticket just obtained.
 int CheckInitialTicket(const krb5_creds& creds, Site site = Site::Here()) {
   Keytab::PrintCreds(creds);
@@ -241,12 +253,13 @@ bool Keytab::WriteKey(const std::string& password, std::string* error) {
   if (KrbFailed(code, "Error creating key from password: ", logger, context, error)) return false;
   const KrbKey key(&entry.key, {context});
 
-  KeytabMatcher matcher(context, &entry);
+  CountingMatcher matcher(context, &entry);
   Iterate(matcher);
   if (matcher.IsKeyCurrent()) return true;
 
-  code = context_->keytab != nullptr ? krb5_kt_add_entry(context, context_->keytab, &entry)
+  code = context_->keytab != nullptr ? MendKeytabFile(context, context_->keytab, matcher.count)
                                      : kNoKeytab;
+  if (code == 0) code = krb5_kt_add_entry(context, context_->keytab, &entry);
   return !KrbFailed(code, "Error adding key to keytab: ", logger, context, error);
 }
 

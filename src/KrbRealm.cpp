@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "BrokenPipe.h"
 #include "Log.h"
 #include "Reason.h"
 #include "tavrel/DiscoveryService.h"
@@ -103,6 +104,7 @@ int KrbRealm::Join(std::string* error) {
 }
 
 int KrbRealm::Join(const JoinParameters& params, std::string* error) {
+  const BrokenPipeBlock broken_pipe;
   const Reason reason(error);
   const DNSDiscoveryService discovery;
   Joiner joiner(&params, &discovery);
@@ -165,6 +167,7 @@ bool KrbRealm::Join(const Joiner& joiner, const JoinParameters& params, std::str
 }
 
 int KrbRealm::TestJoin(const JoinParameters& params, std::string* error) {
+  const BrokenPipeBlock broken_pipe;
   const Reason reason(error);
   const DNSDiscoveryService discovery;
   Joiner joiner(&params, &discovery);

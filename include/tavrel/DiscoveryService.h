@@ -24,9 +24,8 @@ class TAVREL_EXPORT DiscoveryService {
 /// Finds them through the SRV records that Active Directory publishes (RFC 2782).
 class TAVREL_EXPORT DNSDiscoveryService : public DiscoveryService {
  public:
-  /// Asks for the SRV records of "_ldap._tcp.dc._msdcs." and `domain` with the process-wide
-  /// resolver
-  /// (`res_search`); blocks for as long as its time-outs allow.
+  /// Asks for the SRV records of "_ldap._tcp.dc._msdcs." and `domain` with the
+  /// process-wide resolver (`res_search`); blocks for as long as its time-outs allow.
   /// @return the records' targets in the order of the answer, priority and weight ignored; empty on
   ///   every failure, which is logged. A record that cannot be read is logged and left out.
   std::list<std::string> GetLDAPHosts(const std::string& domain) const override;

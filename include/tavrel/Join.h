@@ -116,9 +116,8 @@ class TAVREL_EXPORT Joiner {
 
   /// Sets the account's password to the machine password (`unicodePwd`). The directory takes it
   /// only over a protected connection.
-  /// @return false, with the reason in `*error`, when there is no handle or no password, or when
-  /// the
-  ///   server refused.
+  /// @return false, with the reason in `*error`, when there is no handle or no password, or
+  ///   when the server refused.
   bool SetPassword(const AccountObject& account, std::string* error) const;
 
   /// Makes the account an enabled workstation trust account; its other flags are kept.

@@ -32,8 +32,8 @@ class TAVREL_EXPORT KeytabAccumulator {
 class TAVREL_EXPORT KeytabMatcher : public KeytabAccumulator {
  public:
   /// @param context   library context, not owned
-  /// @param reference the entry to look for (principal and key); not owned, must outlive the
-  /// matcher
+  /// @param reference the entry to look for (principal and key); not owned, must outlive
+  ///   the matcher
   KeytabMatcher(krb5_context context, krb5_keytab_entry* reference);
 
   void Process(const krb5_keytab_entry& entry) override;
@@ -76,9 +76,8 @@ class TAVREL_EXPORT Keytab {
   /// @return as Iterate().
   krb5_error_code Print();
 
-  /// @return the highest key version number of the client principal in the keytab plus one; 1 when
-  /// it
-  ///   has none or the keytab cannot be read.
+  /// @return the highest key version number of the client principal in the keytab plus one; 1
+  ///   when it has none or the keytab cannot be read.
   std::uint32_t GetNextClientVno();
 
   /// @return true when the keytab has an entry of the client principal, of any version and
@@ -87,17 +86,17 @@ class TAVREL_EXPORT Keytab {
 
   /// Derives the client principal's RC4-HMAC key from `password` (`krb5_c_string_to_key`, RFC 4757)
   /// and appends it with the next key version number; writes nothing when that very key is current.
-  /// @return true when the key was added or is current already; otherwise the keytab is unchanged
-  /// and
-  ///   a level-4 record names the step.
+  /// What a full disk or a crash left of an entry at the end of a keytab file is removed before.
+  /// @return true when the key was added or is current already; otherwise the keytab's
+  ///   keys are as before, and a level-4 record names the step.
   bool WriteKey(const std::string& password, std::string* error);
 
   /// Removes every entry of the client principal (`krb5_kt_remove_entry`), after the keytab has
   /// been read, in file order.
-  /// @return true when all were removed. At the first that cannot be, it stops: those removed
-  /// before
-  ///   stay removed. When the keytab cannot be opened `*error` is left alone. A failure to close it
-  ///   is reported in `*error`, but makes the result false only when nothing was to be removed.
+  /// @return true when all were removed. At the first that cannot be, it stops: those
+  ///   removed before stay removed. When the keytab cannot be opened `*error` is left alone. A
+  ///   failure to close it is reported in `*error`, but makes the result false only when nothing
+  ///   was to be removed.
   bool ClearKeys(std::string* error);
 
   /// Asks the KDC for an initial ticket with the keytab's keys (AS exchange, RFC 4120 3.1;

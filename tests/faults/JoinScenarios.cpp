@@ -263,10 +263,10 @@ Rows GenerationRows(const Wording& wording, const Records& before) {
   const std::string opening = "4 random-string RandomString: Unable to open /dev/urandom: <why>";
   const Expected fails = {"3", wording.password + none, before + Records{none_record}};
   const Expected then = {"3", wording.password + none, {none_record}};
-  return {{"open", Expected{"3", wording.password + none, before + Records{opening, none_record}},
+  return {{"open#1", Expected{"3", wording.password + none, before + Records{opening, none_record}},
            Expected{"3", wording.password + none, {opening}}},
           {"read", {}, then},  // deliberately not looked at
-          {"close", {}, then},
+          {"close#1", {}, then},
           {"BIO_new", fails, then},
           {"BIO_write", fails, then},
           {"BIO_ctrl(FLUSH)", {}, then},  // what was written is long enough
@@ -322,7 +322,8 @@ Rows KeyRows(const Records& before, int entries, int tried, const Expected& done
   const auto numbers = [](int first, int last) {
     return "#" + std::to_string(first) + "-" + std::to_string(last);
   };
-  Rows rows = ExchangeRows("krb5_get_init_creds_password", kByPassword + "<why>",
+  Rows rows = LookRows(entries != 0 ? "pread" : nullptr, 2, *writing("", adding).once, not_added) +
+              ExchangeRows("krb5_get_init_creds_password", kByPassword + "<why>",
                            {"2", kKdc + "<why>", before + Records{kHere}},
                            {"3", kKdc + "<why>", before + Records{kHere}}, {}) +
               Rows{writing("krb5_principal2salt", "Error generating principal salt: "),

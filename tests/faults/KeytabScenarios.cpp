@@ -1,4 +1,7 @@
 // Writing and clearing keys.
+#include <filesystem>
+#include <fstream>
+
 #include "Scenarios.h"
 #include "tavrel/KrbKeytab.h"
 
@@ -76,15 +79,39 @@ class WriteKeyChanged : public WriteKeyFirst {
   }
 };
 
+// Behind an entry that was cut off.
+class WriteKeyCut : public WriteKeyNew {
+ public:
+  WriteKeyCut() {
+    Holds(world.principal, 1, "Old.1");
+    std::filesystem::resize_file(world.keytab, std::filesystem::file_size(world.keytab) - 1);
+    world.keytab_is_damaged = true;
+  }
+};
+
+// Into a file that has nothing in it.
+class WriteKeyEmpty : public WriteKeyFirst {
+ public:
+  WriteKeyEmpty() {
+    std::ofstream(world.keytab).flush();
+    world.keytab_is_damaged = true;
+  }
+};
+
+const std::string kAdding = "4 krb-keytab WriteKey: Error adding key to keytab: ";
+const Expected kNotAdded = {"false", "<why>", {kAdding + "<why>"}};
+const Expected kNotAddedThen = {"false", "", {kAdding}};  // without the message
+
 // The steps of WriteKey; a key that is current already is not added.
-Rows WriteRows(bool is_current) {
+Rows WriteRows(bool is_current, const char* transfer = "pread") {
   const auto fails = [](const std::string& call, const std::string& step) -> Row {
     return {call, Expected{"false", "<why>", {"4 krb-keytab WriteKey: " + step + "<why>"}}, {}};
   };
   const Rows rows = {fails("krb5_principal2salt", "Error generating principal salt: "),
                      fails("krb5_c_string_to_key", "Error creating key from password: ")};
   if (is_current) return rows;
-  return rows + Rows{fails("krb5_kt_add_entry", "Error adding key to keytab: ")};
+  return rows + LookRows(transfer, 1, kNotAdded, kNotAddedThen) +
+         Rows{{"krb5_kt_add_entry", kNotAdded, {}}};
 }
 
 // The walks before the key is made and after it, through `entries` entries. What cannot be read is
@@ -94,27 +121,26 @@ Rows WalkRows(int entries, bool is_current) {
     return Expected{"false", "", {"4 krb-keytab WriteKey: " + step}};
   };
   const Expected not_created = then("Error creating key from password: ");
-  const Expected not_added = then("Error adding key to keytab: ");
   // The last entry is the one that is looked for, if it is there at all.
-  const std::optional<Expected> found = is_current ? std::nullopt : std::optional(not_added);
+  const std::optional<Expected> found = is_current ? std::nullopt : std::optional(kNotAddedThen);
 
   const auto numbers = [](int first, int last) {
     return "#" + std::to_string(first) + "-" + std::to_string(last);
   };
   const int fetches = entries + 1;
   Rows rows = {{"krb5_kt_start_seq_get#1", {}, not_created},
-               {"krb5_kt_start_seq_get#2", {}, not_added}};
+               {"krb5_kt_start_seq_get#2", {}, kNotAddedThen}};
   if (entries == 0) return rows;
   return rows +
          Rows{{"krb5_kt_next_entry" + numbers(1, fetches), {}, not_created},
               {"krb5_free_keytab_entry_contents" + numbers(1, entries), {}, not_created},
               {"krb5_kt_end_seq_get#1", {}, not_created},
-              {"krb5_kt_next_entry" + numbers(fetches + 1, 2 * fetches - 1), {}, not_added},
+              {"krb5_kt_next_entry" + numbers(fetches + 1, 2 * fetches - 1), {}, kNotAddedThen},
               {"krb5_kt_next_entry" + numbers(2 * fetches, 2 * fetches), {}, found},
               {"krb5_free_keytab_entry_contents" + numbers(2 * entries, 2 * entries), {}, found},
               {"krb5_free_keytab_entry_contents" + numbers(entries + 1, 2 * entries - 1),
                {},
-               not_added},
+               kNotAddedThen},
               {"krb5_kt_end_seq_get#2", {}, found}};
 }
 
@@ -166,11 +192,16 @@ Rows ClearRows() {
 std::vector<Scenario> KeytabScenarios() {
   const Expected done = {"true", "untouched", {}};
   return {
-      {"WriteKeyFirst", Make<WriteKeyFirst>, done, kOneMore, WriteRows(false) + WalkRows(0, false)},
+      {"WriteKeyFirst", Make<WriteKeyFirst>, done, kOneMore,
+       WriteRows(false, nullptr) + WalkRows(0, false)},
       {"WriteKeyNew", Make<WriteKeyNew>, done, kOneMore, WriteRows(false) + WalkRows(2, false)},
       {"WriteKeySame", Make<WriteKeySame>, done, kUnchanged, WriteRows(true) + WalkRows(2, true)},
       {"WriteKeyChanged", Make<WriteKeyChanged>, done, kOneMore,
        WriteRows(false) + WalkRows(3, false)},
+      {"WriteKeyCut", Make<WriteKeyCut>, done, kOneMore,
+       WriteRows(false) + Rows{{"ftruncate", kNotAdded, kNotAddedThen}} + WalkRows(2, false)},
+      {"WriteKeyEmpty", Make<WriteKeyEmpty>, done, kOneMore,
+       WriteRows(false, "pwrite") + WalkRows(0, false)},
       {"ClearKeys", Make<ClearKeys>, done, kRemoved, ClearRows()}};
 }
 

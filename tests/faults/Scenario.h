@@ -24,6 +24,7 @@ struct World {
   std::string dn;                    // of its object
   std::string principal;             // the machine's
   std::string keytab;                // path
+  bool keytab_is_damaged = false;    // and may be mended
   std::vector<std::string> secrets;  // what must not appear in any record
 };
 
@@ -72,6 +73,7 @@ struct Row {
 // What may become of a keytab.
 inline constexpr char kUnchanged[] = "unchanged";
 inline constexpr char kOneMore[] = "what it was, and one key more";
+inline constexpr char kMended[] = "mended, with the keys that it had";
 inline constexpr char kRemoved[] = "what it was without the first keys of the machine";
 
 struct Scenario {

@@ -28,6 +28,19 @@ inline std::vector<std::string> operator+(std::vector<std::string> a,
   return a;
 }
 
+// The calls that look at a keytab file before a key is added, each of which keeps it from being
+// added: `once`, or `then` when all later calls fail as well. It is the `nth` file that is opened,
+// and `transfer` reads it, or writes to it when it is empty; null when there is no file.
+inline Rows LookRows(const char* transfer, int nth, const Expected& once, const Expected& then) {
+  const std::string n = "#" + std::to_string(nth);
+  const Rows rows = {{"krb5_kt_get_name", once, then}, {"open" + n, once, then}};
+  if (transfer == nullptr) return rows;
+  return rows + Rows{{"fcntl", once, then},
+                     {"lseek", once, then},
+                     {transfer, once, then},
+                     {"close" + n, {}, then}};
+}
+
 template <typename T>
 std::unique_ptr<Case> Make() {
   return std::make_unique<T>();

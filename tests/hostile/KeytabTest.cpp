@@ -79,6 +79,8 @@ std::string WriteNewKey(Keytab& keytab) {
       [&](std::string* error) { return std::to_string(keytab.WriteKey(kNewPassword, error)); });
 }
 
+std::string WriteNewKeyWithin(Keytab& keytab, std::size_t size);
+
 // --- killed ---
 
 struct Scene {
@@ -233,6 +235,69 @@ TEST(TruncatedKeytab, IsClearedOfTheEntriesThatAreWhole) {
       EXPECT_THAT(rest, IsEmpty());
     } else {
       EXPECT_THAT(rest, ElementsAre(ScratchKeytab::Text(kForeign)));
+    }
+  }
+}
+
+// A key that was cut off must not come back as zeros: whoever knows the file's length would know
+// it.
+TEST(TruncatedKeytab, ReceivesTheNewKeyAndNoneThatNobodyWrote) {
+  const std::vector<StoredKey> all = {kEarlier, kForeign, kCurrent};
+  const std::string bytes = BytesOf(all);
+  std::set<std::string> known;
+  for (const StoredKey& key : all)
+    known.insert(ScratchKeytab::Text(key));
+  int invented = 0, missing = 0, stuck = 0;
+
+  for (std::size_t size = 0; size <= bytes.size(); ++size) {
+    ScratchKeytab scratch;
+    Put(scratch.Path(), bytes.substr(0, size));
+
+    const bool written = scratch.keytab.WriteKey(kNewPassword, nullptr);
+
+    bool found = false;
+    for (const std::string& entry : scratch.Entries()) {
+      const bool is_new = entry.find(Hex(Rc4Key(kNewPassword))) != std::string::npos;
+      found = found || is_new;
+      if (!is_new && known.count(entry) == 0) {
+        ++invented;
+        std::printf("after byte %zu: %s\n", size, entry.c_str());
+      }
+    }
+    missing += written && !found;
+    stuck += !written;
+  }
+
+  EXPECT_EQ(invented, 0) << "entries that nobody wrote";
+  EXPECT_EQ(missing, 0) << "times a key was said to be written that cannot be read";
+  EXPECT_EQ(stuck, 0) << "times nothing could be written";
+}
+
+TEST(KilledFirstWriteKey, CanBeRepeated) {
+  long call = 0;
+  for (int nth = 1;; ++nth) {
+    ScratchKeytab scratch;
+    if (!KilledBefore(
+            nth, [&] { scratch.keytab.WriteKey(kNewPassword, nullptr); }, &call))
+      break;
+
+    EXPECT_EQ(WriteNewKey(scratch.keytab), "1, \"(untouched)\"\n")
+        << "killed before call " << nth << ", of system call " << call;
+  }
+}
+
+TEST(FullDisk, WithRoomAgainTakesTheKey) {
+  for (const std::string& before : {std::string(), BytesOf({kEarlier, kForeign})}) {
+    for (std::size_t room = 0; room < 69; ++room) {
+      ScratchKeytab scratch;
+      if (!before.empty()) Put(scratch.Path(), before);
+      WriteNewKeyWithin(scratch.keytab, before.size() + room);
+
+      const std::string told = WriteNewKey(scratch.keytab);
+
+      EXPECT_EQ(told, "1, \"(untouched)\"\n") << before.size() << " bytes, room for " << room;
+      EXPECT_EQ(scratch.Entries().size(), before.empty() ? 1U : 3U)
+          << before.size() << " bytes, room for " << room;
     }
   }
 }

@@ -1,0 +1,43 @@
+// What keeps a peer that hangs up from ending the process.
+#ifndef TAVREL_SRC_BROKENPIPE_H
+#define TAVREL_SRC_BROKENPIPE_H
+
+#include <signal.h>
+
+#include <cerrno>
+#include <ctime>
+
+namespace tavrel {
+
+// Turns the writes of this thread to connections that their peer has reset into writes that fail,
+// while it lives: libldap does not ask for that, and the signal would end a host that has not
+// provided for it. The signal mask and what is pending are then as before.
+class BrokenPipeBlock {
+ public:
+  BrokenPipeBlock() {
+    sigset_t pending;
+    sigpending(&pending);
+    is_the_hosts_ = sigismember(&pending, SIGPIPE) == 1;
+    sigemptyset(&broken_pipe_);
+    sigaddset(&broken_pipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe_, &before_);
+  }
+  BrokenPipeBlock(const BrokenPipeBlock&) = delete;
+  BrokenPipeBlock& operator=(const BrokenPipeBlock&) = delete;
+  ~BrokenPipeBlock() {
+    const timespec at_once{};
+    while (!is_the_hosts_ && sigtimedwait(&broken_pipe_, nullptr, &at_once) == -1 &&
+           errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+
+ private:
+  sigset_t broken_pipe_;
+  sigset_t before_;
+  bool is_the_hosts_;  // one was pending already, and stays
+};
+
+}  // namespace tavrel
+
+#endif

@@ -1,0 +1,184 @@
+// What becomes of a keytab file that is not whole when a key is written to it.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "Interpose.h"
+#include "ScratchKeytab.h"
+
+namespace tavrel::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+
+const std::string kVersion("\5\2", 2);
+constexpr char kPassword[] = "New.Pass.1";
+
+std::string Length(std::int32_t length) {
+  const auto stored = htonl(static_cast<std::uint32_t>(length));
+  std::string bytes(sizeof stored, '\0');
+  std::memcpy(bytes.data(), &stored, sizeof stored);
+  return bytes;
+}
+
+// The entry that a keytab file holds of `key`, with `padding` bytes behind it.
+std::string EntryOf(const StoredKey& key, std::size_t padding = 0) {
+  ScratchKeytab scratch;
+  scratch.Add(key);
+  const std::string content = scratch.Bytes().substr(6) + std::string(padding, '\0');
+  return Length(static_cast<std::int32_t>(content.size())) + content;
+}
+
+const StoredKey kHere = {kMachine, 1, "0123456789abcdef", ENCTYPE_ARCFOUR_HMAC};
+const StoredKey kLost = {kOther, 3, "fedcba9876543210", ENCTYPE_ARCFOUR_HMAC};
+
+class ADamagedFile : public testing::Test {
+ protected:
+  void Put(const std::string& bytes) { std::ofstream(scratch.Path(), std::ios::binary) << bytes; }
+
+  // Writes a key and expects the file to hold `before` and then its entry.
+  void WritesBehind(const std::string& before, krb5_kvno vno) {
+    const StoredKey added = {kMachine, vno, Rc4Key(kPassword), ENCTYPE_ARCFOUR_HMAC};
+
+    const bool written = scratch.keytab.WriteKey(kPassword, &error);
+
+    EXPECT_TRUE(written) << error;
+    std::string bytes = scratch.Bytes();
+    ASSERT_THAT(bytes, StartsWith(before));
+    EXPECT_THAT(scratch.Entries(), testing::Contains(ScratchKeytab::Text(added)).Times(1));
+    EXPECT_EQ(bytes.size(), before.size() + EntryOf(added).size());
+  }
+
+  ScratchKeytab scratch;
+  std::string error = "untouched";
+};
+
+TEST_F(ADamagedFile, WithoutAByteGetsItsVersion) {
+  Put("");
+
+  WritesBehind(kVersion, 1);
+}
+
+TEST_F(ADamagedFile, WithHalfAVersionGetsAWholeOne) {
+  Put("\5");
+
+  WritesBehind(kVersion, 1);
+}
+
+TEST_F(ADamagedFile, KeepsItsMode) {
+  Put("");
+  ASSERT_EQ(chmod(scratch.Path().c_str(), 0640), 0);
+
+  ASSERT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
+
+  struct stat now {};
+  ASSERT_EQ(stat(scratch.Path().c_str(), &now), 0);
+  EXPECT_EQ(now.st_mode & 07777U, 0640U);
+}
+
+TEST_F(ADamagedFile, LosesWhatIsLeftOfACutEntry) {
+  const std::string whole = kVersion + EntryOf(kHere);
+  const std::string cut = EntryOf(kLost);
+  for (std::size_t left = 1; left < cut.size(); ++left) {
+    SCOPED_TRACE(left);
+    Put(whole + cut.substr(0, left));
+
+    WritesBehind(whole, 2);
+  }
+}
+
+TEST_F(ADamagedFile, LosesAHoleThatReachesBeyondItsEnd) {
+  const std::string whole = kVersion + EntryOf(kHere);
+  for (const std::int32_t length : {-1000, -INT32_MAX, INT32_MIN}) {
+    SCOPED_TRACE(length);
+    Put(whole + Length(length) + "left over");
+
+    WritesBehind(whole, 2);
+  }
+}
+
+TEST_F(ADamagedFile, KeepsAnEntryOfWhichOnlyThePaddingIsCut) {
+  const std::string padded = kVersion + EntryOf(kHere, 40);
+  Put(padded.substr(0, padded.size() - 20));
+  ASSERT_THAT(scratch.Entries(), ElementsAre(ScratchKeytab::Text(kHere)));
+
+  const bool written = scratch.keytab.WriteKey(kPassword, &error);
+
+  EXPECT_TRUE(written) << error;
+  EXPECT_THAT(scratch.Entries(),
+              ElementsAre(ScratchKeytab::Text(kHere),
+                          ScratchKeytab::Text({kMachine, 2, Rc4Key(kPassword)})));
+}
+
+// The old format has its lengths as the machine has them.
+TEST_F(ADamagedFile, OfTheOldVersionIsMendedAsWell) {
+  const std::int32_t beyond = 1000;
+  std::string length(sizeof beyond, '\0');
+  std::memcpy(length.data(), &beyond, sizeof beyond);
+  Put(std::string("\5\1", 2) + length + "something");
+
+  ASSERT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
+
+  EXPECT_THAT(scratch.Entries(),
+              ElementsAre(ScratchKeytab::Text({kMachine, 1, Rc4Key(kPassword)})));
+}
+
+TEST_F(ADamagedFile, OfAnUnknownVersionIsLeftAlone) {
+  const std::string bytes = std::string("\5\3", 2) + Length(1000) + "something";
+  Put(bytes);
+
+  EXPECT_FALSE(scratch.keytab.WriteKey(kPassword, &error));
+
+  EXPECT_EQ(error, "Unsupported key table format version number");
+  EXPECT_EQ(scratch.Bytes(), bytes);
+}
+
+// The end that a writer leaves behind who was killed before it stated the length.
+TEST_F(ADamagedFile, EndsWhereALengthIsZero) {
+  const std::string whole = kVersion + EntryOf(kHere);
+  Put(whole + Length(0) + EntryOf(kLost).substr(4));
+
+  ASSERT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
+
+  EXPECT_THAT(scratch.Entries(),
+              ElementsAre(ScratchKeytab::Text(kHere),
+                          ScratchKeytab::Text({kMachine, 2, Rc4Key(kPassword)})));
+}
+
+// What the library calls between its last look at the entries and the end.
+std::vector<std::string> LastCalls(ScratchKeytab& scratch) {
+  scratch.Add(kHere);
+  scratch.Add(kLost);
+  CallTrace trace;
+  EXPECT_TRUE(scratch.keytab.WriteKey(kPassword, nullptr));
+  const auto last_look =
+      std::find(trace.Names().rbegin(), trace.Names().rend(), "krb5_kt_end_seq_get");
+  return {last_look.base(), trace.Names().end()};
+}
+
+TEST(AWholeFile, IsOnlyReadBeforeTheKeyIsAdded) {
+  ScratchKeytab scratch;
+
+  EXPECT_THAT(LastCalls(scratch),
+              ElementsAre("krb5_kt_get_name", "open", "fcntl", "lseek", "pread", "pread", "pread",
+                          "close", "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
+}
+
+TEST(AKeytabInMemory, IsNoFileToLookAt) {
+  ScratchKeytab scratch("MEMORY");
+
+  EXPECT_THAT(LastCalls(scratch),
+              ElementsAre("krb5_kt_get_name", "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
+}
+
+}  // namespace
+}  // namespace tavrel::tests
