@@ -12,7 +12,7 @@
 #include "Expect.h"
 #include "ForgedRequest.h"
 #include "Interpose.h"
-#include "Leaks.h"
+#include "KnownLeak.h"
 #include "LogCapture.h"
 #include "Script.h"
 #include "tavrel/DiscoveryService.h"
@@ -254,7 +254,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // libldap loses requests whose answer it does not understand.
   const auto may_leak = [&](auto& call) {
     return [&](auto... arguments) {
-      const MayLeak request(!peer.Answers());
+      const tavrel::tests::KnownLeak request(!peer.Answers());
       return call.Real(arguments...);
     };
   };

@@ -23,11 +23,15 @@ using testing::StartsWith;
 const std::string kVersion("\5\2", 2);
 constexpr char kPassword[] = "New.Pass.1";
 
-std::string Length(std::int32_t length) {
-  const auto stored = htonl(static_cast<std::uint32_t>(length));
-  std::string bytes(sizeof stored, '\0');
-  std::memcpy(bytes.data(), &stored, sizeof stored);
+// A number as it stands in memory.
+std::string BytesOf(std::int32_t number) {
+  std::string bytes(sizeof number, '\0');
+  std::memcpy(bytes.data(), &number, sizeof number);
   return bytes;
+}
+
+std::string Length(std::int32_t length) {
+  return BytesOf(static_cast<std::int32_t>(htonl(static_cast<std::uint32_t>(length))));
 }
 
 // The entry that a keytab file holds of `key`, with `padding` bytes behind it.
@@ -119,15 +123,15 @@ TEST_F(ADamagedFile, KeepsAnEntryOfWhichOnlyThePaddingIsCut) {
                           ScratchKeytab::Text({kMachine, 2, Rc4Key(kPassword)})));
 }
 
-// The old format has its lengths as the machine has them.
+// The old format has its lengths in the machine's order.
 TEST_F(ADamagedFile, OfTheOldVersionIsMendedAsWell) {
-  const std::int32_t beyond = 1000;
-  std::string length(sizeof beyond, '\0');
-  std::memcpy(length.data(), &beyond, sizeof beyond);
-  Put(std::string("\5\1", 2) + length + "something");
+  const std::int32_t hole = -8, beyond = 1000;
+  const std::string whole = std::string("\5\1", 2) + BytesOf(hole) + "leftover";
+  Put(whole + BytesOf(beyond) + "something");
 
   ASSERT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
 
+  EXPECT_THAT(scratch.Bytes(), StartsWith(whole));
   EXPECT_THAT(scratch.Entries(),
               ElementsAre(ScratchKeytab::Text({kMachine, 1, Rc4Key(kPassword)})));
 }
@@ -145,9 +149,12 @@ TEST_F(ADamagedFile, OfAnUnknownVersionIsLeftAlone) {
 // The end that a writer leaves behind who was killed before it stated the length.
 TEST_F(ADamagedFile, EndsWhereALengthIsZero) {
   const std::string whole = kVersion + EntryOf(kHere);
-  Put(whole + Length(0) + EntryOf(kLost).substr(4));
+  const std::string bytes = whole + Length(0) + std::string(500, 'x');
+  Put(bytes);
 
   ASSERT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
+
+  EXPECT_EQ(scratch.Bytes().size(), bytes.size());
 
   EXPECT_THAT(scratch.Entries(),
               ElementsAre(ScratchKeytab::Text(kHere),
