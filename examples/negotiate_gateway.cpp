@@ -129,7 +129,8 @@ constexpr std::string_view kNoTicket = R"(
 <ul>
 <li>this computer belongs to the domain, or has a ticket of it (<code>kinit</code>),</li>
 <li>you are signed in to it with a domain account,</li>
-<li>the browser counts this site to its intranet zone, or to the servers that it may sign in to,</li>
+<li>the browser counts this site to its intranet zone, or to the servers that it may sign in to;
+Chromium on Linux has to be started anew once it has met such a site,</li>
 <li>the address bar shows this site's full name, not a number.</li>
 </ul>)";
 
