@@ -5,11 +5,12 @@
 // The administrator's password is read from standard input. A session ends after LIFETIME seconds
 // (28800); SESSIONS (1000) are kept, the oldest makes room for a new one. Once it has joined, the
 // program prints where it listens; SIGTERM and SIGINT end it. Who signed in is logged at level 2.
-// Exit status: 0 when a signal ended it, 1 when it cannot listen, otherwise that of the join.
+// Exit status: 0 when a signal ended it, 1 when it cannot listen, 64 when it is called in another
+// way, otherwise that of the join.
 //
-// A client asks for a ticket for HTTP/ and the name in its address bar. The controllers take that
-// for the HOST/ name which the join registers; any other name of the appliance has to be added to
-// the account's servicePrincipalName.
+// A client asks for a ticket for HTTP/ and the name in its address bar. Controllers take that for
+// the HOST/ name which the join registers (sPNMappings); any other name of the appliance has to be
+// added to the account's servicePrincipalName.
 //
 // This program speaks plain HTTP to be short. A real one must have TLS, and then also "Secure" in
 // its cookie: whoever can read the connection has the cookie, and with it the session; whoever can
@@ -50,8 +51,9 @@ constexpr unsigned int kWorkers = 4;
 constexpr unsigned int kConnections = 256;
 constexpr unsigned int kIdleSeconds = 10;
 
-// What one connection may use. It holds the header of a request, and of its answer: 48,000 bytes,
-// the usual limit of a token in Windows, are 64,000 characters. A larger header gets status 431.
+// What one connection may use. It holds the header of a request, which is large when the user is in
+// many groups: 48,000 bytes, the default MaxTokenSize of Windows, are 64,000 characters. A header
+// that does not fit gets status 431.
 constexpr std::size_t kConnectionMemory = std::size_t{80} * 1024;
 
 void Log(LogLevel level, const std::string& message, const char* function = __builtin_FUNCTION(),
