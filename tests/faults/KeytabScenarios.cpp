@@ -83,8 +83,10 @@ class WriteKeyChanged : public WriteKeyFirst {
 class WriteKeyCut : public WriteKeyNew {
  public:
   WriteKeyCut() {
+    const auto whole = std::filesystem::file_size(world.keytab);
     Holds(world.principal, 1, "Old.1");
-    std::filesystem::resize_file(world.keytab, std::filesystem::file_size(world.keytab) - 1);
+    // Of an entry that has more, libkrb5 leaks what it has read.
+    std::filesystem::resize_file(world.keytab, whole + 5);
     world.keytab_is_damaged = true;
   }
 };
