@@ -33,7 +33,8 @@ struct Subject {
   const tavrel::JoinParameters& join;  // names are derived by the library, so they are the join's
   const std::string& keytab;
   std::list<Controller> controllers = {};
-  bool keytab_has_key = false;
+  bool keytab_readable = false;  // a file, and not empty
+  bool keytab_has_key = false;   // one of the machine
 };
 
 // A check writes what it found, and a remedy where something is to be done. It changes nothing. One

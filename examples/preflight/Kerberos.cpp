@@ -250,9 +250,7 @@ void CheckRequestedEnctypes(Subject& subject, Report& report) {
 }
 
 void CheckKeytabEntries(Subject& subject, Report& report) {
-  const auto path = KeytabPath(subject.keytab);
-  struct stat status;
-  if (!path || stat(path->c_str(), &status) != 0 || status.st_size == 0) return;
+  if (!subject.keytab_readable) return;
   tavrel::KrbContext context;
   if (context.context == nullptr || !context.SetKeytab(subject.keytab) ||
       !context.SetClientPrincipal(MachineName(subject))) {
@@ -307,14 +305,12 @@ void CheckKdc(Subject& subject, Report& report) {
   if (code == 0) krb5_free_cred_contents(context.get(), &credentials);
   switch (code) {
     case KRB5_PREAUTH_FAILED:
-    case KRB5_LIBOS_CANTREADPWD:
+    case KRB5_LIBOS_CANTREADPWD:      // an account that needs no proof
+    case KRB5KDC_ERR_CLIENT_REVOKED:  // one that is disabled, which a join mends
       report.Ok(check, "answers, and knows " + MachineName(subject));
       break;
     case KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN:
       report.Ok(check, "answers, and does not know " + MachineName(subject) + " yet");
-      break;
-    case KRB5KDC_ERR_CLIENT_REVOKED:
-      report.Ok(check, "answers, and has " + MachineName(subject) + " disabled");
       break;
     case KRB5KDC_ERR_ETYPE_NOSUPP:
       report.Fail(check, Explain(context.get(), code),

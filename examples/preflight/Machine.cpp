@@ -80,6 +80,7 @@ void CheckKeytabFile(Subject& subject, Report& report) {
                 "let this process read and write it: it runs as user " + std::to_string(geteuid()));
     return;
   }
+  subject.keytab_readable = status.st_size > 0;
   if ((status.st_mode & 077u) != 0) {
     report.Fail(check, mode + ": others than its owner have access to the machine's key",
                 "chmod 600, and join with a new password if somebody may have read it");
