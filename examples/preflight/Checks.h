@@ -1,4 +1,4 @@
-// The checks, in three files: of the machine, of the domain's controllers, and of Kerberos.
+// The checks, and what they share.
 #ifndef EXAMPLES_PREFLIGHT_CHECKS_H
 #define EXAMPLES_PREFLIGHT_CHECKS_H
 
@@ -51,7 +51,11 @@ void CheckLdapTimeLimit(Subject&, Report&);
 void CheckDiscovery(Subject&, Report&);
 void CheckReach(Subject&, Report&);
 void CheckClock(Subject&, Report&);
+
+// Certificates.cpp
 void CheckCertificate(Subject&, Report&);
+
+// Administrator.cpp
 void CheckBind(Subject&, Report&);
 void CheckAccount(Subject&, Report&);
 

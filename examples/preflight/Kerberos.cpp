@@ -76,8 +76,7 @@ bool Has(const std::vector<krb5_enctype>& types, krb5_enctype type) {
   return std::find(types.begin(), types.end(), type) != types.end();
 }
 
-// --- a request, read back
-// --------------------------------------------------------------------------
+// --- a request, read back ----------------------------------------------------
 
 // Takes the first element of `der` off, and returns its tag and content (X.690, 8.1). Nothing when
 // there is none.
@@ -121,8 +120,7 @@ std::vector<krb5_enctype> RequestedEnctypes(std::string_view request) {
   return types;
 }
 
-// --- keytab entries
-// --------------------------------------------------------------------------------
+// --- keytab entries ----------------------------------------------------------
 
 struct Entry {
   bool ours;
