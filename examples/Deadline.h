@@ -16,8 +16,12 @@ template <typename Work>
 auto FinishWithin(std::chrono::seconds limit, Work work) -> std::optional<decltype(work())> {
   std::packaged_task<decltype(work())()> task(std::move(work));
   auto result = task.get_future();
-  std::thread(std::move(task)).detach();
-  if (result.wait_for(limit) != std::future_status::ready) return std::nullopt;
+  std::thread thread(std::move(task));
+  if (result.wait_for(limit) != std::future_status::ready) {
+    thread.detach();
+    return std::nullopt;
+  }
+  thread.join();
   return result.get();
 }
 
