@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <list>
@@ -138,7 +137,6 @@ int main(int argc, char** argv) {
     std::cerr << "join_domain: the password is empty\n";
     return kUsage;
   }
-  std::signal(SIGPIPE, SIG_IGN);  // the LDAP library writes to connections that may be closed
 
   const auto outcome = FinishWithin(std::chrono::seconds(options.deadline),
                                     [&] { return JoinPatiently(options, password); });

@@ -12,21 +12,21 @@ namespace {
 // Where a keytab file (version 2, as MIT krb5 documents the format) is broken; empty when it is
 // whole. libkrb5 reads up to there without a word.
 std::string Damage(const std::string& bytes) {
-  if (bytes.size() < 2 || bytes.compare(0, 2, "\x05\x02") != 0)
-    return "it is no keytab of version 2";
   std::size_t at = 2;
   while (at < bytes.size()) {
     const std::string where =
         " at byte " + std::to_string(at) + " of " + std::to_string(bytes.size());
-    if (bytes.size() - at < 4) return "it was cut short" + where;
+    if (bytes.size() - at < 4) return "cut short" + where;
     std::uint32_t raw = 0;
     for (std::size_t i = 0; i < 4; ++i)
       raw = raw << 8 | static_cast<unsigned char>(bytes[at + i]);
     const auto length = static_cast<std::int64_t>(static_cast<std::int32_t>(raw));
-    if (length == 0) return "it has zeros in place of an entry" + where;
-    const auto size =
-        static_cast<std::uint64_t>(length < 0 ? -length : length);  // negative: a hole
-    if (size > bytes.size() - at - 4) return "it was cut short" + where;
+    if (length == 0) {  // the end, for libkrb5, and it writes one itself
+      if (bytes.find_first_not_of('\0', at) == std::string::npos) return "";
+      return "zeros in place of an entry" + where;
+    }
+    const auto size = static_cast<std::uint64_t>(length < 0 ? -length : length);  // negative: hole
+    if (size > bytes.size() - at - 4) return "cut short" + where;
     at += 4 + size;
   }
   return "";
@@ -86,16 +86,16 @@ void CheckKeytabFile(Subject& subject, Report& report) {
                 "chmod 600, and join with a new password if somebody may have read it");
     return;
   }
-  if (status.st_size == 0) {
-    report.Fail(check, "empty, to which no key can be added", "remove it: a join makes a new one");
-    return;
-  }
   std::ifstream file(*path, std::ios::binary);
   const std::string bytes(std::istreambuf_iterator<char>(file), {});
+  constexpr char kAnew[] = "see that the disk is not full, remove the keytab, and join";
   const std::string damage = Damage(bytes);
-  if (!damage.empty()) {
-    report.Fail(check, damage,
-                "remove it, and join: a key that is written behind this may be lost");
+  if (bytes.empty()) {
+    report.Warn(check, "empty", kAnew);
+  } else if (bytes.compare(0, 2, "\x05\x02") != 0) {
+    report.Fail(check, "no keytab of version 2", "remove the keytab, and join");
+  } else if (!damage.empty()) {
+    report.Warn(check, damage + ": what follows is not read", kAnew);
   } else if (status.st_uid != geteuid()) {
     report.Warn(check, mode + ": not this process's user, " + std::to_string(geteuid()),
                 "let the user who joins and authenticates own it");
