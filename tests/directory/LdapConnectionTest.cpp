@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <list>
 #include <stdexcept>
 #include <string>
@@ -14,6 +17,7 @@
 
 #include "Directory.h"
 #include "LogCapture.h"
+#include "ScratchFolder.h"
 #include "tavrel/Ldap.h"
 
 namespace tavrel::tests {
@@ -222,6 +226,31 @@ TEST(LdapConnection, NeedsTheFileOfAuthoritiesThatItIsGiven) {
                                        "3 ldap Connect: LDAP new tls context failed against "
                                        "ldap://" +
                                            kDc1 + ": " + kNoContact));
+}
+
+// libldap reads its file once in a process, so this takes one for each.
+class LdapConf : public testing::TestWithParam<const char*> {};
+INSTANTIATE_TEST_SUITE_P(, LdapConf, testing::Values("never", "allow"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_P(LdapConf, CanSwitchOffTheVerificationThatAFileOfAuthoritiesAsksFor) {
+  constexpr char kInside[] = "TAVREL_TESTS_INSIDE";
+  if (std::getenv(kInside) == nullptr) {
+    const ScratchFolder folder;
+    std::ofstream(folder / "ldap.conf") << "TLS_REQCERT " << GetParam() << "\n";
+    const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string command = std::string(kInside) + "=1 LDAPCONF='" + (folder / "ldap.conf") +
+                                "' '" + program + "' --gtest_filter='" + test.test_suite_name() +
+                                "." + test.name() + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return;
+  }
+  Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "wrong-ca.pem"});
+
+  const bool connected = session.Connect(kAdmin, kAdminPassword, nullptr);
+
+  EXPECT_TRUE(connected);
 }
 
 // --- user and password ---------------------------------------------------------------------------

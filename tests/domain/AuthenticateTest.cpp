@@ -124,6 +124,23 @@ TEST_F(DomainAuthentication, AcceptsATicketOfTheEarlierPassword) {
   EXPECT_EQ(late_answer.log, Log({Located(late_token, 1), kAccepted}));
 }
 
+// Only the ticket is asked, and nobody takes back one that was issued.
+TEST_F(DomainAuthentication, AcceptsAUserWhoIsGoneAsLongAsTheTicketLasts) {
+  NameMachine("lasting");
+  JoinedEarlier();
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  Scene("user carol Carol.Pass.1");
+  const GssClient carol("carol@CORP.EXAMPLE.COM", "Carol.Pass.1");
+  carol.Token(Machine());  // the client keeps its ticket
+  Scene("delete carol");
+  const std::vector<char> token = carol.Token(Machine());
+
+  const Answer answer = Authenticate(realm, token);
+
+  EXPECT_EQ(answer.user, "CORP.EXAMPLE.COM\\carol");
+}
+
 TEST_F(DomainAuthentication, NeedsNoMoreThanAJoinTestOnAJoinedMachine) {
   NameMachine("testonly");
   JoinedEarlier();

@@ -1,6 +1,7 @@
 // Keytab::ASAuthenticate against a real KDC.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <tuple>
@@ -313,6 +314,39 @@ TEST(AWrittenKey, IsTheOneThatTheKdcKnows) {
   EXPECT_TRUE(written);
   EXPECT_EQ(status, kSuccess);
   EXPECT_EQ(error, "");
+}
+
+TEST(AWrittenKey, MayBeReadByTheKeytabsOwnerAlone) {
+  const Kdc kdc;
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+  const mode_t earlier = umask(0);
+
+  const bool written = Keytab(&context).WriteKey(kPassword, nullptr);
+
+  umask(earlier);
+  EXPECT_TRUE(written);
+  struct stat keytab {};
+  ASSERT_EQ(stat((kdc / "keytab").c_str(), &keytab), 0);
+  EXPECT_EQ(keytab.st_mode & 07777U, 0600U);
+}
+
+// Nobody looks at who may read a keytab that is there.
+TEST(AWrittenKey, LeavesTheModeOfAKeytabThatExists) {
+  const Kdc kdc;
+  AddKey(kdc / "keytab", {kMachine, kPassword});
+  ASSERT_EQ(chmod((kdc / "keytab").c_str(), 0644), 0);
+  KrbContext context;
+  ASSERT_TRUE(context.SetClientPrincipal(kMachine));
+  ASSERT_TRUE(context.SetKeytab(kdc / "keytab"));
+
+  const bool written = Keytab(&context).WriteKey("Second.1", nullptr);
+
+  EXPECT_TRUE(written);
+  struct stat keytab {};
+  ASSERT_EQ(stat((kdc / "keytab").c_str(), &keytab), 0);
+  EXPECT_EQ(keytab.st_mode & 07777U, 0644U);
 }
 
 TEST(AWrittenKey, FollowsTheAccountsPassword) {

@@ -135,6 +135,18 @@ TEST(ASpnegoToken, MayOfferTheMicrosoftIdentifierAlone) {
   EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {61}, {kAcceptedAlice})));
 }
 
+// The library does not know which TLS connection a token came through.
+TEST(AToken, IsAcceptedWhateverChannelItIsBoundTo) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token =
+      GssClient(kAlice, kUserPassword).Token(kMachine, Mechanism::kKerberos, "tls-unique:another");
+
+  const std::string user = machine.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+}
+
 TEST(AUserName, OfTwoComponentsIsTheLast) {
   const Kdc kdc;
   Machine machine(kdc);
@@ -202,6 +214,21 @@ TEST(ARequest, IsAcceptedOnceByAllRealmsOfTheMachine) {
 
   EXPECT_EQ(user, "");
   EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Request is a replay")})));
+}
+
+// Machines, or processes of different users, that share a key but no replay cache.
+TEST(ARequest, IsAcceptedOnceForEveryReplayCache) {
+  const Kdc kdc;
+  Machine machine(kdc);
+  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
+  ASSERT_NE(machine.Authenticate(token), "");
+  const ScratchFolder folder;
+  const ScopedVariable other_cache("KRB5RCACHEDIR", folder / "");
+  Machine another(kdc, {});
+
+  const std::string user = another.Authenticate(token);
+
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
 }
 
 struct Unfit {

@@ -88,7 +88,8 @@ GssClient::GssClient(const std::string& user, const std::string& password, krb5_
   krb5_free_cred_contents(context, &creds);
 }
 
-std::vector<char> GssClient::Token(const std::string& service, Mechanism mechanism) const {
+std::vector<char> GssClient::Token(const std::string& service, Mechanism mechanism,
+                                   const std::string& channel) const {
   OM_uint32 minor = 0;
   gss_OID_set_desc mechanisms = {1, Oid(mechanism)};
   gss_key_value_element_desc element = {"ccache", cache_name_.c_str()};
@@ -106,10 +107,15 @@ std::vector<char> GssClient::Token(const std::string& service, Mechanism mechani
   const GssName owned_name(name);
   Check("gss_import_name", major, minor);
 
+  std::string channel_text = channel;
+  gss_channel_bindings_struct bindings{};
+  bindings.application_data = {channel_text.size(), channel_text.data()};
+
   gss_ctx_id_t context = GSS_C_NO_CONTEXT;
   gss_buffer_desc output{};
   major = gss_init_sec_context(&minor, credentials, &context, name, Oid(mechanism),
-                               GSS_C_MUTUAL_FLAG, GSS_C_INDEFINITE, GSS_C_NO_CHANNEL_BINDINGS,
+                               GSS_C_MUTUAL_FLAG, GSS_C_INDEFINITE,
+                               channel.empty() ? GSS_C_NO_CHANNEL_BINDINGS : &bindings,
                                GSS_C_NO_BUFFER, nullptr, &output, nullptr, nullptr);
   const GssContext owned_context(context);
   const auto* const bytes = static_cast<const char*>(output.value);

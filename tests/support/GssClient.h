@@ -20,10 +20,11 @@ class GssClient {
   // `lifetime` seconds (0: as long as the KDC gives). Throws std::runtime_error when refused.
   GssClient(const std::string& user, const std::string& password, krb5_deltat lifetime = 0);
 
-  // The first token for the service of that principal, a fresh one at each call. Throws
-  // std::runtime_error when there is none.
-  std::vector<char> Token(const std::string& service,
-                          Mechanism mechanism = Mechanism::kKerberos) const;
+  // The first token for the service of that principal, a fresh one at each call; it asks for a
+  // reply, and is bound to the TLS channel that `channel` names, if any. Throws std::runtime_error
+  // when there is none.
+  std::vector<char> Token(const std::string& service, Mechanism mechanism = Mechanism::kKerberos,
+                          const std::string& channel = "") const;
 
   // A bare AP-REQ for the service of that principal, a fresh one at each call. Unlike a token it
   // can be had when the clock here is off: it is made at the KDC's time.
