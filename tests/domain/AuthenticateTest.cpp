@@ -69,6 +69,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Service{"TheAccountBySpnego", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kSpnego,
                             2},
                     Service{"TheHost", "HOST/SERVICE@CORP.EXAMPLE.COM", Mechanism::kKerberos, 1},
+                    // the directory takes a web server for the host that it runs on
+                    Service{"TheWebServer", "HTTP/service.CORP.EXAMPLE.COM@CORP.EXAMPLE.COM",
+                            Mechanism::kSpnego, 2},
                     Service{"TheHostBySpnego", "HOST/service.CORP.EXAMPLE.COM@CORP.EXAMPLE.COM",
                             Mechanism::kSpnego, 2}),
     [](const auto& test) { return test.param.name; });
