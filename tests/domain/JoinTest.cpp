@@ -3,10 +3,12 @@
 
 #include <cstdio>
 
+#include "GssClient.h"
 #include "JoinScenario.h"
 #include "Records.h"
 #include "tavrel/DiscoveryService.h"
 #include "tavrel/KrbError.h"
+#include "tavrel/KrbKeytab.h"
 
 namespace tavrel::tests {
 namespace {
@@ -157,6 +159,45 @@ TEST_F(DomainJoin, ThePasswordOfThisProcessIsSetAgainWithoutAnotherKey) {
   EXPECT_EQ(joined.log, Log({kDiscovered, kBound, kPresent, kAlreadyIn, kKeyRefused, kPresent,
                              kTicket, kKey1, kTicket}));
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
+}
+
+// A program that writes a key before it sets the password may fail in between.
+TEST_F(DomainJoin, AKeyThatNeverWasThePasswordsIsFollowedByOneThatWorks) {
+  NameMachine("halfway");
+  JoinedEarlier();
+  KrbContext context;
+  ASSERT_TRUE(context.SetKeytab(keytab));
+  ASSERT_TRUE(context.SetClientPrincipal("HALFWAY$@CORP.EXAMPLE.COM"));
+  ASSERT_TRUE(Keytab(&context).WriteKey("Never.Set.1", nullptr));
+  KrbRealm realm = Realm();
+
+  const Outcome joined = Join(realm);
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_THAT(Entries(), ElementsAre("HALFWAY$@CORP.EXAMPLE.COM version 1 enctype 23",
+                                     "HALFWAY$@CORP.EXAMPLE.COM version 2 enctype 23",
+                                     "HALFWAY$@CORP.EXAMPLE.COM version 3 enctype 23"));
+}
+
+TEST_F(DomainJoin, AfterItsKeysWereClearedWritesTheCurrentOneAgain) {
+  NameMachine("cleared");
+  KrbRealm realm = Realm();
+  ASSERT_EQ(Join(realm).status, kSuccess);
+  const GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
+  alice.Token("CLEARED$@CORP.EXAMPLE.COM");  // the client keeps its ticket
+  KrbContext context;
+  ASSERT_TRUE(context.SetKeytab(keytab));
+  ASSERT_TRUE(context.SetClientPrincipal("CLEARED$@CORP.EXAMPLE.COM"));
+  ASSERT_TRUE(Keytab(&context).ClearKeys(nullptr));
+  ASSERT_THAT(Entries(), ElementsAre());
+
+  const Outcome joined = Join(realm);
+  std::vector<char> token = alice.Token("CLEARED$@CORP.EXAMPLE.COM");
+  const std::string user = realm.Authenticate(token.data(), static_cast<int>(token.size()));
+
+  EXPECT_EQ(joined.status, kSuccess);
+  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_THAT(Entries(), ElementsAre("CLEARED$@CORP.EXAMPLE.COM version 1 enctype 23"));
 }
 
 TEST_F(DomainJoin, ADisabledAccountIsEnabled) {

@@ -30,10 +30,12 @@ class NamedKdc {
   ~NamedKdc() { umount("/etc/hosts"); }
 };
 
+// A machine that another process has joined.
 class Machine : public KrbRealm {
  public:
   explicit Machine(const std::string& keytab) : KrbRealm("corp.example.com", "", "", keytab) {
-    krb_context.SetClientPrincipal(kMachine);
+    krb_context.SetClientPrincipal(join_parameters.GetAccountName() + "$@" +
+                                   join_parameters.domain);
   }
 
   Keytab Keys() { return Keytab(&krb_context); }
