@@ -229,20 +229,21 @@ constexpr char kNoKeytab[] = "no keytab";
 
 INSTANTIATE_TEST_SUITE_P(
     , AKeytab,
-    testing::Values(Empty("ThatIsMissing", MakeNone), Empty("WithoutAByte", MakeOf<kNoBytes>),
-                    Empty("WithoutAnEntry", MakeOf<kNoEntries>),
-                    Empty("ThatIsNone", MakeOf<kNoKeytab>),
-                    Tried("OfAnotherPrincipal", MakeForAnother,
-                          "Keytab contains no suitable keys for APPLIANCE$@CORP.EXAMPLE.COM"),
-                    Tried("OfAnEncryptionTypeThatTheAccountHasNot", MakeOfAes,
-                          "Pre-authentication failed: No key table entry found for "
-                          "APPLIANCE$@CORP.EXAMPLE.COM"),
-                    Tried("OfAnEncryptionTypeThatIsForbidden", MakeRight,
-                          "Generic preauthentication failure",
-                          "permitted_enctypes = aes256-cts-hmac-sha1-96"),
-                    Tried("WhenNoEncryptionTypeIsAllowed", MakeRight,
-                          "No supported encryption types (config file error?)",
-                          "default_tkt_enctypes = des-cbc-crc")),
+    testing::Values(
+        Empty("ThatIsMissing", MakeNone), Empty("WithoutAByte", MakeOf<kNoBytes>),
+        Empty("WithoutAnEntry", MakeOf<kNoEntries>), Empty("ThatIsNone", MakeOf<kNoKeytab>),
+        Tried("OfAnotherPrincipal", MakeForAnother,
+              "Keytab contains no suitable keys for APPLIANCE$@CORP.EXAMPLE.COM"),
+        Tried("OfAnEncryptionTypeThatTheAccountHasNot", MakeOfAes,
+              "Pre-authentication failed: No key table entry found for "
+              "APPLIANCE$@CORP.EXAMPLE.COM"),
+        Tried("OfAnEncryptionTypeThatIsForbidden", MakeRight, "Generic preauthentication failure",
+              "permitted_enctypes = aes256-cts-hmac-sha1-96"),
+        Tried("WhenItsEncryptionTypeAloneIsAskedFor", MakeRight,
+              "KDC has no support for encryption type", "default_tkt_enctypes = arcfour-hmac"),
+        Tried("WhenNoEncryptionTypeIsAllowed", MakeRight,
+              "No supported encryption types (config file error?)",
+              "default_tkt_enctypes = des-cbc-crc")),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(TheKeytabExchange, AsksNobodyWithoutAKeytab) {
