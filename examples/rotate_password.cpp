@@ -11,6 +11,7 @@
 #include <tavrel/KrbError.h>
 #include <tavrel/KrbKeytab.h>
 
+#include <csignal>
 #include <iostream>
 #include <string>
 
@@ -42,6 +43,7 @@ int main(int argc, char** argv) {
   std::string password;
   std::getline(std::cin, password);
 
+  std::signal(SIGPIPE, SIG_IGN);  // a controller may close its connection at any time
   std::string error;
   const int status =
       Rotate(tavrel::JoinParameters(argv[1], {}, argv[2], password), argv[3], &error);
