@@ -227,8 +227,14 @@ TEST(ARequest, IsAcceptedOnceForEveryReplayCache) {
   Machine another(kdc, {});
 
   const std::string user = another.Authenticate(token);
+  const ScopedVariable no_cache("KRB5RCACHENAME", "none:");
+  Machine forgetful(kdc, {});
+  const std::string again = forgetful.Authenticate(token);
+  const std::string and_again = forgetful.Authenticate(token);
 
   EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_EQ(again, user);
+  EXPECT_EQ(and_again, user);
 }
 
 struct Unfit {
