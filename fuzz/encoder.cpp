@@ -2,6 +2,7 @@
 // random device gives.
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 
 #include "Expect.h"

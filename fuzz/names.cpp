@@ -2,6 +2,7 @@
 // the domain, and a name to shorten.
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>

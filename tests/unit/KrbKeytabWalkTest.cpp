@@ -419,7 +419,7 @@ TEST(KeytabAccumulator, HasProcessInTheFirstSlotOfItsTable) {
   const KeytabPrinter printer;
   void* const* table = nullptr;
 
-  std::memcpy(&table, &printer, sizeof table);
+  std::memcpy(&table, static_cast<const void*>(&printer), sizeof table);
 
   EXPECT_EQ(table[0], process);
 }
