@@ -155,7 +155,7 @@ const bool registered = [] {
     add(shapes[0].name, shapes[0].shape, keys, true);
   }
   if (PlatformLevel() != "level3") return true;  // measured once
-  for (const std::size_t threads : {1, 2, 4}) {
+  for (const std::size_t threads : {1U, 2U, 4U}) {
     benchmark::RegisterBenchmark(("Threads/" + std::to_string(threads)).c_str(),
                                  [=](benchmark::State& state) { Threads(state, threads); })
         ->UseManualTime();

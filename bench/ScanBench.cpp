@@ -59,9 +59,9 @@ const bool registered = [] {
                                  [before](benchmark::State& state) { Scan(state, before); })
         ->UseManualTime();
   };
-  for (const std::size_t size : {100, 568, 1300, 4096, 16384, 49152, 65536})
+  for (const std::size_t size : {100U, 568U, 1300U, 4096U, 16384U, 49152U, 65536U})
     add("benign", benign.substr(0, size));
-  for (const std::size_t size : {4096, 65536}) {
+  for (const std::size_t size : {4096U, 65536U}) {
     add("last byte differs", Repeated(near_miss, size));
     add("first byte missing", Repeated(nearer, size));
     add("all first bytes", Repeated("\x2a", size));

@@ -187,7 +187,7 @@ const bool registered = [] {
   Add("Names/GetAccountName", AccountName);
   Add("Names/ShortenName", ShortenName);
   Add("Names/GetMachineDN", MachineDN);
-  for (const std::size_t length : {52, 127}) {
+  for (const std::size_t length : {52U, 127U}) {
     Add("Encoder/" + std::to_string(length),
         [=](benchmark::State& state) { Encoder(state, length); });
   }
