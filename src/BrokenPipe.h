@@ -2,9 +2,8 @@
 #ifndef TAVREL_SRC_BROKENPIPE_H
 #define TAVREL_SRC_BROKENPIPE_H
 
-#include <signal.h>
-
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 
 namespace tavrel {
