@@ -77,6 +77,9 @@ TEST(HostState, IsAsBeforeAfterEveryCall) {
   umask(0137);
   for (const int signal : {SIGPIPE, SIGCHLD, SIGALRM, SIGHUP, SIGUSR1})
     std::signal(signal, OnSignal);
+  sigset_t none;  // whatever the tests before have left
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
   res_init();
   _res.retrans = 7;
   _res.retry = 3;
