@@ -136,7 +136,7 @@ TEST(KdcPeer, ThatAnswersNonsenseIsAFailedExchange) {
 
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - began;
     EXPECT_EQ(said, told);
-    EXPECT_THAT(time.count(), Le(5));
+    EXPECT_THAT(time.count(), Le(5 + kBusy));
   }
 }
 
@@ -158,7 +158,7 @@ TEST(KdcPeer, ThatNeverAnswersIsGivenUp) {
   const std::chrono::duration<double> time = std::chrono::steady_clock::now() - began;
   std::printf("a silent KDC is given up after %.1f s\n", time.count());
   EXPECT_EQ(said, Refused("Cannot contact any KDC for realm 'CORP.EXAMPLE.COM'"));
-  EXPECT_THAT(time.count(), Le(30));
+  EXPECT_THAT(time.count(), Le(30 + kBusy));
 }
 
 TEST(KdcPeer, OfAnotherRealmIsAFailedExchange) {

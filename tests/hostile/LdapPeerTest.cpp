@@ -192,7 +192,7 @@ void Meet(const std::vector<Case>& cases) {
     const double seconds = TimeOf([&] { told = Join({Plain(peer)}); });
 
     EXPECT_EQ(told, scene.told);
-    EXPECT_THAT(seconds, Le(scene.most_seconds));
+    EXPECT_THAT(seconds, Le(scene.most_seconds + kBusy));
     EXPECT_EQ(peer.Connections(), 1);
   }
 }
@@ -345,7 +345,7 @@ TEST(LdapPeer, ThatSendsTenThousandEntriesIsHeardToTheEndAndTheLastOneCounts) {
   std::printf("10,000 entries, twice: %.2f s\n", seconds);
   EXPECT_EQ(told, kAfterPassword + (kBound + found) + Replaced(kSetting, "4096", "69632") +
                       kJoined + found + kNoKdc);
-  EXPECT_THAT(seconds, Le(30));
+  EXPECT_THAT(seconds, Le(30 + kBusy));
 }
 
 TEST(LdapPeer, WhoseFlagsAreNoNumberIsALookupThatFailed) {

@@ -15,6 +15,9 @@
 
 namespace tavrel::tests {
 
+// What a busy machine may add to any limit, in seconds: little beside waiting for ever.
+inline constexpr double kBusy = 15;
+
 // A self-made authority's certificate for 127.0.0.1 and localhost.
 struct CertificateScene {
   std::string name = "localhost";     // the host that the certificate names
