@@ -50,6 +50,27 @@ std::string FilterValue(const std::string& text) {
   return result;
 }
 
+// With which of the account's keys the KDC seals users' tickets. A controller takes the strongest
+// that it may, so AES beside RC4 is as good as AES alone.
+void CheckAccountEnctypes(const std::string& value, Report& report) {
+  constexpr long kRc4 = 0x4, kAes = 0x18;
+  const std::string check = "account enctypes";
+  const std::string remedy = "set msDS-SupportedEncryptionTypes of the account to 4 or 36";
+  const long types = std::atol(value.c_str());
+  if (types == 0) {
+    report.Warn(check, "not set: users can sign in where controllers then take arcfour-hmac",
+                remedy);
+  } else if ((types & kRc4) == 0 || (types & kAes) != 0) {
+    report.Fail(check,
+                value +
+                    ": users' tickets are not of the machine's arcfour-hmac key, so nobody "
+                    "can sign in",
+                remedy);
+  } else {
+    report.Ok(check, value);
+  }
+}
+
 }  // namespace
 
 void CheckBind(Subject& subject, Report& report) {
@@ -99,8 +120,9 @@ void CheckAccount(Subject& subject, Report& report) {
   const std::string any = "(objectClass=*)";
 
   int code = LDAP_SUCCESS;
-  const Message own = Search(session, subject.join.GetMachineDN(), LDAP_SCOPE_BASE, any,
-                             {"userAccountControl", "dNSHostName"}, code);
+  const Message own =
+      Search(session, subject.join.GetMachineDN(), LDAP_SCOPE_BASE, any,
+             {"userAccountControl", "dNSHostName", "msDS-SupportedEncryptionTypes"}, code);
   LDAPMessage* entry = FirstEntry(session, own);
   if (entry != nullptr) {
     const std::string host = GetValue(session, entry, "dNSHostName");
@@ -115,6 +137,7 @@ void CheckAccount(Subject& subject, Report& report) {
                   found + "; no key of it was found in the keytab, so a join gives it a new one",
                   "see that no other machine uses it: that one would be out of the domain");
     }
+    CheckAccountEnctypes(GetValue(session, entry, "msDS-SupportedEncryptionTypes"), report);
     return;
   }
   if (code != LDAP_NO_SUCH_OBJECT) {
