@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -13,6 +14,7 @@
 
 #include "Interpose.h"
 #include "KnownLeak.h"
+#include "LogCapture.h"
 #include "ScratchKeytab.h"
 
 namespace tavrel::tests {
@@ -161,6 +163,57 @@ TEST_F(ADamagedFile, EndsWhereALengthIsZero) {
   EXPECT_THAT(scratch.Entries(),
               ElementsAre(ScratchKeytab::Text(kHere),
                           ScratchKeytab::Text({kMachine, 2, Rc4Key(kPassword)})));
+}
+
+// Whatever keeps the library from looking at the file keeps it from adding to it.
+TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
+  const std::string bytes = kVersion + EntryOf(kHere) + "cut";
+  Put(bytes);
+  const auto fails = [&](const std::string& why) {
+    LogCapture log;
+    EXPECT_FALSE(scratch.keytab.WriteKey(kPassword, &error));
+    EXPECT_EQ(error, why);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("4 krb-keytab WriteKey: Error adding key to keytab: " + why));
+    EXPECT_EQ(scratch.Bytes(), bytes);
+  };
+  const auto broken = [](auto...) {
+    errno = EIO;
+    return -1;
+  };
+
+  {
+    const StandIn named(calls::krb5_kt_get_name,
+                        [](auto...) -> krb5_error_code { return KRB5_KT_NAME_TOOLONG; });
+    fails("Keytab name too long");
+  }
+  {
+    const StandIn opened(calls::open, [](auto...) {
+      errno = EACCES;
+      return -1;
+    });
+    fails("Permission denied");
+  }
+  {
+    const StandIn locked(calls::fcntl, broken);
+    fails("Input/output error");
+  }
+  {
+    const StandIn measured(calls::lseek, broken);
+    fails("Input/output error");
+  }
+  {
+    const StandIn read(calls::pread, broken);
+    fails("Input/output error");
+  }
+  {
+    const StandIn read_in_part(calls::pread, [](auto...) { return 1; });
+    fails("Input/output error");
+  }
+  {
+    const StandIn shortened(calls::ftruncate, broken);
+    fails("Input/output error");
+  }
 }
 
 // What the library calls between its last look at the entries and the end.
