@@ -150,7 +150,10 @@ std::string UserOf(krb5_const_principal client, Site site = Site::Here()) {
   std::string user;
   int index = 0;
   for (const krb5_data& component : Components(client)) {
-    user.assign(View(client->realm)).append("\\").append(View(component));
+    user.clear();
+    user.reserve(client->realm.length + 1 + component.length);
+    user.append(View(client->realm)).push_back('\\');
+    user.append(View(component));
     logger.Detail({"AP request (", site}, index++, "): ", user);
   }
   return user;
@@ -360,7 +363,8 @@ std::string Keytab::APAuthenticate(char* request, int length) {
     PrintPrincipal(context_->client_principal, "Joined server principal: ");
     return "";
   }
-  return times_valid ? user : "";
+  if (!times_valid) user.clear();
+  return user;
 }
 
 void Keytab::PrintPrincipal(const krb5_principal& principal, const std::string& label) {

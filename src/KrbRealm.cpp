@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -19,7 +18,7 @@ namespace {
 const Logger logger("krb-realm");
 
 // The Kerberos mechanism identifier (RFC 1964), the content of its DER form: 1.2.840.113554.1.2.2
-constexpr char kKrbOid[] = {0x2A, '\x86', 0x48, '\x86', '\xF7', 0x12, 0x01, 0x02, 0x02};
+constexpr std::string_view kKrbOid("\x2A\x86\x48\x86\xF7\x12\x01\x02\x02");
 
 // What follows the identifier in front of an AP-REQ.
 constexpr std::string_view kApReqId("\x01\x00", 2);
@@ -28,16 +27,14 @@ constexpr std::string_view kApReqId("\x01\x00", 2);
 // second one: a SPNEGO token offers the mechanism first, and its Kerberos token follows. A bare
 // token has one only. An identifier at the very end is not looked at.
 std::size_t FindKrbOid(std::string_view token, Site site = Site::Here()) {
-  if (token.size() <= sizeof kKrbOid) return 0;
-  const char* const end = token.data() + token.size() - 1;
-  const char* from = token.data();
+  token.remove_suffix(std::min<std::size_t>(token.size(), 1));
   std::size_t position = 0;
+  std::size_t from = 0;
   for (int matches = 0; matches < 2; ++matches) {
-    const auto* match = static_cast<const char*>(
-        memmem(from, static_cast<std::size_t>(end - from), kKrbOid, sizeof kKrbOid));
-    if (match == nullptr) break;
-    position = static_cast<std::size_t>(match - token.data());
-    logger.Detail({"Found KRB OID at index ", site}, position);
+    const std::size_t match = token.find(kKrbOid, from);
+    if (match == std::string_view::npos) break;
+    logger.Detail({"Found KRB OID at index ", site}, match);
+    position = match;
     from = match + 1;
   }
   return position;
@@ -85,7 +82,7 @@ KrbRealm::~KrbRealm() = default;
 std::string KrbRealm::Authenticate(char* token, int length) {
   logger.Detail("Auth request received of length ", length);
   const std::string_view bytes(token, static_cast<std::size_t>(std::max(length, 0)));
-  const std::size_t id = FindKrbOid(bytes) + sizeof kKrbOid;
+  const std::size_t id = FindKrbOid(bytes) + kKrbOid.size();
   const std::size_t start = id + kApReqId.size();
 
   // Only a warning: what is no AP-REQ is refused when it is read.

@@ -173,7 +173,6 @@ const std::vector<Infallible>& CannotFail() {
       {"memchr", kText},
       {"memcmp", kText},
       {"memcpy", kText},
-      {"memmem", "answers where it is, or that it is not there"},
       {"memmove", kText},
       {"memset", kText},
       {"strcspn", kText},
