@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <numeric>
+#include <random>
 
 namespace tavrel::bench {
 namespace {
@@ -35,11 +37,13 @@ void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes, W
   }
 
   std::vector<std::vector<double>> times(lanes.size());
-  std::size_t first = 0;
+  std::vector<std::size_t> order(lanes.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::minstd_rand shuffler;  // the same turns in every run
   for (auto _ : state) {
     double round = 0;
-    for (std::size_t turn = 0; turn < lanes.size(); ++turn) {
-      const std::size_t number = (first + turn) % lanes.size();
+    std::shuffle(order.begin(), order.end(), shuffler);  // nobody always runs behind the same one
+    for (const std::size_t number : order) {
       const Lane& lane = lanes[number];
       if (lane.prepare) lane.prepare(batch);
       const double start = Now(watch);
@@ -48,7 +52,6 @@ void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes, W
       times[number].push_back(taken);
       round += taken;
     }
-    ++first;  // nobody always runs behind the same one
     state.SetIterationTime(round);
   }
 
@@ -61,7 +64,8 @@ void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes, W
   for (std::size_t i = 0; i < lanes.size(); ++i) {
     state.counters[lanes[i].name + "_ns"] = Median(times[i]) / count * 1e9;
     if (i > 0) state.counters["x_" + lanes[i].name] = ratio(0, i);
-    if (i > 1) state.counters["x_" + lanes[i].name + "_" + lanes[1].name] = ratio(i, 1);
+    for (std::size_t j = 1; j < i; ++j)
+      state.counters["x_" + lanes[i].name + "_" + lanes[j].name] = ratio(i, j);
   }
 }
 

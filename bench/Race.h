@@ -39,8 +39,8 @@ enum class Watch { kThread, kWall };
 
 // Runs rounds in which every lane does its operation `batch` times. Reports as counters, for each
 // lane: `<name>_ns`, the median time of one operation; `<name>_allocs`, its heap allocations;
-// `x_<name>`, how many times as long the first lane took as this one, and `x_<name>_<second>`, how
-// many times as long this one took as the second: medians over the rounds.
+// `x_<name>`, how many times as long the first lane took as this one, and `x_<name>_<other>`, how
+// many times as long this one took as another one before it: medians over the rounds.
 void Race(benchmark::State& state, std::size_t batch, std::vector<Lane> lanes,
           Watch watch = Watch::kThread);
 
