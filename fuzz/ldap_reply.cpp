@@ -51,9 +51,9 @@ class Peer {
  private:
   enum Stage { kNothing, kBindAnswered, kSearched, kSpoilt };
 
-  static std::string Result(unsigned char kind, unsigned code) {
+  static std::string Result(unsigned char kind, unsigned code, const std::string& more = "") {
     return Der(kind, Der(0x0a, std::string(1, static_cast<char>(code & 0x7f))) + Der(0x04, "") +
-                         Der(0x04, ""));
+                         Der(0x04, "") + more);
   }
   void Message(unsigned id, const std::string& operation) {
     sent_ += Der(0x30, tests::der::Integer(id) + operation);
@@ -96,7 +96,7 @@ class Peer {
         break;
       case 6:
         Spoil();
-        Message(0, Result(0x78, 52));
+        Message(0, Result(0x78, script.Byte(), Der(0x8a, "1.3.6.1.4.1.1466.20036")));
         break;
       case 7: {
         Spoil();

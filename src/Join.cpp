@@ -261,8 +261,9 @@ AccountObject Joiner::GetAccountObject(const Ldap& ldap, std::string* error) con
     return account;
   }
 
-  for (LDAPMessage* entry = ldap_first_entry(ldap.handle, result.get()); entry != nullptr;
-       entry = ldap_next_entry(ldap.handle, entry)) {
+  // A notice of disconnection that speaks of success (RFC 4511, 4.4.1) is one without a result.
+  LDAPMessage* entry = result ? ldap_first_entry(ldap.handle, result.get()) : nullptr;
+  for (; entry != nullptr; entry = ldap_next_entry(ldap.handle, entry)) {
     account.exists = true;
     account.user_account_control = Flags(ldap, entry);
   }

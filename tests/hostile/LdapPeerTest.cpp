@@ -239,6 +239,19 @@ TEST(LdapPeer, ThatClosesAtOnceIsAFailureOfTheFirstStep) {
   EXPECT_EQ(with_starttls, BindFailed("Can't contact LDAP server", "starttls"));
 }
 
+// libldap takes the notice's result code for the answer and has no result to go with it.
+TEST(LdapPeer, ThatGivesNoticeOfDisconnectionWithSuccessFailsTheNextStep) {
+  const LdapAnswer notice = [](Connection& peer, const LdapRequest&) {
+    constexpr int kUnsolicited = 0;
+    constexpr unsigned char kExtendedResponse = 0x78;
+    const std::string success("\x0a\x01\x00\x04\x00\x04\x00", 7);
+    peer.Send(LdapMessage(kUnsolicited, kExtendedResponse,
+                          success + "\x8a\x16" + "1.3.6.1.4.1.1466.20036"));
+    peer.Close();
+  };
+  Meet({{"search", {{kSearch, notice}}, AddFailed("Can't contact LDAP server"), 2}});
+}
+
 TEST(LdapPeer, ThatRefersToAnotherServerIsNotFollowed) {
   Peer other([](Connection& connection) { ServeLdap(connection); });
   const LdapAnswer refer = [&](Connection& peer, const LdapRequest& request) {

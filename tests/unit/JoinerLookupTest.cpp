@@ -66,12 +66,14 @@ TEST_F(AccountLookup, FindsAnAbsentAccountAbsentAndSaysNothing) {
 
 TEST_F(AccountLookup, TakesAnAnswerWithoutAnObjectForAnAbsentAccount) {
   Sessions({"dc1"});
-  fake.answers[1] = {LDAP_SUCCESS, {}};
+  for (const bool has_result : {true, false}) {
+    fake.answers[1] = {LDAP_SUCCESS, {}, has_result};
 
-  const AccountObject account = joiner.GetAccountObject(joiner.sessions.front(), &error);
+    const AccountObject account = joiner.GetAccountObject(joiner.sessions.front(), &error);
 
-  EXPECT_FALSE(account.failed);
-  EXPECT_FALSE(account.exists);
+    EXPECT_FALSE(account.failed);
+    EXPECT_FALSE(account.exists);
+  }
   EXPECT_EQ(error, kEarlier);
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
