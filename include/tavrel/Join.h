@@ -40,10 +40,9 @@ class TAVREL_EXPORT JoinParameters {
   ///   components are kept.
   std::string GetDomainDN() const;
 
-  /// @return `name` when it has at most 15 characters, the NetBIOS limit; otherwise its first 7,
-  /// "-"
-  ///   and the first 7 hexadecimal digits of the SHA-1 of those 7. Long names that start alike are
-  ///   shortened to the same name.
+  /// @return `name` when it has at most 15 characters, the NetBIOS limit; otherwise its first 7, a
+  ///   "-" and the first 7 hexadecimal digits of the SHA-1 of those 7. Long names that start alike
+  ///   are shortened to the same name.
   std::string ShortenName(const std::string& name) const;
 
   /// @return the computer account's name without its "$": the machine name, shortened and

@@ -12,9 +12,8 @@ namespace tavrel {
 
 /// Makes random text from the bytes of "/dev/urandom". May be called from any thread.
 /// @param length number of characters
-/// @return `length` characters of the base64 alphabet (RFC 4648, 4), never "="; empty for a
-/// `length`
-///   of 0 or above 2147483647, and on failure. That the device cannot be opened is logged at
+/// @return `length` characters of the base64 alphabet (RFC 4648, 4), never "="; empty when `length`
+///   is 0 or above 2147483647, and on failure. That the device cannot be opened is logged at
 ///   level 4.
 TAVREL_EXPORT std::string RandomString(std::size_t length);
 

@@ -122,7 +122,7 @@ std::string Quoted(std::string_view text) {
 }
 
 // One write a record, so that records of several threads do not mix. A full disk or a closed
-// standard error must not disturb the caller.
+// standard error does not disturb the caller. The signal of a broken pipe is the host's to settle.
 void WriteLine(std::string line) {
   line += '\n';
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
