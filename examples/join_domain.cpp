@@ -132,8 +132,8 @@ int main(int argc, char** argv) {
   }
   std::string password;
   std::getline(std::cin, password);
-  if (password
-          .empty()) {  // a bind with a name but no password is an anonymous one (RFC 4513, 5.1.2)
+  // A bind with a name but no password is an anonymous one (RFC 4513, 5.1.2).
+  if (password.empty()) {
     std::cerr << "join_domain: the password is empty\n";
     return kUsage;
   }

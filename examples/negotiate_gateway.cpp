@@ -343,8 +343,9 @@ int main(int argc, char** argv) {
                  "< PASSWORD\n";
     return 64;
   }
-  // The LDAP library writes to connections that a controller may have closed. The signals that end
-  // the program are waited for below; threads inherit that they are blocked.
+  // A page may be written to a connection that the browser has closed; a realm's own operations see
+  // to theirs. The signals that end the program are waited for below; threads inherit that they are
+  // blocked.
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   sigset_t ending;
   sigemptyset(&ending);
