@@ -17,9 +17,9 @@ class KrbContext;
 /// Visitor of a keytab's entries, see Keytab::Iterate().
 class TAVREL_EXPORT KeytabAccumulator {
  public:
-  /// Called once for every entry, in file order. The entry is valid during the call only. It must not
-  /// write to the keytab, which stays locked for reading until the last entry was seen: a key that is
-  /// written from here waits for itself for ever.
+  /// Called once for every entry, in file order. The entry is valid during the call only. It must
+  /// not write to the keytab, which stays locked for reading until the last entry was seen: a key
+  /// that is written from here waits for itself for ever.
   virtual void Process(const krb5_keytab_entry& entry) = 0;
 
  protected:
