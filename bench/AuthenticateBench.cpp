@@ -56,16 +56,15 @@ void Authenticate(benchmark::State& state, const TokenShape& shape, int keys, bo
 
   const int first_size = static_cast<int>(first.bytes.size());
   bool refused = realm.Authenticate(first.bytes.data(), first_size) != kFirstUser;
-  const auto ours = [&](std::size_t) {
+  const auto ours = [&] {
     std::string& token = supply.Next().bytes;
     refused |= realm.Authenticate(token.data(), static_cast<int>(token.size())).empty();
   };
   const auto refill = [&](std::size_t count) { supply.Refill(count); };
-  std::vector<Lane> lanes = {
-      {"ours", ours},
-      {"rd_req", [&](std::size_t) { refused |= !bare.Verify(supply.Next().Request()); }},
-      {"gss", [&](std::size_t) { refused |= !gss.Verify(supply.Next().bytes); }},
-      {PlatformLevel(), ours}};
+  std::vector<Lane> lanes = {{"ours", ours},
+                             {"rd_req", [&] { refused |= !bare.Verify(supply.Next().Request()); }},
+                             {"gss", [&] { refused |= !gss.Verify(supply.Next().bytes); }},
+                             {PlatformLevel(), ours}};
   for (Lane& lane : lanes)
     lane.Before(refill);
   lanes.back().Before([&](std::size_t count) {
@@ -118,7 +117,7 @@ void Threads(benchmark::State& state, std::size_t threads) {
       benchmark::DoNotOptimize(i);
   };
   const auto lane = [&workers](const char* name, std::size_t at_once, auto work) {
-    return Lane(name, [&workers, at_once, work](std::size_t) {
+    return Lane(name, [&workers, at_once, work] {
       std::vector<std::thread> running;
       for (std::size_t i = 0; i < at_once; ++i)
         running.emplace_back([&workers, i, work] { work(*workers[i]); });

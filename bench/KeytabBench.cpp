@@ -60,19 +60,16 @@ template <typename Operation>
 void Reading(benchmark::State& state, int entries, Operation operation) {
   LongKeytab keytab(entries);
   keytab.Race(state, Batch(entries),
-              {{"ours", [&](std::size_t) { keytab.Require(operation(Keytab(&keytab.Krb()))); }},
-               {"walk", [&](std::size_t) { Walk(keytab.Krb()); }}});
+              {{"ours", [&] { keytab.Require(operation(Keytab(&keytab.Krb()))); }},
+               {"walk", [&] { Walk(keytab.Krb()); }}});
 }
 
 // The same key again, the usual case, which changes nothing.
 void WriteCurrentKey(benchmark::State& state, int entries) {
   LongKeytab keytab(entries);
-  const auto write = [&](std::size_t) {
-    keytab.Require(Keytab(&keytab.Krb()).WriteKey("Secret.1", nullptr));
-  };
-  write(0);
-  keytab.Race(state, Batch(entries),
-              {{"ours", write}, {"walk", [&](std::size_t) { Walk(keytab.Krb()); }}});
+  const auto write = [&] { keytab.Require(Keytab(&keytab.Krb()).WriteKey("Secret.1", nullptr)); };
+  write();
+  keytab.Race(state, Batch(entries), {{"ours", write}, {"walk", [&] { Walk(keytab.Krb()); }}});
 }
 
 void WriteNewKey(benchmark::State& state, int entries) {
@@ -85,12 +82,10 @@ void WriteNewKey(benchmark::State& state, int entries) {
   entry.key.enctype = ENCTYPE_ARCFOUR_HMAC;
   entry.key.length = static_cast<unsigned int>(bytes.size());
   entry.key.contents = reinterpret_cast<krb5_octet*>(bytes.data());
-  Lane ours("ours",
-            [&](std::size_t) { keytab.Require(Keytab(&krb).WriteKey("Secret.1", nullptr)); });
-  Lane add("add_entry", [&](std::size_t) {
-    keytab.Require(krb5_kt_add_entry(krb.context, krb.keytab, &entry) == 0);
-  });
-  Lane walk("walk", [&](std::size_t) { Walk(krb); });
+  Lane ours("ours", [&] { keytab.Require(Keytab(&krb).WriteKey("Secret.1", nullptr)); });
+  Lane add("add_entry",
+           [&] { keytab.Require(krb5_kt_add_entry(krb.context, krb.keytab, &entry) == 0); });
+  Lane walk("walk", [&] { Walk(krb); });
   const auto restore = [&](std::size_t) { keytab.Restore(); };
   keytab.Race(state, 1, {ours.Before(restore), add.Before(restore), walk.Before(restore)});
 }
@@ -99,8 +94,8 @@ void WriteNewKey(benchmark::State& state, int entries) {
 void Clear(benchmark::State& state, int entries) {
   LongKeytab keytab(entries, entries);
   KrbContext& krb = keytab.Krb();
-  Lane ours("ours", [&](std::size_t) { keytab.Require(Keytab(&krb).ClearKeys(nullptr)); });
-  Lane remove("remove_entry", [&](std::size_t) {
+  Lane ours("ours", [&] { keytab.Require(Keytab(&krb).ClearKeys(nullptr)); });
+  Lane remove("remove_entry", [&] {
     std::vector<krb5_keytab_entry> entries_read;
     krb5_kt_cursor cursor = nullptr;
     if (krb5_kt_start_seq_get(krb.context, krb.keytab, &cursor) != 0) return;
@@ -113,7 +108,7 @@ void Clear(benchmark::State& state, int entries) {
       krb5_free_keytab_entry_contents(krb.context, &read);
     }
   });
-  Lane walk("walk", [&](std::size_t) { Walk(krb); });
+  Lane walk("walk", [&] { Walk(krb); });
   const auto restore = [&](std::size_t) { keytab.Restore(); };
   keytab.Race(state, 1, {ours.Before(restore), remove.Before(restore), walk.Before(restore)});
 }

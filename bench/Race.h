@@ -14,12 +14,12 @@
 namespace tavrel::bench {
 
 struct Lane {
-  // `operation(i)` does it for the i-th time of a round.
+  // `operation()` does it once.
   template <typename Operation>
   Lane(std::string name, Operation operation)
       : name(std::move(name)), run([operation](std::size_t count) {
           for (std::size_t i = 0; i < count; ++i)
-            operation(i);
+            operation();
         }) {}
 
   // Makes ready, untimed, for a round of so many.

@@ -23,16 +23,14 @@ void Scan(benchmark::State& state, const std::string& before) {
   std::string token = EndsAfterIdentifier(before);
   std::string shortest = EndsAfterIdentifier("");
   const auto length = static_cast<int>(token.size());
-  Race(state, 512,
-       {{"ours", [&](std::size_t) { realm.Authenticate(token.data(), length); }},
-        {"records",
-         [&](std::size_t) {
-           realm.Authenticate(shortest.data(), static_cast<int>(shortest.size()));
-         }},
-        {"memmem", [&](std::size_t) {
-           benchmark::DoNotOptimize(memmem(token.data(), token.size(), tests::kKerberosOid.data(),
-                                           tests::kKerberosOid.size()));
-         }}});
+  Race(
+      state, 512,
+      {{"ours", [&] { realm.Authenticate(token.data(), length); }},
+       {"records", [&] { realm.Authenticate(shortest.data(), static_cast<int>(shortest.size())); }},
+       {"memmem", [&] {
+          benchmark::DoNotOptimize(memmem(token.data(), token.size(), tests::kKerberosOid.data(),
+                                          tests::kKerberosOid.size()));
+        }}});
   const double scan = state.counters["ours_ns"] - state.counters["records_ns"];
   state.counters["scan_ns"] = scan;
   state.counters["x_scan_memmem"] = scan / state.counters["memmem_ns"];

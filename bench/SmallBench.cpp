@@ -77,11 +77,11 @@ void Discovery(benchmark::State& state, int records) {
   dns_answer = SrvAnswer(records);
   const DNSDiscoveryService discovery;
   bool complete = true;
-  const auto ours = [&](std::size_t) {
+  const auto ours = [&] {
     complete &=
         discovery.GetLDAPHosts("corp.example.com").size() == static_cast<std::size_t>(records);
   };
-  const auto bare = [&](std::size_t) {
+  const auto bare = [&] {
     const auto* bytes = reinterpret_cast<const unsigned char*>(dns_answer.data());
     ns_msg message;
     if (ns_initparse(bytes, static_cast<int>(dns_answer.size()), &message) != 0) complete = false;
@@ -105,8 +105,8 @@ const JoinParameters& Parameters() {
 
 void AccountName(benchmark::State& state) {
   Race(state, 256,
-       {{"ours", [](std::size_t) { benchmark::DoNotOptimize(Parameters().GetAccountName()); }},
-        {"gethostname", [](std::size_t) {
+       {{"ours", [] { benchmark::DoNotOptimize(Parameters().GetAccountName()); }},
+        {"gethostname", [] {
            char name[256];
            benchmark::DoNotOptimize(gethostname(name, sizeof name));
          }}});
@@ -115,8 +115,8 @@ void AccountName(benchmark::State& state) {
 void ShortenName(benchmark::State& state) {
   const std::string name = "an-appliance-with-a-long-name";
   Race(state, 256,
-       {{"ours", [&](std::size_t) { benchmark::DoNotOptimize(Parameters().ShortenName(name)); }},
-        {"sha1", [&](std::size_t) {
+       {{"ours", [&] { benchmark::DoNotOptimize(Parameters().ShortenName(name)); }},
+        {"sha1", [&] {
            unsigned char digest[SHA_DIGEST_LENGTH];
            SHA1(reinterpret_cast<const unsigned char*>(name.data()), 7, digest);
            benchmark::DoNotOptimize(digest);
@@ -125,8 +125,8 @@ void ShortenName(benchmark::State& state) {
 
 void MachineDN(benchmark::State& state) {
   Race(state, 256,
-       {{"ours", [](std::size_t) { benchmark::DoNotOptimize(Parameters().GetMachineDN()); }},
-        {"gethostname", [](std::size_t) {
+       {{"ours", [] { benchmark::DoNotOptimize(Parameters().GetMachineDN()); }},
+        {"gethostname", [] {
            char name[256];
            benchmark::DoNotOptimize(gethostname(name, sizeof name));
          }}});
@@ -136,13 +136,13 @@ void Encoder(benchmark::State& state, std::size_t length) {
   const std::string text(length, 'x');
   Race(state, 512,
        {{"ours",
-         [&](std::size_t) {
+         [&] {
            berval* value = StringEncoding::EncodeUtf8to16Octetstring(text.data(), text.size());
            benchmark::DoNotOptimize(value);
            std::free(value->bv_val);
            std::free(value);
          }},
-        {"two_allocations", [&](std::size_t) {
+        {"two_allocations", [&] {
            void* value = std::malloc(sizeof(berval));
            void* bytes = std::malloc(2 * length);
            benchmark::DoNotOptimize(value);
@@ -155,8 +155,8 @@ void Encoder(benchmark::State& state, std::size_t length) {
 void Random(benchmark::State& state) {
   constexpr std::size_t kLength = 50;
   Race(state, 64,
-       {{"ours", [](std::size_t) { benchmark::DoNotOptimize(RandomString(kLength)); }},
-        {"bare", [](std::size_t) {
+       {{"ours", [] { benchmark::DoNotOptimize(RandomString(kLength)); }},
+        {"bare", [] {
            unsigned char bytes[kLength];
            const int device = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
            benchmark::DoNotOptimize(read(device, bytes, sizeof bytes));
@@ -170,8 +170,7 @@ void Random(benchmark::State& state) {
 }
 
 void ErrorToStatus(benchmark::State& state, int code) {
-  Race(state, 4096,
-       {{"ours", [code](std::size_t) { benchmark::DoNotOptimize(KrbErrorToStatus(code)); }}});
+  Race(state, 4096, {{"ours", [code] { benchmark::DoNotOptimize(KrbErrorToStatus(code)); }}});
 }
 
 template <typename Function>

@@ -204,7 +204,7 @@ int KrbRealm::TestJoin(const std::string& domain, const std::string& user,
     logger.Detail("Found key for principal, testing with keytab");
     return Join(params, error);
   }
-  logger.Detail("Found key for principal, testing with password");  // the text of old
+  logger.Detail("Found key for principal, testing with password");  // "Found" all the same
   return TestJoin(params, error);
 }
 
