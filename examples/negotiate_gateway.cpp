@@ -26,6 +26,7 @@
 #include <tavrel/KrbError.h>
 #include <tavrel/KrbRealm.h>
 #include <tavrel/RandomString.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -333,6 +334,23 @@ MHD_Result Handle(void* gateway, MHD_Connection* connection, const char* path, c
   }
 }
 
+// A socket that listens there; -1, with errno set, when there is none to have. Versions of
+// libmicrohttpd differ in whether they tell why.
+int Listen(const addrinfo& address) {
+  const int listener = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (listener == -1) return -1;
+  const int on = 1;
+  if (setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+      bind(listener, address.ai_addr, address.ai_addrlen) == 0 &&
+      listen(listener, SOMAXCONN) == 0) {
+    return listener;
+  }
+  const int code = errno;
+  close(listener);
+  errno = code;
+  return -1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -375,16 +393,20 @@ int main(int argc, char** argv) {
     std::cerr << argv[1] << " port " << argv[2] << ": " << gai_strerror(code) << '\n';
     return 1;
   }
-  const unsigned int family = address->ai_family == AF_INET6 ? MHD_USE_IPv6 : MHD_NO_FLAG;
-  MHD_Daemon* const daemon = MHD_start_daemon(
-      MHD_USE_AUTO_INTERNAL_THREAD | family, 0, nullptr, nullptr, Handle, &gateway,
-      MHD_OPTION_SOCK_ADDR, address->ai_addr, MHD_OPTION_THREAD_POOL_SIZE, kWorkers,
-      MHD_OPTION_CONNECTION_LIMIT, kConnections, MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_END);
+  const int listener = Listen(*address);
   const int code = errno;
   freeaddrinfo(address);
-  if (daemon == nullptr) {
+  if (listener == -1) {
     std::cerr << argv[1] << " port " << argv[2] << ": " << std::strerror(code) << '\n';
+    return 1;
+  }
+  MHD_Daemon* const daemon = MHD_start_daemon(
+      MHD_USE_AUTO_INTERNAL_THREAD, 0, nullptr, nullptr, Handle, &gateway, MHD_OPTION_LISTEN_SOCKET,
+      listener, MHD_OPTION_THREAD_POOL_SIZE, kWorkers, MHD_OPTION_CONNECTION_LIMIT, kConnections,
+      MHD_OPTION_CONNECTION_TIMEOUT, kIdleSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+      kConnectionMemory, MHD_OPTION_END);
+  if (daemon == nullptr) {
+    std::cerr << argv[1] << " port " << argv[2] << ": libmicrohttpd does not start\n";
     return 1;
   }
 
