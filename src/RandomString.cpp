@@ -4,6 +4,7 @@
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/evp.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,17 @@ struct FreeChain {
   void operator()(BIO* bio) const { BIO_free_all(bio); }
 };
 using BioChain = std::unique_ptr<BIO, FreeChain>;
+
+// Fills `bytes` with random ones that need no device.
+bool FillRandomly(std::vector<unsigned char>& bytes) {
+  for (std::size_t filled = 0; filled < bytes.size();) {
+    const ssize_t count = getrandom(bytes.data() + filled, bytes.size() - filled, 0);
+    if (count == -1 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    filled += static_cast<std::size_t>(count);
+  }
+  return true;
+}
 
 // `bytes` in base64, on one line; empty when libcrypto has no memory for it.
 std::string Base64(const std::vector<unsigned char>& bytes) {
@@ -47,11 +59,12 @@ std::string RandomString(std::size_t length) {
     logger.Error("Unable to open /dev/urandom: ", std::strerror(errno));
     return "";
   }
-  // One read, its count not looked at: the kernel gives all it is asked for up to 256 bytes, and
-  // the library asks for 50.
-  [[maybe_unused]] const ssize_t count = read(device, bytes.data(), bytes.size());
+  // One read, its count not looked at: what it leaves of the buffer is as random. Only a kernel
+  // that gives no such bytes has to give all of them here.
+  const bool is_filled = FillRandomly(bytes);
+  const ssize_t count = read(device, bytes.data(), bytes.size());
   close(device);
-  if (bytes.empty()) return "";
+  if (bytes.empty() || (!is_filled && count != static_cast<ssize_t>(bytes.size()))) return "";
 
   const std::string text = Base64(bytes);
   return text.size() < length ? "" : text.substr(0, length);

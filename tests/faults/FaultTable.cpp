@@ -122,6 +122,7 @@ const std::vector<Fallible>& FaultTable() {
       {"gethostname", {{"ENAMETOOLONG", -1, ENAMETOOLONG}}},
       // ENOENT is no failure where a file is made that is not there.
       {"open", {{"EMFILE", -1, EMFILE}, {"EACCES", -1, EACCES}, {"EINTR", -1, EINTR}}},
+      {"getrandom", {{"ENOSYS", -1, ENOSYS}, {"EINTR", -1, EINTR}, {"10 bytes", 10}}},
       {"read", {{"EIO", -1, EIO}, {"EINTR", -1, EINTR}, {"0 bytes", 0}, {"10 bytes", 10}}},
       {"fcntl", {{"EINTR", -1, EINTR}, {"ENOLCK", -1, ENOLCK}, {"EDEADLK", -1, EDEADLK}}},
       {"lseek", {{"ESPIPE", -1, ESPIPE}}},

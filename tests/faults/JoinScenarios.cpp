@@ -265,7 +265,8 @@ Rows GenerationRows(const Wording& wording, const Records& before) {
   const Expected then = {"3", wording.password + none, {none_record}};
   return {{"open#1", Expected{"3", wording.password + none, before + Records{opening, none_record}},
            Expected{"3", wording.password + none, {opening}}},
-          {"read", {}, then},  // deliberately not looked at
+          {"getrandom", {}, then},  // the device's bytes are as good
+          {"read", {}, then},       // deliberately not looked at
           {"close#1", {}, then},
           {"BIO_new", fails, then},
           {"BIO_write", fails, then},
@@ -486,6 +487,7 @@ Scenario TestWithPasswordScenario() {
               // be set.
               Rows{{"open", Expected{"0", kRefused, {kJoined, opening, kByPassword + kRefused}},
                     Expected{"3", no_handle.error, {opening}}},
+                   {"getrandom", {}, no_handle},
                    {"read", {}, no_handle},
                    {"close", {}, no_handle},
                    {"BIO_new", {}, no_handle},

@@ -141,9 +141,9 @@ TEST(RandomString, TakesTheseStepsAndFreesItsChain) {
 
   RandomString(50);
 
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("open", "read", "close", "BIO_new", "BIO_new", "BIO_set_flags",
-                          "BIO_push", "BIO_write", "BIO_ctrl", "BIO_ctrl", "BIO_free_all"));
+  EXPECT_THAT(trace.Names(), ElementsAre("open", "getrandom", "read", "close", "BIO_new", "BIO_new",
+                                         "BIO_set_flags", "BIO_push", "BIO_write", "BIO_ctrl",
+                                         "BIO_ctrl", "BIO_free_all"));
 }
 
 TEST(RandomString, IsEmptyWithoutTheDevice) {
@@ -163,11 +163,20 @@ TEST(RandomString, IsEmptyWithoutTheDevice) {
   EXPECT_THAT(log.Records(), Each(Field(&LogRecord::file, "RandomString.cpp")));
 }
 
-TEST(RandomString, DoesNotLookAtHowMuchWasRead) {
-  for (const ssize_t count : {ssize_t{-1}, ssize_t{0}, ssize_t{7}}) {
+// A device that opens and gives nothing would otherwise make a password of zeros.
+TEST(RandomString, IsRandomWhateverTheDeviceGives) {
+  const StandIn kernel(calls::getrandom, [](void* buffer, std::size_t size, unsigned int flags) {
+    EXPECT_EQ(flags, 0U);
+    const std::size_t count = std::min<std::size_t>(size, 20);  // a signal came
+    std::fill_n(static_cast<char*>(buffer), count, '\x5A');
+    return static_cast<ssize_t>(count);
+  });
+  const std::string of_the_kernel = "WlpaWlpaWlpaWlpaWlpaWlpaWlpaWlpaWlpaWlpaWlpaWlpaWl";
+  for (const ssize_t count : {ssize_t{-1}, ssize_t{0}, ssize_t{9}}) {
     int reads = 0;
-    const StandIn short_read(calls::read, [&](int, void*, std::size_t) {
+    const StandIn short_read(calls::read, [&](int, void* buffer, std::size_t) {
       ++reads;
+      if (count > 0) std::fill_n(static_cast<char*>(buffer), count, '\0');
       return count;
     });
     LogCapture log;
@@ -175,11 +184,37 @@ TEST(RandomString, DoesNotLookAtHowMuchWasRead) {
 
     const std::string text = RandomString(50);
 
-    EXPECT_THAT(text, SizeIs(50));
+    EXPECT_EQ(text, count == 9 ? "AAAAAAAAAAAA" + of_the_kernel.substr(12) : of_the_kernel);
     EXPECT_EQ(reads, 1);
     EXPECT_THAT(trace.Names(), testing::Contains("close").Times(1));
     EXPECT_THAT(log.Lines(), IsEmpty());
   }
+}
+
+TEST(RandomString, NeedsAllOfTheDeviceFromAKernelThatHasNoRandomBytes) {
+  for (const int reason : {ENOSYS, EPERM}) {
+    const StandIn kernel(calls::getrandom, [&](auto...) {
+      errno = reason;
+      return -1;
+    });
+
+    EXPECT_THAT(RandomString(50), SizeIs(50));
+    const StandIn short_read(calls::read, [](auto...) { return 49; });
+    EXPECT_EQ(RandomString(50), "");
+  }
+}
+
+TEST(RandomString, AsksTheKernelAgainWhenASignalCame) {
+  int asked = 0;
+  const StandIn kernel(calls::getrandom, [&](void* buffer, std::size_t size, unsigned int flags) {
+    if (++asked > 1) return calls::getrandom.Real(buffer, size, flags);
+    errno = EINTR;
+    return ssize_t{-1};
+  });
+
+  RandomString(50);
+
+  EXPECT_EQ(asked, 2);
 }
 
 TEST(RandomString, IsEmptyWhenLibcryptoHasNoMemory) {
@@ -193,7 +228,7 @@ TEST(RandomString, IsEmptyWhenLibcryptoHasNoMemory) {
     const std::string text = RandomString(50);
 
     EXPECT_EQ(text, "");
-    std::vector<std::string> steps = {"open", "read", "close", "BIO_new"};
+    std::vector<std::string> steps = {"open", "getrandom", "read", "close", "BIO_new"};
     if (failing == 2) steps.insert(steps.end(), {"BIO_new", "BIO_free_all"});
     EXPECT_THAT(trace.Names(), testing::ElementsAreArray(steps));
   }
