@@ -1,0 +1,166 @@
+#include "common/Text.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <ctime>
+
+namespace tavrel::tools {
+namespace {
+
+constexpr std::string_view kBlank = " \t";
+constexpr std::int64_t kLongestDuration = 366 * std::int64_t{86400};
+
+char LowerLetter(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+}  // namespace
+
+std::vector<std::string_view> Words(std::string_view text) {
+  std::vector<std::string_view> words;
+  for (;;) {
+    text.remove_prefix(std::min(text.find_first_not_of(kBlank), text.size()));
+    if (text.empty()) return words;
+    words.push_back(text.substr(0, text.find_first_of(kBlank)));
+    text.remove_prefix(words.back().size());
+  }
+}
+
+std::string_view Trimmed(std::string_view text) {
+  text.remove_prefix(std::min(text.find_first_not_of(kBlank), text.size()));
+  return text.substr(0, text.find_last_not_of(kBlank) + 1);
+}
+
+bool SameText(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return LowerLetter(x) == LowerLetter(y); });
+}
+
+std::string Lower(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(), LowerLetter);
+  return result;
+}
+
+std::optional<std::int64_t> ParseNumber(std::string_view text, std::int64_t least,
+                                        std::int64_t most) {
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (number < least || number > most) return std::nullopt;
+  return number;
+}
+
+std::optional<std::chrono::seconds> ParseDuration(std::string_view text) {
+  std::int64_t unit = 1;
+  if (!text.empty()) {
+    switch (text.back()) {
+      case 's': break;
+      case 'm': unit = 60; break;
+      case 'h': unit = 3600; break;
+      case 'd': unit = 86400; break;
+      default: unit = 0; break;
+    }
+    if (unit != 0) text.remove_suffix(1);
+  }
+  if (unit == 0) unit = 1;
+  const auto number = ParseNumber(text, 1, kLongestDuration / unit);
+  if (!number) return std::nullopt;
+  return std::chrono::seconds(*number * unit);
+}
+
+std::optional<std::int64_t> ParseTime(std::string_view text) {
+  std::tm parts{};
+  const std::string copy(text);
+  const char* const end = strptime(copy.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  if (end == nullptr || *end != '\0') return std::nullopt;
+  const std::int64_t time = timegm(&parts);
+  // strptime() takes a 31st of February, signs and blanks; what it made must be what was written.
+  if (FormatTime(time) != text) return std::nullopt;
+  return time;
+}
+
+std::string FormatTime(std::int64_t time) {
+  const std::time_t seconds = time;
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[40];
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
+std::string ToBase64(std::string_view bytes) {
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
+  const int size = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                   reinterpret_cast<const unsigned char*>(bytes.data()),
+                                   static_cast<int>(bytes.size()));
+  text.resize(static_cast<std::size_t>(size));
+  return text;
+}
+
+std::optional<std::string> FromBase64(std::string_view text) {
+  if (text.empty() || text.size() % 4 != 0) return std::nullopt;
+  const std::size_t padding = text.size() - (text.find_last_not_of('=') + 1);
+  if (padding > 2) return std::nullopt;
+  std::string bytes(text.size() / 4 * 3, '\0');
+  const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                                   reinterpret_cast<const unsigned char*>(text.data()),
+                                   static_cast<int>(text.size()));
+  if (size < 0) return std::nullopt;
+  bytes.resize(static_cast<std::size_t>(size) - padding);
+  // The decoder takes blanks around the text, and bits that the last letter has to spare.
+  if (ToBase64(bytes) != text) return std::nullopt;
+  return bytes;
+}
+
+std::string ToBase64Url(std::string_view bytes) {
+  std::string text = ToBase64(bytes);
+  text.resize(text.find_last_not_of('=') + 1);
+  std::replace(text.begin(), text.end(), '+', '-');
+  std::replace(text.begin(), text.end(), '/', '_');
+  return text;
+}
+
+std::optional<std::string> FromBase64Url(std::string_view text) {
+  if (text.find_first_of("+/=") != std::string_view::npos) return std::nullopt;
+  std::string padded(text);
+  std::replace(padded.begin(), padded.end(), '-', '+');
+  std::replace(padded.begin(), padded.end(), '_', '/');
+  padded.append((4 - padded.size() % 4) % 4, '=');
+  return FromBase64(padded);
+}
+
+std::optional<std::string> ReadFile(const std::string& path, std::size_t most, std::string* error) {
+  const auto failed = [&](const char* why) {
+    *error = path + ": " + why;
+    return std::nullopt;
+  };
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file == -1) return failed(std::strerror(errno));
+  std::string text(most + 1, '\0');
+  std::size_t size = 0;
+  ssize_t got = 0;
+  while (size < text.size()) {
+    got = read(file, text.data() + size, text.size() - size);
+    if (got == -1 && errno == EINTR) continue;
+    if (got <= 0) break;
+    size += static_cast<std::size_t>(got);
+  }
+  const int code = errno;
+  close(file);
+  if (got == -1) return failed(std::strerror(code));
+  if (size > most) return failed("larger than it may be");
+  text.resize(size);
+  return text;
+}
+
+std::int64_t Now() {
+  return std::time(nullptr);
+}
+
+}  // namespace tavrel::tools
