@@ -1,0 +1,120 @@
+// What enrolling does to the account and to the keytab.
+#include "MembershipScenario.h"
+#include "tavrel/KrbError.h"
+
+namespace tavrel::plus::tests {
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::UnorderedElementsAre;
+
+using Enrolment = MembershipScenario;
+
+TEST_F(Enrolment, CreatesTheAccountWithAesKeysAndWritesThem) {
+  NameMachine("fresh");
+
+  const Result result = Enrol();
+
+  EXPECT_THAT(result, Changes());
+  EXPECT_EQ(result.controller, "dc1.corp.example.com");
+  EXPECT_EQ(Value("userAccountControl"), "4096");
+  EXPECT_EQ(Value("msDS-SupportedEncryptionTypes"), "24");
+  EXPECT_EQ(Value("dNSHostName"), "fresh.corp.example.com");
+  EXPECT_THAT(directory.Read(account)["servicePrincipalName"],
+              UnorderedElementsAre("HOST/FRESH", "HOST/fresh.corp.example.com"));
+  EXPECT_THAT(Entries(), ElementsAreArray(AesEntries({std::stoi(Value("msDS-KeyVersionNumber"))})));
+}
+
+TEST_F(Enrolment, ChangesNothingWhenTheKeysWork) {
+  NameMachine("again");
+  ASSERT_THAT(Enrol(), Changes());
+  const std::string state = PasswordState();
+  const std::string bytes = KeytabBytes();
+
+  const Result result = Enrol();
+
+  EXPECT_THAT(result, ChangesNothing());
+  EXPECT_EQ(PasswordState(), state);
+  EXPECT_EQ(KeytabBytes(), bytes);
+}
+
+TEST_F(Enrolment, LeavesAMachineThatTheCoreJoinsAndAuthenticatesWith) {
+  NameMachine("core");
+  ASSERT_THAT(Enrol(), Changes());
+  const std::string state = PasswordState();
+  const std::string bytes = KeytabBytes();
+
+  EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
+  EXPECT_EQ(PasswordState(), state);
+  EXPECT_EQ(KeytabBytes(), bytes);
+}
+
+TEST_F(Enrolment, GivesAMachineThatTheCoreJoinedAesKeysAndKeepsTheOld) {
+  NameMachine("upgrade");
+  JoinedEarlier();
+  const std::vector<std::string> before = Entries();
+
+  EXPECT_THAT(Enrol(), Changes());
+
+  EXPECT_EQ(Value("msDS-SupportedEncryptionTypes"), "24");
+  std::vector<std::string> expected = AesEntries({std::stoi(Value("msDS-KeyVersionNumber"))});
+  expected.insert(expected.end(), before.begin(), before.end());
+  EXPECT_THAT(Entries(), ElementsAreArray(expected));
+  EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
+}
+
+TEST_F(Enrolment, MendsWhatTheCoreRepaired) {
+  NameMachine("mended");
+  ASSERT_THAT(Enrol(), Changes());
+  PasswordChangedByOthers();
+  {
+    tavrel::tests::ScopedVariable rc4("KRB5_CONFIG", tavrel::tests::Lab("DIR") + "/krb5.conf");
+    KrbRealm realm = Realm();
+    Join(realm);  // sets a password of its own, and adds its RC4 key
+  }
+  ASSERT_EQ(Entries().size(), 3U);
+
+  EXPECT_THAT(Enrol(), Changes());
+
+  EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
+  EXPECT_THAT(Enrol(), ChangesNothing());
+}
+
+TEST_F(Enrolment, WithRc4BesideHasAllThreeKeys) {
+  NameMachine("beside");
+  options.encryption_types = EncryptionTypes::kAesAndRc4;
+
+  EXPECT_THAT(Enrol(), Changes());
+
+  EXPECT_EQ(Value("msDS-SupportedEncryptionTypes"), "28");
+  const std::string start = "BESIDE$@CORP.EXAMPLE.COM version 1 enctype ";
+  EXPECT_THAT(Entries(), ElementsAre(start + "18", start + "17", start + "23"));
+  EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
+}
+
+TEST_F(Enrolment, TellsAWrongPasswordAfterOneFailedLogon) {
+  NameMachine("mistyped");
+  // The controller counts only where it would lock an account one day.
+  const auto lock_after = [](const std::string& count) {
+    ChangeDatabase("dn: " + tavrel::tests::Lab("BASE_DN") +
+                   "\nchangetype: modify\nreplace: lockoutThreshold\nlockoutThreshold: " + count +
+                   "\n");
+  };
+  lock_after("9");
+  Scene("user carol Carol.Pass.1");
+  user = "carol";
+  password = "Carol.Pass.2";
+  options.controllers = {"dc1.corp.example.com", "dc1.corp.example.com:389"};
+
+  EXPECT_THAT(Enrol(), Fails(Cause::kBadCredentials, Step::kSignIn));
+
+  const std::string shown = tavrel::tests::Lab("DIR") + "/carol";
+  Scene("show carol badPwdCount >" + shown);
+  EXPECT_THAT(tavrel::tests::FileBytes(shown), testing::HasSubstr("badPwdCount: 1\n"));
+  Scene("delete carol");
+  lock_after("0");
+}
+
+}  // namespace
+}  // namespace tavrel::plus::tests
