@@ -1,4 +1,6 @@
 // By whoever holds an account of the domain, or may do something with one.
+#include <fstream>
+
 #include "Attack.h"
 #include "ForgedRequest.h"
 #include "GssClient.h"
@@ -51,7 +53,8 @@ TEST_F(ADomainAccount, GetsTheJoinersPasswordByAddingTheAddressOfAControllerThat
   EXPECT_THAT(false_controller.Binds(), HasSubstr(password));
 }
 
-// The domain does not exist; the resolver then looks for it below the one in its search list.
+// The domain does not exist; the resolver then looks for it below the one in its search list. With
+// "search ." it does not.
 TEST_F(ADomainAccount, GetsTheJoinersPasswordThroughTheSearchListWhenTheDomainIsMistyped) {
   NameMachine("mistyped");
   const FalseController false_controller;
@@ -63,9 +66,16 @@ TEST_F(ADomainAccount, GetsTheJoinersPasswordThroughTheSearchListWhenTheDomainIs
   KrbRealm realm = Realm();
 
   Join(realm);
+  const int asked = false_controller.Connections();
+  const std::string settings = FileBytes("/etc/resolv.conf");  // the lab's own
+  std::ofstream("/etc/resolv.conf") << "nameserver " << Lab("DC_IP") << "\nsearch .\n";
+  Join(realm);
+  std::ofstream("/etc/resolv.conf") << settings;
 
   EXPECT_THAT(false_controller.Binds(), HasSubstr(user));
   EXPECT_THAT(false_controller.Binds(), HasSubstr(password));
+  EXPECT_EQ(asked, 1);
+  EXPECT_EQ(false_controller.Connections(), 1);
 }
 
 TEST_F(ADomainAccount, HasManyNames) {
@@ -86,7 +96,7 @@ TEST_F(ADomainAccount, HasManyNames) {
 }
 
 // Whoever may create a computer chooses its name.
-TEST_F(ADomainAccount, OfAComputerIsAUserWithoutTheDollar) {
+TEST_F(ADomainAccount, OfAComputerSignsInWithoutItsDollar) {
   NameMachine("root");
   directory.Add(account, kEarlierPassword);
   NameMachine("trusting");
@@ -101,7 +111,7 @@ TEST_F(ADomainAccount, OfAComputerIsAUserWithoutTheDollar) {
 
 // The account's creator owns it: by resetting its password the creator becomes the machine, and an
 // owner may rewrite the account's permissions, and with them everything.
-TEST_F(ADomainAccount, ThatCreatedTheMachinesKeepsItInHand) {
+TEST_F(ADomainAccount, ThatCreatedTheMachinesControlsIt) {
   Scene("user creator Creator.Pass.1");
   Shell(
       "samba-tool dsacl set -H ldap://$LAB_DC_NAME -U $LAB_ADMIN%$LAB_ADMIN_PASSWORD "
@@ -155,7 +165,7 @@ TEST_F(ADomainAccount, ThatCreatedTheMachinesKeepsItInHand) {
 
 // The domain lets a service act for its users without having seen them (protocol transition). What
 // arrives here is an ordinary ticket of the user, who did nothing.
-TEST_F(ADomainAccount, ThatMayDelegateToTheMachineIsAnyUser) {
+TEST_F(ADomainAccount, ThatMayDelegateToTheMachineSignsInAsAnyUser) {
   NameMachine("gate");
   directory.Add(account, kEarlierPassword);
   AddKey(account, kEarlierPassword);

@@ -19,6 +19,7 @@ class FalseController {
   FalseController();
 
   int Port() const { return peer_.Port(); }
+  int Connections() const { return peer_.Connections(); }
   // The contents of all binds so far: name and password, among other bytes.
   std::string Binds() const;
 

@@ -1,12 +1,20 @@
 // By nobody: what a program, a setting or a slip of a hand does alone.
+#include <krb5.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <clocale>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
 
 #include "../hostile/Child.h"
 #include "Attack.h"
 #include "GssClient.h"
+#include "Interpose.h"
 #include "tavrel/KrbError.h"
 
 namespace tavrel::tests {
@@ -17,6 +25,28 @@ using testing::EndsWith;
 constexpr char kAlice[] = "CORP.EXAMPLE.COM\\alice";
 
 class AMistake : public Attack {};
+
+// A thread that works on while the process ends, as long as `holding`.
+std::atomic<int> contexts_made{0};
+std::atomic<bool> holding{false};
+
+// How a process ends by `end` while a thread of it is at work; empty for an ordinary end.
+std::string EndWithAThreadAtWork(void (*end)(int)) {
+  return InChild([end]() -> std::string {
+    std::thread([] {
+      for (;;) {
+        const KrbContext context;
+        ++contexts_made;
+      }
+    }).detach();
+    while (contexts_made < 100)
+      std::this_thread::yield();
+    if (std::freopen("/dev/null", "w", stderr) == nullptr) return "no /dev/null";
+    holding = true;
+    end(0);
+    return "";
+  });
+}
 
 // The machine's principal is set before the account is looked at, and stays.
 TEST_F(AMistake, JoinThatFailsAtTheAccountLetsUsersIn) {
@@ -122,5 +152,34 @@ TEST_F(AMistake, LimitOfFileSizesEndsTheProcessUnlessItIgnoresTheSignal) {
   EXPECT_EQ(ignored, "File too large");
 }
 
+// The Kerberos library takes itself down at exit() while the thread uses it. Nearly every such
+// process crashes here.
+TEST_F(AMistake, ThreadLeftBehindCrashesTheProcessAtExit) {
+  std::string at_exit, at_immediate_exit;
+  constexpr int kProcesses = 20;
+  for (int i = 0; i < kProcesses; ++i) {
+    at_exit += EndWithAThreadAtWork(std::exit);
+    at_immediate_exit += EndWithAThreadAtWork(_exit);
+    if (!at_exit.empty()) break;
+  }
+
+  EXPECT_THAT(at_exit, testing::StartsWith("ended "));
+  EXPECT_EQ(at_immediate_exit, "");
+}
+
 }  // namespace
+
+// libkrb5 calls this as it takes itself down. The end of the process waits there for the thread.
+extern "C" __attribute__((visibility("default"))) errcode_t remove_error_table(
+    const struct error_table* table) {
+  const errcode_t code =
+      reinterpret_cast<decltype(&remove_error_table)>(RealSymbol("remove_error_table"))(table);
+  using Clock = std::chrono::steady_clock;
+  const auto limit = Clock::now() + std::chrono::seconds(1);
+  const int enough = contexts_made + 200;
+  while (holding && contexts_made < enough && Clock::now() < limit)
+    std::this_thread::yield();
+  return code;
+}
+
 }  // namespace tavrel::tests

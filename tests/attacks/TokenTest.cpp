@@ -162,21 +162,23 @@ TEST_F(AToken, WithoutATicketFillsTheLogWithMoreThanItsSize) {
 // The Kerberos library keeps times in 32 bits, which the realm takes for signed.
 TEST_F(AToken, OfATicketThatEndsAfterJanuary2038IsRefused) {
   constexpr std::time_t kLast = 0x7fffffff;
-  const std::time_t now = kLast - 3600;
-  const StandIn clock(calls::time, [&](std::time_t*) { return now; });
-  JoinedMachine realm(*this);
-  realm.SetClock(now);
-  ForgedTicket ticket = Ticket();
-  ticket.authtime = ticket.starttime = static_cast<krb5_timestamp>(now);
-  ticket.sent_at = static_cast<krb5_timestamp>(now);
+  constexpr std::time_t kNow = kLast - 3600;
+  const auto sign_in = [&](std::time_t end) {
+    const StandIn clock(calls::time, [&](std::time_t*) { return kNow; });
+    JoinedMachine realm(*this);
+    realm.SetClock(kNow);
+    ForgedTicket ticket = Ticket();
+    ticket.authtime = ticket.starttime = static_cast<krb5_timestamp>(kNow);
+    ticket.sent_at = ticket.starttime;
+    ticket.endtime = static_cast<krb5_timestamp>(end);
+    return SignIn(realm, GssToken(ApReq(ticket)));
+  };
 
-  ticket.endtime = static_cast<krb5_timestamp>(kLast);
-  const std::string just_before = SignIn(realm, GssToken(ApReq(ticket)));
-  ticket.endtime = static_cast<krb5_timestamp>(static_cast<std::uint32_t>(kLast) + 1);
-  const std::string just_after = SignIn(realm, GssToken(ApReq(ticket)));
+  const std::string ends_before = sign_in(kLast);
+  const std::string ends_after = sign_in(kLast + 1);
 
-  EXPECT_EQ(just_before, kAlice);
-  EXPECT_EQ(just_after, "");
+  EXPECT_EQ(ends_before, kAlice);
+  EXPECT_EQ(ends_after, "");
 }
 
 }  // namespace
