@@ -9,19 +9,21 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
-#include <iterator>
+#include <cstring>
 #include <string_view>
+#include <vector>
 
 namespace tavrel {
 namespace {
 
 // The format: its version in two bytes, then the entries. Before each stands its length in four
-// bytes, most significant first, or in the old version in the machine's order; that of a hole is
-// negative, and 0 ends the file before its end.
-constexpr unsigned char kOldVersion[] = {0x05, 0x01};
-constexpr unsigned char kVersion[] = {0x05, 0x02};
-constexpr off_t kVersionSize = sizeof kVersion;
-constexpr off_t kLengthSize = 4;
+// bytes; that of a hole is negative, and 0 ends the file before its end. Numbers have their most
+// significant byte first, in the old version the machine's order.
+constexpr std::uint16_t kOldVersion = 0x0501;
+constexpr std::uint16_t kVersion = 0x0502;
+constexpr unsigned char kVersionBytes[] = {0x05, 0x02};
+constexpr std::int64_t kVersionSize = sizeof kVersionBytes;
+constexpr std::int64_t kLengthSize = 4;
 
 // An open file; closed, and its lock given up, when it is destroyed.
 struct File {
@@ -36,28 +38,112 @@ struct File {
 };
 
 // The result of a transfer of `wanted` bytes.
-krb5_error_code Transferred(ssize_t count, off_t wanted) {
+krb5_error_code Transferred(ssize_t count, std::int64_t wanted) {
   if (count == wanted) return 0;
   return count == -1 ? errno : EIO;
 }
 
-// Removes the first entry or hole that reaches beyond the end, and with it all that follows.
-krb5_error_code RemoveCutEntry(const File& file, off_t size, bool is_old, std::size_t readable) {
-  for (off_t start = kVersionSize; start < size;) {
-    off_t end = start + kLengthSize;
-    if (end <= size) {
-      std::uint32_t stored = 0;
-      const ssize_t count = pread(file.descriptor, &stored, sizeof stored, start);
-      if (const krb5_error_code code = Transferred(count, kLengthSize)) return code;
+// Takes the lock that libkrb5 takes as well: another process may be appending. A system without
+// locks of open files has those of processes.
+krb5_error_code Lock(const File& file) {
+  struct flock whole_file {};
+  whole_file.l_type = F_WRLCK;
+  if (fcntl(file.descriptor, F_OFD_SETLKW, &whole_file) == 0) return 0;
+  if (errno == EINVAL && fcntl(file.descriptor, F_SETLKW, &whole_file) == 0) return 0;
+  return errno;
+}
 
-      const auto length = static_cast<std::int32_t>(is_old ? stored : ntohl(stored));
-      if (length == 0) return 0;
-      end += std::abs(std::int64_t{length});
-      const bool is_readable = length > 0 && readable > 0;
-      if (is_readable) --readable;
-      if (is_readable && end > size) return 0;  // only what pads it is cut
+// Removes what is left of an entry or a hole, and with it all that follows.
+krb5_error_code Cut(const File& file, std::int64_t start) {
+  return ftruncate(file.descriptor, static_cast<off_t>(start)) == 0 ? 0 : errno;
+}
+
+std::uint16_t HostOrder(std::uint16_t number) {
+  return ntohs(number);
+}
+std::uint32_t HostOrder(std::uint32_t number) {
+  return ntohl(number);
+}
+
+// The numbers of a file, which is read a block at a time.
+class Numbers {
+ public:
+  Numbers(const File& file, std::int64_t size) : file_(file), size_(size) {}
+
+  // False when the file ends before, or cannot be read: then Error() is not 0.
+  template <typename Number>
+  bool Read(std::int64_t at, Number& number) {
+    constexpr auto kWidth = static_cast<std::int64_t>(sizeof number);
+    if (at + kWidth > size_) return false;
+    if (at < first_ || at + kWidth > last_) {
+      first_ = at;
+      last_ = std::min(at + static_cast<std::int64_t>(block_.size()), size_);
+      const auto wanted = static_cast<std::size_t>(last_ - first_);
+      error_ = Transferred(pread(file_.descriptor, block_.data(), wanted, static_cast<off_t>(at)),
+                           last_ - first_);
+      if (error_ != 0) return false;
     }
-    if (end > size) return ftruncate(file.descriptor, start) == 0 ? 0 : errno;
+    std::memcpy(&number, block_.data() + (at - first_), sizeof number);
+    if (!in_machine_order) number = HostOrder(number);
+    return true;
+  }
+
+  krb5_error_code Error() const { return error_; }
+
+  bool in_machine_order = false;
+
+ private:
+  const File& file_;
+  const std::int64_t size_;
+  // Of an array the compiler would know the size, and call __pread_chk() in place of pread().
+  std::vector<unsigned char> block_ = std::vector<unsigned char>(4096);
+  std::int64_t first_ = 0;  // of the file's bytes in the block
+  std::int64_t last_ = 0;
+  krb5_error_code error_ = 0;
+};
+
+// Where the fields end that libkrb5 reads of the entry behind the length at `start`, which may be
+// beyond the end of the file; kUnreadable when it reads no entry. Only for the last field it looks
+// at the length.
+constexpr std::int64_t kUnreadable = INT64_MAX;
+std::int64_t EndOfFields(Numbers& numbers, std::int64_t start, std::int64_t length) {
+  const auto is_none = [](std::uint16_t count) { return count == 0 || count > INT16_MAX; };
+  std::int64_t at = start + kLengthSize;
+  std::uint16_t texts = 0;  // of the principal's name, and the realm
+  if (!numbers.Read(at, texts)) return kUnreadable;
+  if (numbers.in_machine_order) --texts;  // counted besides
+  if (is_none(texts)) return kUnreadable;
+
+  at += 2;
+  std::uint16_t size = 0;
+  for (int left = texts + 1; left > 0; --left) {
+    if (!numbers.Read(at, size) || is_none(size)) return kUnreadable;
+    at += 2 + size;
+  }
+  if (!numbers.in_machine_order) at += 4;  // the type of the name
+  at += 4 + 1 + 2;                         // when it was written, key version, encryption type
+  if (!numbers.Read(at, size) || is_none(size)) return kUnreadable;
+  at += 2 + size;  // the key
+  const bool has_long_version = at + 4 <= start + kLengthSize + length;
+  return has_long_version ? at + 4 : at;
+}
+
+krb5_error_code MendEntries(const File& file, std::int64_t size, Numbers& numbers) {
+  for (std::int64_t start = kVersionSize; start < size;) {
+    std::uint32_t stored = 0;
+    if (!numbers.Read(start, stored))
+      return numbers.Error() != 0 ? numbers.Error() : Cut(file, start);
+    const auto length = static_cast<std::int32_t>(stored);
+    if (length == 0) return 0;
+    const std::int64_t end = start + kLengthSize + std::abs(std::int64_t{length});
+    if (length > 0) {
+      const std::int64_t used = EndOfFields(numbers, start, length);
+      if (numbers.Error() != 0) return numbers.Error();
+      const bool is_whole = used <= std::min(end, size);
+      if (is_whole && end > size && end <= INT32_MAX) return 0;  // only what pads it is missing
+      if (is_whole ? end > size : end <= size) return KRB5_KT_FORMAT;
+    }
+    if (end > size) return Cut(file, start);
     start = end;
   }
   return 0;
@@ -65,32 +151,31 @@ krb5_error_code RemoveCutEntry(const File& file, off_t size, bool is_old, std::s
 
 }  // namespace
 
-krb5_error_code MendKeytabFile(krb5_context context, krb5_keytab keytab, std::size_t readable) {
+krb5_error_code MendKeytabFile(krb5_context context, krb5_keytab keytab) {
   char name[PATH_MAX + sizeof "WRFILE:"];
-  if (const krb5_error_code code = krb5_kt_get_name(context, keytab, name, sizeof name))
-    return code;
+  const krb5_error_code named = krb5_kt_get_name(context, keytab, name, sizeof name);
+  if (named == KRB5_KT_NAME_TOOLONG) return 0;  // no path is as long
+  if (named != 0) return named;
   const char* path = name + std::string_view(name).find(':') + 1;
   const std::string_view kind(name, static_cast<std::size_t>(path - name));
   if (kind != "FILE:" && kind != "WRFILE:") return 0;
 
   const File file(path);
   if (file.descriptor == -1) return errno == ENOENT ? 0 : errno;
-  // The lock that libkrb5 takes as well: another process may be appending.
-  struct flock whole_file {};
-  whole_file.l_type = F_WRLCK;
-  if (fcntl(file.descriptor, F_OFD_SETLKW, &whole_file) == -1) return errno;
+  if (const krb5_error_code code = Lock(file)) return code;
 
-  const off_t size = lseek(file.descriptor, 0, SEEK_END);
+  const std::int64_t size = lseek(file.descriptor, 0, SEEK_END);
   if (size == -1) return errno;
   if (size < kVersionSize) {
-    return Transferred(pwrite(file.descriptor, kVersion, sizeof kVersion, 0), kVersionSize);
+    return Transferred(pwrite(file.descriptor, kVersionBytes, sizeof kVersionBytes, 0),
+                       kVersionSize);
   }
-  unsigned char version[sizeof kVersion];
-  const ssize_t count = pread(file.descriptor, version, sizeof version, 0);
-  if (const krb5_error_code code = Transferred(count, kVersionSize)) return code;
-  const auto is = [&](const auto& known) { return std::equal(version, std::end(version), known); };
-  if (!is(kVersion) && !is(kOldVersion)) return 0;
-  return RemoveCutEntry(file, size, is(kOldVersion), readable);
+  Numbers numbers(file, size);
+  std::uint16_t version = 0;
+  if (!numbers.Read(0, version)) return numbers.Error();
+  numbers.in_machine_order = version == kOldVersion;
+  if (version != kVersion && version != kOldVersion) return 0;
+  return MendEntries(file, size, numbers);
 }
 
 }  // namespace tavrel

@@ -125,17 +125,6 @@ std::string RealmAndComponents(krb5_const_principal principal) {
   return text;
 }
 
-// Counts what it is shown, besides.
-struct CountingMatcher : KeytabMatcher {
-  using KeytabMatcher::KeytabMatcher;
-  void Process(const krb5_keytab_entry& entry) override {
-    ++count;
-    KeytabMatcher::Process(entry);
-  }
-
-  std::size_t count = 0;
-};
-
 // The end that both AS exchanges share: the status of a ticket just obtained.
 int CheckInitialTicket(const krb5_creds& creds, Site site = Site::Here()) {
   Keytab::PrintCreds(creds);
@@ -256,12 +245,11 @@ bool Keytab::WriteKey(const std::string& password, std::string* error) {
   if (KrbFailed(code, "Error creating key from password: ", logger, context, error)) return false;
   const KrbKey key(&entry.key, {context});
 
-  CountingMatcher matcher(context, &entry);
+  KeytabMatcher matcher(context, &entry);
   Iterate(matcher);
   if (matcher.IsKeyCurrent()) return true;
 
-  code = context_->keytab != nullptr ? MendKeytabFile(context, context_->keytab, matcher.count)
-                                     : kNoKeytab;
+  code = context_->keytab != nullptr ? MendKeytabFile(context, context_->keytab) : kNoKeytab;
   if (code == 0) code = krb5_kt_add_entry(context, context_->keytab, &entry);
   return !KrbFailed(code, "Error adding key to keytab: ", logger, context, error);
 }

@@ -1,5 +1,6 @@
 // What becomes of a keytab file that is not whole when a key is written to it.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "Interpose.h"
+#include "KnownLeak.h"
 #include "LogCapture.h"
 #include "ScratchKeytab.h"
 
@@ -64,6 +66,20 @@ class ADamagedFile : public testing::Test {
     EXPECT_EQ(bytes.size(), before.size() + EntryOf(added).size());
   }
 
+  // Expects `bytes` to be left alone, and the record and the text to say that their format is bad.
+  void RefusesToAddTo(const std::string& bytes) {
+    Put(bytes);
+    LogCapture log;
+
+    const bool written = scratch.keytab.WriteKey(kPassword, &error);
+
+    EXPECT_FALSE(written);
+    EXPECT_EQ(error, "Bad format in keytab");
+    EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab WriteKey: Error adding key to keytab: "
+                                         "Bad format in keytab"));
+    EXPECT_EQ(scratch.Bytes(), bytes);
+  }
+
   ScratchKeytab scratch;
   std::string error = "untouched";
 };
@@ -92,9 +108,10 @@ TEST_F(ADamagedFile, KeepsItsMode) {
 }
 
 TEST_F(ADamagedFile, LosesWhatIsLeftOfACutEntry) {
+  const KnownLeak realm;
   const std::string whole = kVersion + EntryOf(kHere);
   const std::string cut = EntryOf(kLost);
-  for (std::size_t left = 1; left <= 8; ++left) {  // of more, libkrb5 leaks what it has read
+  for (std::size_t left = 1; left < cut.size(); left += left < 8 || left > cut.size() - 8 ? 1 : 7) {
     SCOPED_TRACE(left);
     Put(whole + cut.substr(0, left));
 
@@ -163,6 +180,99 @@ TEST_F(ADamagedFile, EndsWhereALengthIsZero) {
                           ScratchKeytab::Text({kMachine, 2, Rc4Key(kPassword)})));
 }
 
+// Of an entry without a key version of 32 bits, libkrb5 takes a key that is cut off for a whole
+// one.
+TEST_F(ADamagedFile, LosesAnEntryWhoseKeyIsCut) {
+  const KnownLeak realm;
+  const std::string whole = kVersion + EntryOf(kHere);
+  const std::string cut = EntryOf(kLost);
+  const auto short_length = static_cast<std::int32_t>(cut.size() - 8);
+  const std::string without_long_version = Length(short_length) + cut.substr(4, cut.size() - 8);
+  for (std::size_t left = without_long_version.size() - 1; left > 4; left -= 3) {
+    SCOPED_TRACE(left);
+    Put(whole + without_long_version.substr(0, left));
+
+    WritesBehind(whole, 2);
+  }
+}
+
+// libkrb5 reads the fields of an entry whatever its length says: with a length that is too small,
+// the next one would be looked for inside the key.
+TEST_F(ADamagedFile, WithALengthThatIsTooSmallIsLeftAlone) {
+  const std::string first = EntryOf(kHere);
+  const std::string second = EntryOf(kLost);
+  const auto shortened = [](const std::string& entry, std::int32_t by) {
+    return Length(static_cast<std::int32_t>(entry.size()) - 4 - by) + entry.substr(4);
+  };
+
+  RefusesToAddTo(kVersion + first + shortened(second, 20));
+  EXPECT_THAT(scratch.Entries(),
+              ElementsAre(ScratchKeytab::Text(kHere), ScratchKeytab::Text(kLost)));
+  RefusesToAddTo(kVersion + shortened(first, 20) + second);
+  RefusesToAddTo(kVersion + first + shortened(second, 60));
+}
+
+// Behind it nobody would find the key.
+TEST_F(ADamagedFile, WithAnEntryInItsMidstThatCannotBeReadIsLeftAlone) {
+  RefusesToAddTo(kVersion + Length(30) + std::string(30, '\0') + EntryOf(kHere));
+  RefusesToAddTo(kVersion + EntryOf(kHere) + Length(30) + "\x7F" + std::string(29, '\x7F'));
+}
+
+// libkrb5 reckons in 32 bits where the next entry starts.
+TEST_F(ADamagedFile, WithALengthThatLeadsOutOfAllFilesIsLeftAlone) {
+  RefusesToAddTo(kVersion + Length(INT32_MAX) + EntryOf(kHere).substr(4));
+}
+
+// Whatever a length is changed to, what could be read can be read, and nothing else but the new
+// key.
+TEST_F(ADamagedFile, LosesNoReadableKeyAndGetsNoneThatNobodyWrote) {
+  const KnownLeak realm;
+  const std::string entries[] = {EntryOf(kHere), EntryOf(kLost), EntryOf({kOther, 4}, 20)};
+  const auto full = static_cast<std::int32_t>(entries[0].size() - 4);
+  for (std::size_t damaged = 0; damaged < std::size(entries); ++damaged) {
+    for (std::int32_t length = -full - 20; length < 2 * full; length += length < 30 ? 13 : 1) {
+      SCOPED_TRACE(std::to_string(damaged) + ": " + std::to_string(length));
+      std::string bytes = kVersion;
+      for (std::size_t i = 0; i < std::size(entries); ++i)
+        bytes += i == damaged ? Length(length) + entries[i].substr(4) : entries[i];
+      Put(bytes);
+      std::vector<std::string> expected = scratch.Entries();
+      const StoredKey added = {kMachine, scratch.keytab.GetNextClientVno(), Rc4Key(kPassword)};
+
+      const bool written = scratch.keytab.WriteKey(kPassword, &error);
+
+      if (written) {
+        expected.push_back(ScratchKeytab::Text(added));
+      } else {
+        EXPECT_EQ(scratch.Bytes(), bytes);
+      }
+      EXPECT_THAT(scratch.Entries(), testing::UnorderedElementsAreArray(expected));
+    }
+  }
+}
+
+// A walk that failed says nothing about the file.
+TEST_F(ADamagedFile, KeepsItsEntriesWhenTheyCouldNotBeWalkedThrough) {
+  const std::string padded = kVersion + EntryOf(kHere, 40);
+  const std::string bytes = padded.substr(0, padded.size() - 20);
+  const auto no_memory = [](auto...) -> krb5_error_code { return ENOMEM; };
+  const auto keeps = [&] {
+    Put(bytes);
+    EXPECT_TRUE(scratch.keytab.WriteKey(kPassword, &error)) << error;
+    EXPECT_THAT(scratch.Bytes(), StartsWith(bytes));
+    EXPECT_EQ(scratch.Entries().size(), 2U);
+  };
+
+  {
+    const StandIn opened(calls::krb5_kt_start_seq_get, no_memory);
+    keeps();
+  }
+  {
+    const StandIn read(calls::krb5_kt_next_entry, no_memory);
+    keeps();
+  }
+}
+
 // Whatever keeps the library from looking at the file keeps it from adding to it.
 TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
   const std::string bytes = kVersion + EntryOf(kHere) + "cut";
@@ -182,8 +292,8 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
 
   {
     const StandIn named(calls::krb5_kt_get_name,
-                        [](auto...) -> krb5_error_code { return KRB5_KT_NAME_TOOLONG; });
-    fails("Keytab name too long");
+                        [](auto...) -> krb5_error_code { return KRB5_KT_BADNAME; });
+    fails("Key table name malformed");
   }
   {
     const StandIn opened(calls::open, [](auto...) {
@@ -214,6 +324,23 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
   }
 }
 
+// As libkrb5 does where open files cannot be locked.
+TEST_F(ADamagedFile, IsLockedForTheProcessWhereItCannotBeOtherwise) {
+  Put("\5");
+  std::vector<int> commands;
+  const StandIn locked(calls::fcntl, [&](int descriptor, int command, void* lock) {
+    commands.push_back(command);
+    EXPECT_EQ(static_cast<struct flock*>(lock)->l_type, F_WRLCK);
+    if (command == F_SETLKW) return calls::fcntl.Real(descriptor, command, lock);
+    errno = EINVAL;
+    return -1;
+  });
+
+  EXPECT_TRUE(scratch.keytab.WriteKey(kPassword, &error));
+
+  EXPECT_THAT(commands, ElementsAre(F_OFD_SETLKW, F_SETLKW));
+}
+
 // What the library calls between its last look at the entries and the end.
 std::vector<std::string> LastCalls(ScratchKeytab& scratch) {
   scratch.Add(kHere);
@@ -229,12 +356,26 @@ TEST(AWholeFile, IsOnlyReadBeforeTheKeyIsAdded) {
   ScratchKeytab scratch;
 
   EXPECT_THAT(LastCalls(scratch),
-              ElementsAre("krb5_kt_get_name", "open", "fcntl", "lseek", "pread", "pread", "pread",
-                          "close", "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
+              ElementsAre("krb5_kt_get_name", "open", "fcntl", "lseek", "pread", "close",
+                          "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
+}
+
+// The entries of the widest keytab do not fit into what is read at a time.
+TEST(AWholeFile, MayBeOfAnySize) {
+  ScratchKeytab scratch;
+  for (int i = 1; i <= 40; ++i)
+    scratch.Add({std::string(300, 'x') + std::to_string(i) + "@CORP.EXAMPLE.COM", 1});
+  const std::string before = scratch.Bytes();
+
+  EXPECT_TRUE(scratch.keytab.WriteKey(kPassword, nullptr));
+
+  EXPECT_THAT(scratch.Bytes(), StartsWith(before));
+  EXPECT_EQ(scratch.Entries().size(), 41U);
 }
 
 TEST(AKeytabInMemory, IsNoFileToLookAt) {
   ScratchKeytab scratch("MEMORY");
+  ASSERT_TRUE(scratch.krb.SetKeytab("MEMORY:" + std::string(5000, 'x')));  // no path is as long
 
   EXPECT_THAT(LastCalls(scratch),
               ElementsAre("krb5_kt_get_name", "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
