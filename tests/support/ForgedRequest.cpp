@@ -15,6 +15,8 @@ const std::string kNtlmOid = "\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a";
 
 namespace {
 
+constexpr krb5_cksumtype kGssChecksum = 0x8003;
+
 constexpr unsigned char kInteger = 0x02;
 constexpr unsigned char kBitString = 0x03;
 constexpr unsigned char kOctetString = 0x04;
@@ -131,6 +133,7 @@ std::string EncTicketPart(const ForgedTicket& ticket, const krb5_keyblock& sessi
   if (ticket.starttime != 0) part += Field(6, Time(ticket.starttime));
   part += Field(7, Time(ticket.endtime));
   if (ticket.renew_till != 0) part += Field(8, Time(ticket.renew_till));
+  if (!ticket.authorization_data.empty()) part += Field(10, ticket.authorization_data);
   return Der(kApplication | 3, Der(kSequence, part));
 }
 
@@ -147,15 +150,20 @@ std::string Encrypt(krb5_context context, const krb5_keyblock& key, krb5_keyusag
   return cipher;
 }
 
-namespace {
-
-std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_keyblock& session) {
+krb5_keyblock ServiceKey(krb5_context context, const ForgedTicket& ticket) {
   std::string password = ticket.password;
   std::string salt = ticket.salt;
   const krb5_data password_data = View(password);
   const krb5_data salt_data = View(salt);
   krb5_keyblock service{};
   Check(krb5_c_string_to_key(context, ticket.etype, &password_data, &salt_data, &service), "key");
+  return service;
+}
+
+namespace {
+
+std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_keyblock& session) {
+  krb5_keyblock service = ServiceKey(context, ticket);
   const Key owned_service(&service, {context});
 
   const std::string encrypted =
@@ -213,9 +221,16 @@ std::vector<char> ApReq(const ForgedTicket& ticket) {
       std::numeric_limits<krb5_timestamp>::max();  // the client sends expired ones
   creds.ticket = View(sealed);
   krb5_auth_context auth = nullptr;
-  krb5_data request{};
-  const krb5_error_code code = krb5_mk_req_extended(made, &auth, 0, nullptr, &creds, &request);
+  Check(krb5_auth_con_init(made, &auth), "exchange");
   const AuthContext owned_auth(auth, {made});
+  krb5_data checksum{};
+  if (ticket.gss_checksum) {
+    checksum = View(*names.gss_checksum);
+    Check(krb5_auth_con_set_req_cksumtype(made, auth, kGssChecksum), "checksum");
+  }
+  krb5_data request{};
+  const krb5_error_code code = krb5_mk_req_extended(
+      made, &auth, ticket.options, ticket.gss_checksum ? &checksum : nullptr, &creds, &request);
   const Data owned_request(&request, {made});
   Check(code, "request");
   return Bytes({request.data, request.length});

@@ -53,9 +53,17 @@ struct ForgedTicket {
   krb5_timestamp endtime = authtime + 10 * 3600;
   krb5_timestamp renew_till = 0;  // 0: the ticket has none
 
+  // [10] of the ticket (RFC 4120, 5.2.6), in DER; empty: it has none.
+  std::string authorization_data;
+
   // What the client's clock shows when it makes its request; the current time when not given.
   std::optional<krb5_timestamp> sent_at;
+  krb5_flags options = 0;                   // of the AP-REQ
+  std::optional<std::string> gss_checksum;  // of the authenticator (RFC 4121, 4.1.1), if any
 };
+
+// The key that a ticket is sealed with, in memory of the context's.
+krb5_keyblock ServiceKey(krb5_context context, const ForgedTicket& ticket);
 
 // The part of a ticket that the service's key protects (RFC 4120, 5.3), before it is encrypted.
 std::string EncTicketPart(const ForgedTicket& ticket, const krb5_keyblock& session);

@@ -19,6 +19,9 @@ class TAVREL_EXPORT Sid {
  public:
   static constexpr int kMostSubAuthorities = 15;
 
+  /// `S-1-0`, which is nobody.
+  Sid() = default;
+
   /// Reads the packet form ([MS-DTYP] 2.4.2.2).
   /// @return nothing when `bytes` is not exactly one identifier of revision 1
   static std::optional<Sid> FromBytes(std::string_view bytes);
@@ -47,8 +50,6 @@ class TAVREL_EXPORT Sid {
   friend bool operator!=(const Sid& a, const Sid& b) { return !(a == b); }
 
  private:
-  Sid() = default;
-
   std::uint64_t authority_ = 0;  // 48 bits
   std::uint32_t count_ = 0;      // of the parts that are there; the others are 0
   std::array<std::uint32_t, kMostSubAuthorities> parts_{};

@@ -1,0 +1,99 @@
+#include "KrbSession.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "KrbSupport.h"
+
+namespace tavrel::plus {
+namespace {
+
+// A list of texts for FreeValues() to free.
+long Copy(const char* const* texts, char*** copy) {
+  std::size_t count = 0;
+  while (texts[count] != nullptr) {
+    ++count;
+  }
+  auto** const made = static_cast<char**>(std::calloc(count + 1, sizeof(char*)));
+  if (made == nullptr) return ENOMEM;
+  for (std::size_t i = 0; i < count; ++i) {
+    made[i] = strdup(texts[i]);  // one that is null ends the list
+  }
+  *copy = made;
+  return 0;
+}
+
+}  // namespace
+
+KrbOverrides OverridesFor(const std::vector<std::int32_t>& enctypes) {
+  KrbOverrides overrides;
+  for (const std::int32_t enctype : enctypes) {
+    char name[64];
+    if (krb5_enctype_to_name(enctype, 1, name, sizeof name) != 0) continue;
+    overrides.enctypes.append(overrides.enctypes.empty() ? "" : " ").append(name);
+    if (enctype == ENCTYPE_ARCFOUR_HMAC) overrides.rc4 = true;
+  }
+  return overrides;
+}
+
+std::unique_ptr<KrbSession> KrbSession::Make(const KrbOverrides& overrides, std::string& error) {
+  std::unique_ptr<KrbSession> session(new KrbSession(overrides));
+  const auto failed = [&](long code) {
+    if (code != 0) error = KrbMessage(session->base_, static_cast<krb5_error_code>(code));
+    return code != 0;
+  };
+  if (failed(krb5_init_context(&session->base_)) ||
+      failed(krb5_get_profile(session->base_, &session->settings_))) {
+    return nullptr;
+  }
+  profile_vtable table{};
+  table.minor_ver = 1;
+  table.get_values = GetValues;
+  table.free_values = FreeValues;
+  if (failed(profile_init_vtable(&table, session.get(), &session->overridden_)) ||
+      failed(krb5_init_context_profile(session->overridden_, 0, &session->context_))) {
+    return nullptr;
+  }
+  return session;
+}
+
+KrbSession::~KrbSession() {
+  if (context_ != nullptr) krb5_free_context(context_);
+  if (overridden_ != nullptr) profile_release(overridden_);
+  if (settings_ != nullptr) profile_release(settings_);
+  if (base_ != nullptr) krb5_free_context(base_);
+}
+
+long KrbSession::GetValues(void* data, const char* const* names, char*** values) {
+  const auto* const session = static_cast<const KrbSession*>(data);
+  const struct {
+    std::string_view name;
+    const char* value;
+  } overrides[] = {{"clockskew", kClockSkew},
+                   {"permitted_enctypes", session->overrides_.enctypes.c_str()},
+                   {"allow_rc4", session->overrides_.rc4 ? "true" : "false"}};
+  const bool is_default = names[0] != nullptr && std::string_view(names[0]) == "libdefaults" &&
+                          names[1] != nullptr && names[2] == nullptr;
+  for (const auto& item : overrides) {
+    const char* const list[] = {item.value, nullptr};
+    if (is_default && item.name == names[1]) return Copy(list, values);
+  }
+  char** found = nullptr;
+  if (const long code = profile_get_values(session->settings_, names, &found); code != 0) {
+    return code;
+  }
+  const long code = Copy(found, values);
+  profile_free_list(found);
+  return code;
+}
+
+void KrbSession::FreeValues(void*, char** values) {
+  for (char** value = values; value != nullptr && *value != nullptr; ++value) {
+    std::free(*value);
+  }
+  std::free(values);
+}
+
+}  // namespace tavrel::plus
