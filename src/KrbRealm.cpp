@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "BrokenPipe.h"
+#include "Cancellation.h"
 #include "Log.h"
 #include "Reason.h"
 #include "tavrel/DiscoveryService.h"
@@ -80,6 +81,7 @@ KrbRealm::KrbRealm(const std::string& domain, const std::string& user, const std
 KrbRealm::~KrbRealm() = default;
 
 std::string KrbRealm::Authenticate(char* token, int length) {
+  const CancellationBlock cancellation;
   logger.Detail("Auth request received of length ", length);
   const std::string_view bytes(token, static_cast<std::size_t>(std::max(length, 0)));
   const std::size_t id = FindKrbOid(bytes) + kKrbOid.size();
@@ -101,6 +103,7 @@ int KrbRealm::Join(std::string* error) {
 }
 
 int KrbRealm::Join(const JoinParameters& params, std::string* error) {
+  const CancellationBlock cancellation;
   const BrokenPipeBlock broken_pipe;
   const Reason reason(error);
   const DNSDiscoveryService discovery;
@@ -142,6 +145,7 @@ int KrbRealm::Join(const JoinParameters& params, std::string* error) {
 }
 
 bool KrbRealm::Join(const Joiner& joiner, const JoinParameters& params, std::string* error) {
+  const CancellationBlock cancellation;
   const Reason reason(error);
   const auto failed = [&](const char* what, Site site = Site::Here()) {
     Explain(reason.text, what, params);
@@ -164,6 +168,7 @@ bool KrbRealm::Join(const Joiner& joiner, const JoinParameters& params, std::str
 }
 
 int KrbRealm::TestJoin(const JoinParameters& params, std::string* error) {
+  const CancellationBlock cancellation;
   const BrokenPipeBlock broken_pipe;
   const Reason reason(error);
   const DNSDiscoveryService discovery;
@@ -195,6 +200,7 @@ int KrbRealm::TestJoin(const JoinParameters& params, std::string* error) {
 
 int KrbRealm::TestJoin(const std::string& domain, const std::string& user,
                        const std::string& password, std::string* error) {
+  const CancellationBlock cancellation;
   const JoinParameters params(domain, {}, user, password);
   if (!krb_context.SetClientPrincipal(MachinePrincipal(params))) {
     logger.Error("Error initializing kerberos parameters to ", domain);

@@ -18,7 +18,8 @@ namespace tavrel {
 /// Operations that take `error` put the reason of a failure there; it may be null. Callers decide
 /// by the result: a success may leave a text in it too. No operation throws on a failure of the
 /// directory, of Kerberos or of DNS. `std::bad_alloc` passes, and the `std::system_error` of a
-/// broken threading setup (JoinParameters::GetMachinePassword()).
+/// broken threading setup (JoinParameters::GetMachinePassword()). A thread that is cancelled
+/// (pthread_cancel()) inside an operation returns from it first.
 class TAVREL_EXPORT KrbRealm {
  public:
   /// Creates the Kerberos context and binds it to the keytab. A failure is only logged: the object

@@ -168,6 +168,7 @@ const std::vector<Infallible>& CannotFail() {
       {"pthread_mutex_lock",
        "of a plain mutex: only recursive, robust, error-checking and priority-protected ones fail"},
       {"pthread_mutex_unlock", "of a plain mutex, as for pthread_mutex_lock"},
+      {"pthread_setcancelstate", "fails only for a state that there is not"},
       {"pthread_sigmask", "fails only for a way of changing the mask that there is not"},
       {"sigpending", "fails only for an address that is none"},
       {"sigemptyset", kText},

@@ -57,6 +57,10 @@ std::vector<std::string> HostState() {
   for (int signal = 1; signal < NSIG; ++signal) {
     if (sigismember(&mask, signal) == 1) lines.push_back("blocked " + std::to_string(signal));
   }
+  int cancellation = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancellation);
+  pthread_setcancelstate(cancellation, nullptr);
+  lines.push_back("cancellation " + std::to_string(cancellation));
   const mode_t creation = umask(0);
   umask(creation);
   lines.push_back("umask " + std::to_string(creation));

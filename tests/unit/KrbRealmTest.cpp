@@ -1,12 +1,18 @@
 #include "tavrel/KrbRealm.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <new>
 #include <type_traits>
+#include <vector>
 
 #include "Interpose.h"
 #include "KrbSettings.h"
@@ -277,6 +283,120 @@ TEST(ARealmWithoutAContext, TestsNoJoin) {
                                        "name: Bad magic number for krb5_context structure",
                                        "4 krb-realm TestJoin: Error initializing kerberos "
                                        "parameters to corp.example.com"));
+}
+
+// --- its thread ----------------------------------------------------------------------------------
+
+// What this thread is like where it was last looked at.
+struct ThreadState {
+  void Look() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
+    pthread_setcancelstate(cancellation, nullptr);
+    sigset_t mask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    blocked.clear();
+    for (int signal = 1; signal < NSIG; ++signal) {
+      if (sigismember(&mask, signal) == 1) blocked.push_back(signal);
+    }
+  }
+
+  int cancellation = -1;
+  std::vector<int> blocked;
+};
+
+TEST(ARealm, PutsOffTheCancellationOfItsThreadAndBrokenPipesAloneOfItsSignals) {
+  const KrbSettings settings;
+  LogCapture log;
+  Realm realm("corp.example.com", {{"dc1", vdi::LDAP_ENCRYPTION_NONE, ""}}, "Admin", "Admin.Pass.1",
+              "MEMORY:thread");
+  Joiner joiner(&realm.join_parameters, nullptr);
+  joiner.sessions.emplace_back("dc1", vdi::LDAP_ENCRYPTION_NONE, "");
+  ASSERT_EQ(ldap_initialize(&joiner.sessions.back().handle, "ldap://dc1"), LDAP_SUCCESS);
+  std::string token = "not a token at all";
+  ThreadState inside;
+  const auto fails = [&](int code) {
+    return [&inside, code](auto...) {
+      inside.Look();
+      return code;
+    };
+  };
+  const StandIn connected(calls::ldap_initialize, fails(LDAP_PARAM_ERROR));
+  const StandIn searched(calls::ldap_search_ext_s, fails(LDAP_SERVER_DOWN));
+  const StandIn asked(calls::res_search, fails(-1));
+  const StandIn read(calls::krb5_rd_req, fails(KRB5KRB_AP_ERR_BADVERSION));
+  const StandIn walked(calls::krb5_kt_start_seq_get, fails(KRB5_KT_IOERR));
+  const StandIn named(calls::krb5_parse_name, fails(KRB5_PARSE_MALFORMED));
+  sigset_t interrupt;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+  const std::vector<int> before = {SIGUSR1};
+  const std::vector<int> with_pipes = {SIGUSR1, SIGPIPE};
+  const auto looks = [&](const char* operation, const std::vector<int>& blocked, auto call) {
+    SCOPED_TRACE(operation);
+    inside = {};
+    call();
+    EXPECT_EQ(inside.cancellation, PTHREAD_CANCEL_DISABLE);
+    EXPECT_EQ(inside.blocked, blocked);
+    ThreadState after;
+    after.Look();
+    EXPECT_EQ(after.cancellation, PTHREAD_CANCEL_ENABLE);
+    EXPECT_EQ(after.blocked, before);
+  };
+
+  looks("Join", with_pipes, [&] { realm.Join(nullptr); });
+  looks("Join with parameters", with_pipes, [&] { realm.Join(realm.join_parameters, nullptr); });
+  looks("the account step", before, [&] { realm.Join(joiner, realm.join_parameters, nullptr); });
+  looks("TestJoin with parameters", with_pipes,
+        [&] { realm.TestJoin(realm.join_parameters, nullptr); });
+  looks("TestJoin", before, [&] { realm.TestJoin("corp.example.com", "A", "p", nullptr); });
+  looks("Authenticate", before, [&] { realm.Authenticate(token.data(), 12); });
+
+  pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+}
+
+// libldap waits for an answer, with locks taken, when the thread is cancelled.
+TEST(ARealm, WhoseThreadIsCancelledReturnsFromItsJoinFirst) {
+  const KrbSettings settings;
+  LogCapture log;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(listen(listening, 1), 0);
+  ASSERT_EQ(getsockname(listening, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const std::string host = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  struct Joining {
+    Realm realm;
+    int status = -1;
+  } joining{
+      {"corp.example.com", {{host, vdi::LDAP_ENCRYPTION_STARTTLS, ""}}, "A", "p", "MEMORY:c"}};
+  pthread_t thread{};
+  ASSERT_EQ(pthread_create(
+                &thread, nullptr,
+                [](void* data) -> void* {
+                  auto& joining = *static_cast<Joining*>(data);
+                  joining.status = joining.realm.Join(nullptr);
+                  return nullptr;
+                },
+                &joining),
+            0);
+  const int accepted = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+  char request[64];
+  ASSERT_GT(read(accepted, request, sizeof request), 0);
+
+  pthread_cancel(thread);
+  close(accepted);
+  close(listening);
+
+  timespec limit{};
+  clock_gettime(CLOCK_REALTIME, &limit);
+  limit.tv_sec += 30;
+  ASSERT_EQ(pthread_timedjoin_np(thread, nullptr, &limit), 0);
+  ASSERT_EQ(joining.status, kFailure) << "the thread ended inside the library";
+  EXPECT_EQ(joining.realm.Join(nullptr), kFailure);  // libldap's locks are free
 }
 
 }  // namespace
