@@ -34,6 +34,8 @@ constexpr std::uint32_t kWorkstationTrustAccount = 0x1000;
 std::mutex passwords_mutex;
 std::unordered_map<std::string, std::string> passwords;
 
+// In two quotes it has to fit StringEncoding's 127 bytes. Beyond 256 bytes of /dev/urandom a signal
+// may cut RandomString's one read short.
 constexpr std::size_t kPasswordLength = 50;
 
 std::string Upper(std::string text) {
