@@ -259,6 +259,10 @@ class Membership::Operation {
   Failure ChangeOwnPassword(Session& session, const Secret& password, bool& is_unknown);
   bool IsSelf(Session& session) const;
 
+  Failure Conclude(Session& session, const std::string& dn, const Secret& password,
+                   const std::vector<krb5_enctype>& types);
+  Failure Renew(Session& session, const Entry& account, const std::vector<krb5_enctype>& types);
+
   Failure RotateAt(Session& session);
   Failure LeaveAt(Session& session);
   Failure StatusAt(Session& session);
@@ -382,9 +386,7 @@ Failure Membership::Operation::SignIn(Session& session) {
   Kdc& kdc = session.kdc;
   switch (credentials_.kind) {
     case Kind::kMachine: return SignInAsMachine(session, nullptr, session.cache);
-    case Kind::kOneTimePassword:
-      return kdc.SignIn(session.machine.get(), credentials_.password, types, nullptr,
-                        session.cache);
+    case Kind::kOneTimePassword: return SignInAsMachine(session, nullptr, session.cache);
     case Kind::kCache: return kdc.Copy(credentials_.name, session.cache);
     case Kind::kPassword:
       if (Failure failure = kdc.Parse(credentials_.name, session.client)) return failure;
@@ -402,19 +404,23 @@ Failure Membership::Operation::SignIn(Session& session) {
   return {};
 }
 
-// With the newest keys that the KDC takes: the very newest may never have come into force.
+// With the newest keys that the KDC takes: the very newest may never have come into force. The
+// one-time password is for a machine whose keys do not work.
 Failure Membership::Operation::SignInAsMachine(Session& session, const char* service,
                                                KrbCache& cache) {
   Failure failure(Cause::kBadCredentials, "The keytab has no key of the machine");
+  session.version.reset();
   const std::set<std::uint32_t> versions = Versions();
   for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
     failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), service, cache);
     if (!failure) session.version = *version;
     if (failure.cause != Cause::kBadCredentials && failure.cause != Cause::kNoEncryptionType) {
-      break;
+      return failure;
     }
   }
-  return failure;
+  if (credentials_.kind != Credentials::Data::Kind::kOneTimePassword) return failure;
+  return session.kdc.SignIn(session.machine.get(), credentials_.password,
+                            TypesOf(settings_.EncryptionTypes()), service, cache);
 }
 
 // --- the account ---------------------------------------------------------------------------------
@@ -535,10 +541,6 @@ bool Membership::Operation::IsSelf(Session& session) const {
 Failure Membership::Operation::SetPassword(Session& session, const std::string& dn,
                                            const Secret& password) {
   step_ = Step::kPassword;
-  if (IsSelf(session)) {
-    bool is_unknown = false;
-    return ChangeOwnPassword(session, password, is_unknown);
-  }
   const Secret encoded = EncodePassword(password);
   Failure failure =
       session.directory.Modify(dn, {{Change::Kind::kReplace, "unicodePwd", {}, &encoded}});
@@ -546,20 +548,15 @@ Failure Membership::Operation::SetPassword(Session& session, const std::string& 
   return failure;
 }
 
-// By the password service, with the machine's own key or password. `is_unknown` tells that it may
-// have been changed although there is a failure.
+// By the password service, as the machine itself. `is_unknown` tells that it may have been changed
+// although there is a failure.
 Failure Membership::Operation::ChangeOwnPassword(Session& session, const Secret& password,
                                                  bool& is_unknown) {
   step_ = Step::kPassword;
-  constexpr char kService[] = "kadmin/changepw";
   is_unknown = false;
   KrbCache cache;
-  Failure failure = credentials_.kind == Credentials::Data::Kind::kOneTimePassword
-                        ? session.kdc.SignIn(session.machine.get(), credentials_.password,
-                                             TypesOf(settings_.EncryptionTypes()), kService, cache)
-                        : SignInAsMachine(session, kService, cache);
-  if (failure) return failure;
-  failure = session.kdc.ChangePassword(cache.get(), password, is_unknown);
+  if (Failure failure = SignInAsMachine(session, "kadmin/changepw", cache)) return failure;
+  Failure failure = session.kdc.ChangePassword(cache.get(), password, is_unknown);
   if (!failure) changed_ = true;
   return failure;
 }
@@ -606,7 +603,8 @@ Failure Membership::Operation::FindWorking(Session& session, const std::vector<k
   const std::set<std::uint32_t> versions = Versions();
   for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
     if (!Fits(*version, types)) continue;
-    Failure failure = Prove(session.kdc, session.machine.get(), KeysOf(*version));
+    KrbCache cache;  // each key was used when it was written, so the strongest speaks for all
+    Failure failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), nullptr, cache);
     if (!failure) {
       working = *version;
       return {};
@@ -723,6 +721,7 @@ Failure Membership::Operation::EnrolAt(Session& session) {
     }
   }
 
+  if (account && IsSelf(session)) return Renew(session, *account, types);
   step_ = Step::kWrite;
   if (Failure failure = keytab_.Reserve(types.size())) return failure;
   step_ = Step::kPassword;
@@ -733,8 +732,13 @@ Failure Membership::Operation::EnrolAt(Session& session) {
   } else if (Failure failure = Create(session, password)) {
     return failure;
   }
+  return Conclude(session, dn, password, types);
+}
 
-  session.deadline = end_;  // another controller would not know the password yet
+// Derives the keys of the password in force, uses them, and makes them the newest in the keytab.
+Failure Membership::Operation::Conclude(Session& session, const std::string& dn,
+                                        const Secret& password,
+                                        const std::vector<krb5_enctype>& types) {
   std::uint32_t version = 0;
   if (Failure failure = ReadVersion(session, dn, version)) return failure;
   step_ = Step::kSalt;
@@ -748,7 +752,7 @@ Failure Membership::Operation::EnrolAt(Session& session) {
     return failure;
   }
   if (Failure failure = Write(Kept(version, keys, Now()), session)) return failure;
-  logger.Notice("Enrolled ", settings_.Principal(), " with key version ", version);
+  logger.Notice("The keys of ", settings_.Principal(), " are of version ", version);
   return {};
 }
 
@@ -768,10 +772,14 @@ Failure Membership::Operation::RotateAt(Session& session) {
 
   // The keys that work are the newest, whatever an earlier run has left behind.
   if (Failure failure = Settle(session, *session.version, in_force)) return failure;
-  session.version = in_force;
+  return Renew(session, *account, types);
+}
 
-  const Secret password = MakePassword();
+// Changes the machine's own password.
+Failure Membership::Operation::Renew(Session& session, const Entry& account,
+                                     const std::vector<krb5_enctype>& types) {
   step_ = Step::kPassword;
+  const Secret password = MakePassword();
   if (password.Empty()) return {Cause::kLibrary, "There is no randomness for a password"};
   step_ = Step::kSalt;
   std::vector<MachineKey> keys;
@@ -779,45 +787,26 @@ Failure Membership::Operation::RotateAt(Session& session) {
     return failure;
   }
   // Before the first ticket can need them; without a time, as they are not in force yet.
-  const std::uint32_t next = in_force + 1;
+  const std::uint32_t next = ToNumber<std::uint32_t>(account.First("msds-keyversionnumber")) + 1;
   if (Failure failure = Write(Kept(next, keys, 0), session)) return failure;
 
-  session.deadline = end_;
   bool is_unknown = false;
   Failure failure = ChangeOwnPassword(session, password, is_unknown);
   if (failure && !is_unknown) {
-    const Secret encoded = EncodePassword(password);
-    step_ = Step::kPassword;
-    if (Failure second = session.directory.Modify(
-            account->dn, {{Change::Kind::kReplace, "unicodePwd", {}, &encoded}})) {
-      if (second.cause != Cause::kTimedOut && second.cause != Cause::kUnreachable) {
-        // Nothing was changed, so the keys that were meant for it go again.
-        std::vector<KeytabKey> content;
-        AppendOld(next, content);
-        if (Failure third = Write(std::move(content), session)) return third;
-      }
+    const Failure second = SetPassword(session, account.dn, password);
+    if (second) failure.text += "; " + second.text;
+    is_unknown = second.cause == Cause::kTimedOut || second.cause == Cause::kUnreachable;
+    if (second && !is_unknown) {
+      // Nothing was changed, so the keys that were meant for it go again.
+      std::vector<KeytabKey> content;
+      AppendOld(next, content);
+      if (Failure unwritten = Write(std::move(content), session)) return unwritten;
       step_ = Step::kPassword;
-      failure.text += "; " + second.text;
-      return failure;
     }
-    failure = {};
+    if (!second) failure = {};
   }
   if (failure) return failure;
-
-  std::uint32_t version = 0;
-  if (Failure unread = ReadVersion(session, account->dn, version)) return unread;
-  step_ = Step::kSalt;
-  if (Failure underived = DeriveKeys(session.kdc, session.machine.get(), password, types, keys)) {
-    return underived;
-  }
-  step_ = Step::kProof;
-  if (Failure unproven = Prove(session.kdc, session.machine.get(), keys)) {
-    if (unproven.cause == Cause::kBadCredentials) unproven.cause = Cause::kKeysDoNotWork;
-    return unproven;
-  }
-  if (Failure unwritten = Write(Kept(version, keys, Now()), session)) return unwritten;
-  logger.Notice("Rotated ", settings_.Principal(), " to key version ", version);
-  return {};
+  return Conclude(session, account.dn, password, types);
 }
 
 Result Membership::Operation::RotateWhenOlderThan(std::chrono::hours age) {
@@ -873,7 +862,6 @@ Failure Membership::Operation::LeaveAt(Session& session) {
   for (const KeytabKey& key : keytab_.Keys()) {
     if (!IsMachines(key)) others.push_back(key.Copy());
   }
-  session.deadline = end_;
   return Write(std::move(others), session);
 }
 

@@ -50,7 +50,7 @@ TEST_F(Enrolment, LeavesAMachineThatTheCoreJoinsAndAuthenticatesWith) {
   EXPECT_EQ(KeytabBytes(), bytes);
 }
 
-TEST_F(Enrolment, GivesAMachineThatTheCoreJoinedAesKeysAndKeepsTheOld) {
+TEST_F(Enrolment, GivesAMachineWithAnRc4KeyAesKeysAndKeepsTheOld) {
   NameMachine("upgrade");
   JoinedEarlier();
   const std::vector<std::string> before = Entries();
@@ -64,7 +64,7 @@ TEST_F(Enrolment, GivesAMachineThatTheCoreJoinedAesKeysAndKeepsTheOld) {
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
 
-TEST_F(Enrolment, MendsWhatTheCoreRepaired) {
+TEST_F(Enrolment, MendsWhatTheCoreRepairedWithRc4) {
   NameMachine("mended");
   ASSERT_THAT(Enrol(), Changes());
   PasswordChangedByOthers();
