@@ -9,6 +9,7 @@
 
 #include "ApRequest.h"
 #include "ChannelBinding.h"
+#include "GssMic.h"
 #include "KeyRing.h"
 #include "KrbSession.h"
 #include "KrbSupport.h"
@@ -406,6 +407,15 @@ std::optional<Refusal> Acceptor::Parts::CheckSession(Exchange& exchange) const {
     return Because(RefusalReason::kMalformed, "the client wants a third message (DCE style)");
   }
   exchange.checksum = *checksum;
+  if (!exchange.token.mic) return std::nullopt;
+
+  // The list of mechanisms is as the client made it.
+  const krb5_keyblock& key = subkey != nullptr ? *subkey : *ticket.session;
+  const auto sequence = static_cast<std::uint32_t>(exchange.authenticator->seq_number);
+  if (!HasMic(key)) return Because(RefusalReason::kMalformed, "a mechListMIC of RC4");
+  if (!VerifyMic(exchange.context, key, sequence, exchange.token.mechanisms, *exchange.token.mic)) {
+    return Because(RefusalReason::kNotGenuine, "the mechListMIC is not of this list");
+  }
   return std::nullopt;
 }
 
@@ -466,14 +476,26 @@ std::optional<Refusal> Acceptor::Parts::CheckReplay(const Exchange& exchange) co
 
 std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   const krb5_context context = exchange.context;
+  const krb5_auth_context auth = exchange.auth.Get();
   krb5_data response{};
+  krb5_int32 sequence = exchange.authenticator->seq_number;
+  krb5_error_code code = 0;
   if ((exchange.request.options & kMutualRequired) != 0) {
-    if (const krb5_error_code code = krb5_mk_rep(context, exchange.auth.Get(), &response)) {
-      return Because(RefusalReason::kInternal, KrbMessage(context, code));
-    }
+    krb5_auth_con_setflags(context, auth, KRB5_AUTH_CONTEXT_DO_SEQUENCE);
+    code = krb5_mk_rep(context, auth, &response);
+    if (code == 0) code = krb5_auth_con_getlocalseqnumber(context, auth, &sequence);
   }
   const OwnedData owned(&response, {context});
-  exchange.reply = ReplyTo(exchange.token, View(response), "");
+  if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
+
+  std::string mic;
+  if (exchange.token.mic) {
+    const krb5_keyblock* const subkey = exchange.authenticator->subkey;
+    mic = MakeMic(context, subkey != nullptr ? *subkey : *exchange.ticket->enc_part2->session,
+                  static_cast<std::uint32_t>(sequence), exchange.token.mechanisms);
+    if (mic.empty()) return Because(RefusalReason::kInternal, "no mechListMIC can be made");
+  }
+  exchange.reply = ReplyTo(exchange.token, View(response), mic);
   return std::nullopt;
 }
 
