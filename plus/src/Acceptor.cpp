@@ -1,6 +1,7 @@
 #include "tavrel/plus/Acceptor.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <iterator>
 #include <mutex>
@@ -179,6 +180,9 @@ Refusal OfCode(krb5_context context, krb5_error_code code) {
     case KRB5KRB_AP_ERR_ILL_CR_TKT:
     case KRB5KRB_AP_ERR_MODIFIED:
       return Because(RefusalReason::kNotGenuine, KrbMessage(context, code));
+    case EINVAL:
+    case ERANGE:  // the library looks at the PAC as well
+      return Because(RefusalReason::kPacWrong, "the ticket's PAC: it cannot be parsed");
     case ENOMEM: return Because(RefusalReason::kInternal, KrbMessage(context, code));
     default: return Because(RefusalReason::kMalformed, KrbMessage(context, code));
   }

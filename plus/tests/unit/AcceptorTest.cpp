@@ -468,8 +468,7 @@ TEST(AnAcceptor, IsNotMadeOfWhatCannotWork) {
   const Service paths;
 
   EXPECT_EQ(error([](Service& s) { s.options.keytab.clear(); }), "no keytab is named");
-  EXPECT_THAT(error([](Service& s) { s.options.keytab += ".none"; }),
-              HasSubstr("not found"));
+  EXPECT_THAT(error([](Service& s) { s.options.keytab += ".none"; }), HasSubstr("not found"));
   EXPECT_THAT(error([](Service& s) { std::ofstream(s.options.keytab) << "nonsense"; }),
               StartsWith("keytab "));
   EXPECT_THAT(error([](Service& s) { s.options.principal = "other/name"; }),

@@ -1,0 +1,147 @@
+#include "KeyRing.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "ScratchKeytab.h"
+#include "Service.h"
+
+namespace tavrel::plus::tests {
+namespace {
+
+using tavrel::tests::FileBytes;
+using tavrel::tests::ForgedTicket;
+
+ForgedTicket WithKey(const std::string& password, krb5_kvno version) {
+  ForgedTicket ticket = TicketWithPac();
+  ticket.password = password;
+  ticket.kvno = version;
+  return WithPac(ticket, PartsOf({}));
+}
+
+void Replace(const std::string& path, const std::string& bytes) {
+  std::ofstream(path + ".new") << bytes;
+  std::filesystem::rename(path + ".new", path);
+}
+
+TEST(AKeytab, ThatGrowsIsReadAgain) {
+  const Service service;
+  const auto acceptor = service.Make();
+  const ForgedTicket next = WithKey("Next.1", 2);
+  EXPECT_FALSE(acceptor->Accept(Token(next)));
+
+  AddKey(service.options.keytab, next);
+
+  EXPECT_TRUE(acceptor->Accept(Token(next)));
+  EXPECT_TRUE(acceptor->Accept(Token(WithKey("Secret.1", 1))));
+}
+
+TEST(AKeytab, ThatIsReplacedUnderLoadCostsNoRefusal) {
+  const Service service;
+  const auto acceptor = service.Make();
+  const std::string old_path = service.settings / "old";
+  const std::string new_path = service.settings / "new";
+  AddKey(old_path, WithKey("Secret.1", 1));
+  AddKey(new_path, WithKey("Secret.1", 1));
+  AddKey(new_path, WithKey("Next.1", 2));
+  const std::string old_bytes = FileBytes(old_path);
+  const std::string new_bytes = FileBytes(new_path);
+  std::atomic<bool> done = false;
+  std::atomic<int> refused = 0;
+  std::atomic<int> accepted = 0;
+  std::thread user([&] {
+    while (!done) {
+      const Acceptance result = acceptor->Accept(Token(WithKey("Secret.1", 1)));
+      ++(result ? accepted : refused);
+    }
+  });
+
+  for (int i = 0; i < 40; ++i) {
+    Replace(service.options.keytab, i % 2 == 0 ? new_bytes : old_bytes);
+    // In place, a part at a time, as cp does.
+    std::ofstream file(service.options.keytab, std::ios::trunc);
+    for (std::size_t at = 0; at < new_bytes.size(); at += 16) {
+      file.write(new_bytes.data() + at,
+                 static_cast<std::streamsize>(std::min<std::size_t>(16, new_bytes.size() - at)));
+      file.flush();
+    }
+  }
+  while (accepted < 20) {
+    std::this_thread::yield();
+  }
+  done = true;
+  user.join();
+
+  EXPECT_EQ(refused, 0);
+  EXPECT_TRUE(acceptor->Accept(Token(WithKey("Next.1", 2))));
+}
+
+TEST(AKeytab, ThatIsGoneOrNonsenseChangesNothing) {
+  const Service service;
+  const auto acceptor = service.Make();
+  const ForgedTicket other = WithKey("Other.1", 9);  // makes the acceptor look at once
+
+  std::filesystem::remove(service.options.keytab);
+  EXPECT_FALSE(acceptor->Accept(Token(other)));
+  EXPECT_TRUE(acceptor->Accept(Token(TicketWithPac())));
+  std::ofstream(service.options.keytab) << "nonsense";
+  EXPECT_FALSE(acceptor->Accept(Token(other)));
+  EXPECT_TRUE(acceptor->Accept(Token(TicketWithPac())));
+}
+
+TEST(AKeyRing, OffersTheVersionAskedForOrTheNewestFew) {
+  const Service service;
+  for (krb5_kvno version = 2; version <= 20; ++version)
+    AddKey(service.options.keytab, WithKey("Old." + std::to_string(version), version));
+  AddKey(service.options.keytab, WithKey("Old.20", 20));  // the same key, once more
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+  std::string error;
+
+  const auto ring = KeyRing::Read(context, service.options.keytab, {}, error);
+
+  ASSERT_TRUE(ring) << error;
+  EXPECT_EQ(ring->Realm(), "CORP.EXAMPLE.COM");
+  EXPECT_EQ(ring->Candidates(20, kAes256Sha1).size(), 1U);
+  EXPECT_EQ(ring->Candidates(1, kAes256Sha1).size(), 1U);
+  EXPECT_EQ(ring->Candidates(99, kAes256Sha1).size(), KeyRing::kMostOtherVersions);
+  EXPECT_EQ(ring->Candidates(std::nullopt, kAes256Sha1).front(),
+            ring->Candidates(20, kAes256Sha1).front());
+  EXPECT_TRUE(ring->Candidates(1, kRc4).empty());
+  krb5_free_context(context);
+}
+
+TEST(AKeyRing, HoldsTheKeysThatCountAlone) {
+  const Service service;
+  ForgedTicket of_another = WithKey("Other.1", 5);
+  of_another.server = {"OTHER$"};
+  AddKey(service.options.keytab, of_another);
+  of_another.server_realm = "OTHER.EXAMPLE.COM";
+  of_another.kvno = 6;
+  AddKey(service.options.keytab, of_another);
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+  std::string error;
+  const auto has = [&](const KeyFilter& filter, krb5_kvno version) {
+    const auto ring = KeyRing::Read(context, service.options.keytab, filter, error);
+    return ring && ring->Candidates(version, kAes256Sha1).size() == 1;
+  };
+
+  EXPECT_TRUE(has({"OTHER$", ""}, 5));
+  EXPECT_TRUE(has({"OTHER$@CORP.EXAMPLE.COM", ""}, 5));
+  EXPECT_TRUE(has({"OTHER$@OTHER.EXAMPLE.COM", ""}, 6));
+  EXPECT_TRUE(has({"OTHER$", "OTHER.EXAMPLE.COM"}, 6));
+  EXPECT_TRUE(has({"", "OTHER.EXAMPLE.COM"}, 6));
+  EXPECT_FALSE(has({"NOBODY$", ""}, 5));
+  EXPECT_FALSE(has({"a@b@c", ""}, 5));
+  krb5_free_context(context);
+}
+
+}  // namespace
+}  // namespace tavrel::plus::tests

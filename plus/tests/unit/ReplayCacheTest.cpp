@@ -1,0 +1,176 @@
+#include "ReplayCache.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ScratchFolder.h"
+
+namespace tavrel::plus::tests {
+namespace {
+
+using tavrel::tests::ScratchFolder;
+using testing::HasSubstr;
+using Verdict = ReplayCache::Verdict;
+
+constexpr std::uint32_t kNoon = 1800000000;
+
+class AReplayCache : public testing::Test {
+ protected:
+  std::unique_ptr<ReplayCache> Open(std::size_t capacity = 1024) {
+    error_.clear();
+    return ReplayCache::Open(path_, capacity, error_);
+  }
+
+  ScratchFolder folder_;
+  std::string path_ = folder_ / "replay";
+  std::string error_;
+};
+
+TEST_F(AReplayCache, TellsWhatIsNewOnce) {
+  const auto cache = Open();
+  ASSERT_TRUE(cache) << error_;
+
+  EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kNew);
+  EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kSeen);
+  EXPECT_EQ(cache->Remember("two", kNoon), Verdict::kNew);
+  EXPECT_EQ(cache->Remember("two", kNoon), Verdict::kSeen);
+}
+
+TEST_F(AReplayCache, OutlivesItsProcess) {
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const auto cache = Open();
+    const bool is_new = cache && cache->Remember("one", kNoon) == Verdict::kNew;
+    kill(getpid(), is_new ? SIGKILL : SIGTERM);  // without any chance to tidy up
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(WTERMSIG(status), SIGKILL);
+
+  EXPECT_EQ(Open()->Remember("one", kNoon), Verdict::kSeen);
+}
+
+TEST_F(AReplayCache, IsOneForAllWhoHaveItOpen) {
+  const auto one = Open();
+  const auto other = Open();
+
+  EXPECT_EQ(one->Remember("one", kNoon), Verdict::kNew);
+  EXPECT_EQ(other->Remember("one", kNoon), Verdict::kSeen);
+}
+
+// Whatever a row forgets, nothing is new twice: not one request of a flood many times its size, in
+// whatever order they come again.
+TEST_F(AReplayCache, ForgetsButNeverCallsARequestNewTwice) {
+  const auto cache = Open();
+  constexpr std::uint32_t kCount = 20000;
+  const auto made = [](std::uint32_t i) { return kNoon + i * 7919 % 600; };
+  std::uint32_t first_time = 0;
+  for (std::uint32_t i = 0; i < kCount; ++i)
+    first_time += cache->Remember(std::to_string(i), made(i)) == Verdict::kNew ? 1 : 0;
+
+  for (std::uint32_t i = kCount; i-- > 0;)
+    EXPECT_NE(cache->Remember(std::to_string(i), made(i)), Verdict::kNew) << i;
+  EXPECT_GT(first_time, 1024U);
+  EXPECT_EQ(std::filesystem::file_size(path_), 4096U + 1024 * 8);
+}
+
+// Of clients whose clocks are right none is refused while a quarter of the room is in use.
+TEST_F(AReplayCache, HasRoomForAQuarterOfItsRecords) {
+  const auto cache = Open(1U << 16U);
+  constexpr std::uint32_t kRate = (1U << 16U) / 4 / 600;  // a second
+  std::uint32_t refused = 0;
+  for (std::uint32_t second = 0; second < 3000; ++second) {
+    for (std::uint32_t i = 0; i < kRate; ++i) {
+      // Clocks are up to 300 seconds off, either way.
+      const std::uint32_t off = (second * 31 + i * 97) % 601;
+      const auto verdict = cache->Remember(std::to_string(second) + "/" + std::to_string(i),
+                                           kNoon + second + off - 300);
+      refused += verdict != Verdict::kNew ? 1 : 0;
+    }
+  }
+  EXPECT_EQ(refused, 0U);
+}
+
+TEST_F(AReplayCache, RefusesWhatIsOlderThanWhatItForgot) {
+  const auto cache = Open();
+  for (std::uint32_t i = 0; i < 100000; ++i)
+    cache->Remember(std::to_string(i), kNoon + 100);
+
+  EXPECT_EQ(cache->Remember("late", kNoon), Verdict::kTooOld);
+  EXPECT_EQ(cache->Remember("in time", kNoon + 101), Verdict::kNew);
+}
+
+TEST_F(AReplayCache, TellsOneThreadAtMostThatARequestIsNew) {
+  constexpr int kThreads = 4;
+  constexpr std::uint32_t kCount = 20000;
+  std::vector<std::atomic<int>> is_new(kCount);
+  std::vector<std::unique_ptr<ReplayCache>> caches;
+  for (int t = 0; t < kThreads; ++t)
+    caches.push_back(Open());
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (std::uint32_t i = 0; i < kCount; ++i) {
+        if (caches[static_cast<std::size_t>(t)]->Remember(std::to_string(i), kNoon + i / 100) ==
+            Verdict::kNew)
+          ++is_new[i];
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+
+  int most = 0;
+  for (const auto& count : is_new)
+    most = std::max(most, count.load());
+  EXPECT_EQ(most, 1);
+}
+
+TEST_F(AReplayCache, IsOfItsOwnerAlone) {
+  ASSERT_TRUE(Open());
+  struct stat status {};
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+
+  ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(error_, HasSubstr("not a file of this user's alone"));
+  ASSERT_EQ(chmod(path_.c_str(), 0600), 0);
+  ASSERT_EQ(chown(path_.c_str(), 65534, 65534), 0);
+  EXPECT_FALSE(Open());
+}
+
+TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
+  ASSERT_TRUE(Open());
+  std::filesystem::create_symlink(path_, folder_ / "link");
+  const std::string whole = path_;
+  path_ = folder_ / "link";
+  EXPECT_FALSE(Open());
+  path_ = whole;
+
+  std::filesystem::resize_file(path_, 4096 + 1024 * 8 - 1);
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(error_, HasSubstr("not a replay file"));
+  std::filesystem::resize_file(path_, 0);
+  EXPECT_FALSE(Open());
+  std::ofstream(path_) << std::string(4096 + 1024 * 8, 'x');
+  EXPECT_FALSE(Open());
+  path_ = folder_ / "none/replay";
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(error_, HasSubstr("No such file or directory"));
+}
+
+}  // namespace
+}  // namespace tavrel::plus::tests
