@@ -1,0 +1,19 @@
+// The service manager's two protocols: sockets that it has opened, and what it is told
+// (sd_notify(3), sd_listen_fds(3)). Without a manager both do nothing.
+#ifndef TAVREL_TOOLS_AUTHD_SYSTEMD_H
+#define TAVREL_TOOLS_AUTHD_SYSTEMD_H
+
+#include <map>
+#include <string>
+
+namespace tavrel::tools {
+
+// Listening sockets by their FileDescriptorName=, which are this process's from now on.
+std::map<std::string, int> PassedSockets();
+
+// Tells the manager, `READY=1` for example.
+void Notify(const std::string& state);
+
+}  // namespace tavrel::tools
+
+#endif

@@ -1,0 +1,42 @@
+// tavrel: membership of this machine in a domain, and its users' tokens. tavrel(1) describes it.
+#include <exception>
+#include <iostream>
+#include <string_view>
+
+#include "tavrel/Command.h"
+
+namespace {
+
+using namespace tavrel::tools;
+
+constexpr Command kCommands[] = {
+    {"whoami", "says whose token this is, or why it is refused", RunWhoami},
+    {"token", "makes the token that a browser would send", RunToken},
+};
+
+int Usage(std::ostream& to, int status) {
+  to << "usage: tavrel COMMAND ...\n\n";
+  for (const Command& command : kCommands) {
+    to << "  " << command.name << std::string(10 - std::string_view(command.name).size(), ' ')
+       << command.summary << '\n';
+  }
+  to << "\ntavrel(1) says more.\n";
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view name = argc > 1 ? argv[1] : "";
+  if (name == "--help") return Usage(std::cout, 0);
+  for (const Command& command : kCommands) {
+    if (name != command.name) continue;
+    try {
+      return command.run(argc - 1, argv + 1);
+    } catch (const std::exception& error) {
+      std::cerr << "tavrel " << name << ": " << error.what() << '\n';
+      return 1;
+    }
+  }
+  return Usage(std::cerr, kUsage);
+}
