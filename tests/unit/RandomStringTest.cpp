@@ -103,10 +103,13 @@ TEST(RandomString, IsEmptyForALengthOfZeroAfterAskingTheDevice) {
 TEST(RandomString, IsEmptyForALengthThatIsNoPositive32BitNumber) {
   LogCapture log;
 
-  for (const std::size_t length :
-       {std::size_t{1} << 31U, (std::size_t{1} << 32U) - 1, std::size_t{1} << 32U,
-        (std::size_t{1} << 32U) + 5, ~std::size_t{0}})
-    EXPECT_EQ(RandomString(length), "") << length;
+  for (const std::uint64_t length :
+       {std::uint64_t{1} << 31U, (std::uint64_t{1} << 32U) - 1, std::uint64_t{1} << 32U,
+        (std::uint64_t{1} << 32U) + 5, ~std::uint64_t{0}}) {
+    const auto size = static_cast<std::size_t>(length);
+    if (size != length) continue;  // more than this machine can say
+    EXPECT_EQ(RandomString(size), "") << length;
+  }
 
   EXPECT_THAT(log.Lines(), IsEmpty());
 }
