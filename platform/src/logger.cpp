@@ -1,5 +1,6 @@
 #include "platform/logger.h"
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -10,6 +11,18 @@
 #include <string_view>
 
 namespace {
+
+// The number of a standard file that is closed is soon that of a connection or a keytab, which
+// would then get the records. Such a file is /dev/null from the moment the library is loaded; like
+// every standard file it is there for the programs, too, that the host starts.
+[[maybe_unused]] const bool has_standard_files = [] {
+  for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(file, F_GETFD) != -1) continue;
+    const int opened = open("/dev/null", O_RDWR);  // gets the lowest number that is free
+    if (opened > STDERR_FILENO) close(opened);     // another thread was faster
+  }
+  return true;
+}();
 
 enum class Sink { kStandardError, kSyslog, kJson };
 

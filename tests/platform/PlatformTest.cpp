@@ -2,9 +2,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "platform/bounded_memory.h"
 #include "platform/ldap_encryption.h"
@@ -76,6 +82,35 @@ TEST(PlatformLoggerDeathTest, TakesALevelThatItDoesNotKnowForAnError) {
         std::exit(0);
       },
       ExitedWithCode(0), "^" TIME "error some-category File.cpp:7 Method: x\n$");
+}
+
+// What the program does in place of its tests when it is started as a host: opens a file, as for a
+// connection or a keytab, writes a record, and ends with 0 when that is not in the file.
+[[maybe_unused]] const bool is_no_host = [] {
+  if (std::getenv("TAVREL_TEST_HOST") == nullptr) return true;
+  const int opened = memfd_create("keytab", 0);
+  platformlogger_log("Method", 7, "File.cpp", LOG_LEVEL_ERROR, "some-category", "text");
+  struct stat about {};
+  _exit(opened != -1 && fstat(opened, &about) == 0 && about.st_size == 0 ? 0 : 1);
+}();
+
+TEST(PlatformLogger, WritesNoRecordIntoAFileThatTookTheNumberOfAClosedStandardFile) {
+  for (const std::vector<int>& closed : std::vector<std::vector<int>>{{2}, {1, 2}, {0, 1, 2}}) {
+    SCOPED_TRACE(closed.size());
+    const pid_t host = fork();
+    if (host == 0) {
+      setenv("TAVREL_TEST_HOST", "", 1);
+      for (const int file : closed)
+        close(file);
+      execl("/proc/self/exe", "host", nullptr);
+      _exit(2);
+    }
+    int status = -1;
+
+    waitpid(host, &status, 0);
+
+    EXPECT_EQ(status, 0);
+  }
 }
 
 TEST(BoundedFill, FillsNoMoreThanThereIs) {
