@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
@@ -106,11 +107,19 @@ std::size_t Utf8Length(std::string_view text) {
   return 0;
 }
 
+// What one write to a pipe takes without mixing it with those of others. Nobody needs more of a
+// message, and a peer that could fill the log with all it sends would.
+constexpr std::size_t kLongestRecord = PIPE_BUF;
+constexpr std::size_t kLongestName = 256;  // of a function, a file or a logger
+
+// `text` as it may stand in a record, in at most `room` bytes; one that is cut says so at its end.
 // What a peer put into a message must not start a line of its own, steer a terminal or break a
-// reader of JSON: control characters and what is no UTF-8 become "?".
-std::string Clean(std::string_view text) {
+// reader of JSON: control characters and what is no UTF-8 become "?". What `escaped` has gets a
+// backslash.
+std::string Clean(std::string_view text, std::size_t room, std::string_view escaped = "") {
+  const std::string mark = "... (cut, of " + std::to_string(text.size()) + " bytes)";
   std::string clean;
-  clean.reserve(text.size());
+  std::size_t before_mark = 0;  // as much of it leaves room for the mark
   while (!text.empty()) {
     const std::size_t length = Utf8Length(text);
     const auto first = static_cast<unsigned char>(text.front());
@@ -118,26 +127,22 @@ std::string Clean(std::string_view text) {
     if (length == 0 || first < ' ' || first == 0x7F || c1) {
       clean += '?';
     } else {
+      if (escaped.find(text.front()) != std::string_view::npos) clean += '\\';
       clean.append(text.substr(0, length));
     }
+    if (clean.size() > room) return clean.substr(0, before_mark) + mark;
+    if (clean.size() + mark.size() <= room) before_mark = clean.size();
     text.remove_prefix(length == 0 ? 1 : length);
   }
   return clean;
 }
 
-std::string Quoted(std::string_view text) {
-  std::string quoted = "\"";
-  for (const char c : Clean(text)) {
-    if (c == '"' || c == '\\') quoted += '\\';
-    quoted += c;
-  }
-  return quoted += '"';
-}
-
 // One write a record, so that records of several threads do not mix. A full disk or a closed
 // standard error does not disturb the caller. The signal of a broken pipe is the host's to settle.
-void WriteLine(std::string line) {
-  line += '\n';
+void WriteLine(const std::string& start, std::string_view message, std::string_view end,
+               std::string_view escaped = "") {
+  const std::size_t room = kLongestRecord - start.size() - end.size();
+  const std::string line = (start + Clean(message, room, escaped)).append(end);
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
@@ -153,21 +158,24 @@ void platformlogger_log(const char* function, int line, const char* file, LogLev
   if (level < settings.lowest_level) return;
 
   const LevelStyle& style = StyleOf(level);
-  const std::string where = std::string(file) + ":" + std::to_string(line) + " " + function;
-  switch (settings.sink) {
-    case Sink::kSyslog:
-      syslog(LOG_AUTHPRIV | style.syslog_priority, "%s %s: %s", logger, where.c_str(),
-             Clean(message).c_str());
-      return;
-    case Sink::kJson:
-      WriteLine("{\"time\":" + Quoted(Time()) + ",\"level\":" + Quoted(style.name) +
-                ",\"category\":" + Quoted(logger) + ",\"function\":" + Quoted(function) +
-                ",\"file\":" + Quoted(file) + ",\"line\":" + std::to_string(line) +
-                ",\"message\":" + Quoted(message) + "}");
-      return;
-    case Sink::kStandardError: break;
+  const Sink sink = settings.sink;
+  const std::string_view escaped = sink == Sink::kJson ? "\"\\" : "";
+  const auto name = [&](const char* text) { return Clean(text, kLongestName, escaped); };
+  if (sink == Sink::kJson) {
+    WriteLine("{\"time\":\"" + Time() + "\",\"level\":\"" + style.name + "\",\"category\":\"" +
+                  name(logger) + "\",\"function\":\"" + name(function) + "\",\"file\":\"" +
+                  name(file) + "\",\"line\":" + std::to_string(line) + ",\"message\":\"",
+              message, "\"}\n", escaped);
+    return;
   }
-  const std::string text =
-      Time() + " " + style.name + " " + logger + " " + where + ": " + Clean(message);
-  WriteLine(settings.colour ? style.colour + text + "\x1b[0m" : text);
+  const std::string source =
+      name(logger) + " " + name(file) + ":" + std::to_string(line) + " " + name(function) + ": ";
+  if (sink == Sink::kSyslog) {
+    const std::string text = source + Clean(message, kLongestRecord - source.size() - 1);
+    syslog(LOG_AUTHPRIV | style.syslog_priority, "%s", text.c_str());
+    return;
+  }
+  const std::string_view colour = settings.colour ? style.colour : "";
+  WriteLine(std::string(colour) + Time() + " " + style.name + " " + source, message,
+            settings.colour ? "\x1b[0m\n" : "\n");
 }

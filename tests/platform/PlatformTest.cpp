@@ -7,7 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -15,6 +18,35 @@
 #include "platform/bounded_memory.h"
 #include "platform/ldap_encryption.h"
 #include "platform/logger.h"
+
+namespace {
+
+bool is_terminal = false;  // what the platform takes standard error for
+
+// What syslog gets goes to standard error where a test looks at it.
+void ToStandardError(const char* format, va_list arguments) {
+  std::vfprintf(stderr, format, arguments);
+  std::fputc('\n', stderr);
+}
+
+}  // namespace
+
+extern "C" int isatty(int) {
+  return is_terminal ? 1 : 0;
+}
+extern "C" void syslog(int, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  ToStandardError(format, arguments);
+  va_end(arguments);
+}
+// What the library calls in its place where it is fortified.
+extern "C" void __syslog_chk(int, int, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  ToStandardError(format, arguments);
+  va_end(arguments);
+}
 
 namespace {
 
@@ -70,8 +102,59 @@ TEST(PlatformLoggerDeathTest, WritesJsonWhenAskedTo) {
               "\"message\":\"a \\\\\"b\\\\\" \\\\\\\\ c\\?\\?\"\\}\n$");
 }
 
-TEST(PlatformLoggerDeathTest, WritesNothingToStandardErrorForSyslog) {
-  EXPECT_EXIT(LogEveryLevel("1", "text", "syslog"), ExitedWithCode(0), "^$");
+// Whether `log` is of two records, neither longer than what a pipe takes at once and each as long
+// as that allows, within the width of a character and its escape. The start and the end of one are
+// given.
+bool IsCut(const std::string& log, const std::string& start, const std::string& end) {
+  std::size_t records = 0;
+  for (std::size_t from = 0; from < log.size(); ++records) {
+    const std::size_t next = std::min(log.find('\n', from), log.size() - 1) + 1;
+    const std::string line = log.substr(from, next - from);
+    if (line.size() > 4096 || line.size() < 4096 - 3 || line.find(start) == std::string::npos ||
+        line.size() < end.size() || line.substr(line.size() - end.size()) != end) {
+      return false;
+    }
+    from = next;
+  }
+  return records == 2;
+}
+auto IsCutTo(const std::string& start, const std::string& end) {
+  return testing::Truly([=](const std::string& log) { return IsCut(log, start, end); });
+}
+
+TEST(PlatformLoggerDeathTest, CutsARecordToWhatOneWriteToAPipeTakesAndSaysSo) {
+  std::string eight;  // no record ends in the midst of a character, or behind a backslash
+  for (int i = 0; i < 4000; ++i)
+    eight += "\xC3\xA9\xE2\x82\xAC\"\\\xFF";
+  for (std::size_t offset = 0; offset < 8; ++offset) {
+    const std::string text = std::string(offset, 'x') + eight;
+    const std::string mark = "... (cut, of " + std::to_string(text.size()) + " bytes)";
+    const std::string start = std::string(offset, 'x') + "\xC3\xA9\xE2\x82\xAC";
+    EXPECT_EXIT(LogEveryLevel(nullptr, text.c_str()), ExitedWithCode(0),
+                IsCutTo(" File.cpp:7 Method: " + start + "\"\\?", mark + "\n"));
+    EXPECT_EXIT(LogEveryLevel(nullptr, text.c_str(), "json"), ExitedWithCode(0),
+                IsCutTo(",\"message\":\"" + start + "\\\"\\\\?", mark + "\"}\n"));
+    is_terminal = true;
+    EXPECT_EXIT(LogEveryLevel(nullptr, text.c_str()), ExitedWithCode(0),
+                IsCutTo("m20", mark + "\x1b[0m\n"));
+    is_terminal = false;
+    EXPECT_EXIT(LogEveryLevel(nullptr, text.c_str(), "syslog"), ExitedWithCode(0),
+                IsCutTo("some-category File.cpp:7 Method: " + start, mark + "\n"));
+  }
+}
+
+TEST(PlatformLoggerDeathTest, CutsNoRecordThatFits) {
+  const std::string start = "2026-11-21T16:31:55.381Z error some-category File.cpp:7 Method: ";
+  const std::string text(4096 - start.size() - 1, 'x');
+
+  EXPECT_EXIT(LogEveryLevel("4", text.c_str()), ExitedWithCode(0), "Method: x+\n$");
+  EXPECT_EXIT(LogEveryLevel("4", (text + "x").c_str()), ExitedWithCode(0),
+              "x\\.\\.\\. \\(cut, of " + std::to_string(text.size() + 1) + " bytes\\)\n$");
+}
+
+TEST(PlatformLoggerDeathTest, HandsSyslogTheRecordWithoutTheTime) {
+  EXPECT_EXIT(LogEveryLevel("4", "te%sxt", "syslog"), ExitedWithCode(0),
+              "^some-category File.cpp:7 Method: te%sxt\n$");
 }
 
 TEST(PlatformLoggerDeathTest, TakesALevelThatItDoesNotKnowForAnError) {

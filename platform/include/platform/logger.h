@@ -25,7 +25,9 @@ PLATFORM_EXPORT std::string getLogger(const char* category);
 /// @param file     bare name of its source file
 /// @param level    severity
 /// @param logger   a handle from getLogger()
-/// @param message  the text, without a line end
+/// @param message  the text, without a line end. What peers sent is in it as it came: any byte, and
+///   tens of thousands of them. A logger cuts it, to PIPE_BUF (4,096) bytes a record where it
+///   writes to a pipe, beyond which records of several threads mix.
 PLATFORM_EXPORT void platformlogger_log(const char* function, int line, const char* file,
                                         LogLevel level, const char* logger, const char* message);
 
