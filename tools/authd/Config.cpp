@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/Settings.h"
+#include "common/Takers.h"
 #include "common/Text.h"
 
 namespace tavrel::tools {
@@ -21,45 +22,11 @@ namespace {
 
 constexpr std::string_view kUnix = "unix:";
 
-using Take = std::function<std::string(const std::string&)>;
-
-Take Text(std::string* to) {
-  return [to](const std::string& value) {
-    *to = value;
-    return "";
-  };
-}
-
-Take File(std::string* to) {
-  return [to](const std::string& value) -> std::string {
-    if (value.front() != '/') return "not a path from the root on";
-    *to = value;
-    return "";
-  };
-}
-
-Take Duration(std::chrono::seconds* to) {
-  return [to](const std::string& value) -> std::string {
-    const auto duration = ParseDuration(value);
-    if (!duration) return "not a time like 30s, 10m or 8h";
-    *to = *duration;
-    return "";
-  };
-}
-
 Take Count(unsigned int* to) {
   return [to](const std::string& value) -> std::string {
     const auto count = ParseNumber(value, 1, 65535);
     if (!count) return "not a number from 1 to 65535";
     *to = static_cast<unsigned int>(*count);
-    return "";
-  };
-}
-
-Take YesOrNo(bool* to) {
-  return [to](const std::string& value) -> std::string {
-    if (value != "yes" && value != "no") return "neither yes nor no";
-    *to = value == "yes";
     return "";
   };
 }
@@ -71,15 +38,6 @@ Take Networks(std::vector<Network>* to) {
       if (!network) return "'" + std::string(word) + "' is no network like 10.0.0.0/8";
       to->push_back(*network);
     }
-    return "";
-  };
-}
-
-Take List(std::vector<std::string>* to) {
-  return [to](const std::string& value) {
-    to->clear();
-    for (const std::string_view word : Words(value))
-      to->emplace_back(word);
     return "";
   };
 }
@@ -148,26 +106,26 @@ std::optional<Config> Config::Parse(std::string_view text, const std::string& fi
   config.acceptor.channel_binding = plus::ChannelBinding::kOff;  // a proxy stands between
   std::chrono::seconds tolerance{config.acceptor.clock_tolerance};
   const std::vector<Setting> settings = {
-      {"keytab", File(&config.acceptor.keytab)},
-      {"services", List(&config.acceptor.services)},
-      {"require_pac", YesOrNo(&config.acceptor.require_pac)},
+      {"keytab", TakeFile(&config.acceptor.keytab)},
+      {"services", TakeList(&config.acceptor.services)},
+      {"require_pac", TakeYesOrNo(&config.acceptor.require_pac)},
       {"enctypes", Enctypes(&config.acceptor.enctypes)},
-      {"clock_tolerance", Duration(&tolerance)},
-      {"replay_file", File(&config.acceptor.replay_file)},
-      {"listen", Text(&config.listen)},
-      {"status_listen", Text(&config.status_listen)},
-      {"squid_listen", Text(&config.squid_listen)},
-      {"policy", File(&config.policy)},
-      {"session_keys", File(&config.session_keys)},
-      {"session_lifetime", Duration(&config.session_lifetime)},
-      {"session_idle", Duration(&config.session_idle)},
-      {"secure_cookie", YesOrNo(&config.front.secure_cookie)},
+      {"clock_tolerance", TakeDuration(&tolerance)},
+      {"replay_file", TakeFile(&config.acceptor.replay_file)},
+      {"listen", TakeText(&config.listen)},
+      {"status_listen", TakeText(&config.status_listen)},
+      {"squid_listen", TakeText(&config.squid_listen)},
+      {"policy", TakeFile(&config.policy)},
+      {"session_keys", TakeFile(&config.session_keys)},
+      {"session_lifetime", TakeDuration(&config.session_lifetime)},
+      {"session_idle", TakeDuration(&config.session_idle)},
+      {"secure_cookie", TakeYesOrNo(&config.front.secure_cookie)},
       {"trusted_proxies", Networks(&config.front.trusted_proxies)},
-      {"request_header", Text(&config.front.request_header)},
+      {"request_header", TakeText(&config.front.request_header)},
       {"connections", Count(&config.limits.connections)},
       {"connections_per_client", Count(&config.limits.connections_per_client)},
-      {"request_time", Duration(&config.limits.request_time)},
-      {"idle_time", Duration(&config.limits.idle_time)},
+      {"request_time", TakeDuration(&config.limits.request_time)},
+      {"idle_time", TakeDuration(&config.limits.idle_time)},
   };
   if (!ReadSettings(text, file, settings, error)) return std::nullopt;
   config.acceptor.clock_tolerance = static_cast<std::int32_t>(tolerance.count());

@@ -77,10 +77,10 @@ std::string Digest(std::string_view text) {
 
 // Length in front of each part, so that no two lists of parts make the same key.
 std::string RepeatKey(const Question& question, std::string_view token) {
+  const std::string client = question.client ? question.client->Text() : "";
   std::string parts;
   for (const std::string_view part :
-       {question.request, token, question.host,
-        std::string_view(question.client ? question.client->Text() : "")}) {
+       {question.request, token, question.host, std::string_view(client)}) {
     parts += std::to_string(part.size()) + ":";
     parts += part;
   }

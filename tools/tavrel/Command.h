@@ -13,6 +13,11 @@ struct Command {
   int (*run)(int argc, char** argv);
 };
 
+int RunEnrol(int argc, char** argv);
+int RunRotate(int argc, char** argv);
+int RunLeave(int argc, char** argv);
+int RunStatus(int argc, char** argv);
+int RunKeys(int argc, char** argv);
 int RunToken(int argc, char** argv);
 int RunWhoami(int argc, char** argv);
 

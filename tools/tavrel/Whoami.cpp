@@ -10,6 +10,7 @@
 #include "common/Json.h"
 #include "common/Text.h"
 #include "tavrel/Command.h"
+#include "tavrel/Printer.h"
 
 namespace tavrel::tools {
 namespace {
@@ -72,47 +73,6 @@ std::vector<std::string> Texts(const std::vector<plus::GroupMembership>& groups)
   }
   return texts;
 }
-
-// What there is to say, as members of an object or as lines.
-class Printer {
- public:
-  explicit Printer(bool json) : json_(json) {}
-  template <typename Value>
-  void Say(std::string_view name, const Value& value) {
-    if (json_) {
-      object_.Add(name, value);
-    } else {
-      Line(name, value);
-    }
-  }
-  ~Printer() {
-    if (json_) std::cout << object_.Text() << '\n';
-  }
-  Printer(const Printer&) = delete;
-  Printer& operator=(const Printer&) = delete;
-
- private:
-  static void Line(std::string_view name, std::string_view value) {
-    if (value.empty()) return;
-    std::string label(name);
-    for (char& c : label)
-      c = c == '_' ? ' ' : c;
-    std::cout << label << ": " << Escaped(value, false) << '\n';
-  }
-  static void Line(std::string_view name, std::int64_t value) {
-    Line(name, std::string_view(std::to_string(value)));
-  }
-  static void Line(std::string_view name, bool value) {
-    Line(name, std::string_view(value ? "yes" : "no"));
-  }
-  static void Line(std::string_view name, const std::vector<std::string>& values) {
-    for (const std::string& value : values)
-      Line(name, std::string_view(value));
-  }
-
-  const bool json_;
-  JsonObject object_;
-};
 
 void Describe(const plus::Identity& identity, Printer& printer) {
   printer.Say("client", identity.client.Text());

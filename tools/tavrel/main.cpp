@@ -10,6 +10,11 @@ namespace {
 using namespace tavrel::tools;
 
 constexpr Command kCommands[] = {
+    {"enrol", "makes this machine a member of its domain, with AES keys", RunEnrol},
+    {"rotate", "gives the machine a new password, and its keytab the keys", RunRotate},
+    {"status", "shows the account, and whether its keys work", RunStatus},
+    {"leave", "ends the membership", RunLeave},
+    {"keys", "shows what is in a keytab", RunKeys},
     {"whoami", "says whose token this is, or why it is refused", RunWhoami},
     {"token", "makes the token that a browser would send", RunToken},
 };
