@@ -1,4 +1,4 @@
-// What keeps a peer that hangs up from ending the process.
+// Keeps a peer that hangs up from ending the process.
 #ifndef TAVREL_SRC_BROKENPIPE_H
 #define TAVREL_SRC_BROKENPIPE_H
 
@@ -8,9 +8,9 @@
 
 namespace tavrel {
 
-// Turns the writes of this thread to connections that their peer has reset into writes that fail,
-// while it lives: libldap does not ask for that, and the signal would end a host that has not
-// provided for it. The signal mask and what is pending are then as before.
+// While it lives, this thread's writes to connections that the peer has reset fail, and raise no
+// signal: libldap does not ask for that, and SIGPIPE would end a host that does not handle it. It
+// restores the signal mask and what was pending.
 class BrokenPipeBlock {
  public:
   BrokenPipeBlock() {

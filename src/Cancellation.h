@@ -1,4 +1,4 @@
-// What keeps pthread_cancel() from ending a thread inside the library.
+// Keeps pthread_cancel() from ending a thread inside the library.
 #ifndef TAVREL_SRC_CANCELLATION_H
 #define TAVREL_SRC_CANCELLATION_H
 
@@ -6,8 +6,8 @@
 
 namespace tavrel {
 
-// Puts the cancellation of this thread off while it lives: libldap and libkrb5 do not provide for
-// it, and a thread that ended inside them would hold their locks for ever.
+// Postpones this thread's cancellation while it lives: libldap and libkrb5 are not made for it, and
+// a thread that ended inside them would hold their locks for ever.
 class CancellationBlock {
  public:
   CancellationBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

@@ -65,7 +65,7 @@ std::list<std::string> DNSDiscoveryService::GetLDAPHosts(const std::string& doma
     char target[NS_MAXDNAME];
     const int used = ns_name_uncompress(ns_msg_base(message), ns_msg_end(message),
                                         data + kTargetOffset, target, sizeof target);
-    // A name that runs past its record was read from what follows it.
+    // A name that runs past its record has bytes of the next one.
     if (used == -1 || used > ns_rr_rdlen(record) - kTargetOffset) {
       logger.Error("Error uncompressing target for ", domain);
       continue;

@@ -69,8 +69,8 @@ struct Attribute {
   std::vector<std::string> values;
 };
 
-// Attributes in the null-terminated form that libldap takes. It only reads them, though its types
-// do not say so.
+// Attributes in the null-terminated form that libldap takes. It does not write to them, although
+// its types would let it.
 class Modifications {
  public:
   Modifications(int operation, std::vector<Attribute> attributes)
@@ -98,7 +98,7 @@ class Modifications {
   std::vector<LDAPMod*> pointers_;
 };
 
-// True when the account carries no handle to work on. That is told to the caller alone.
+// True when the account has no handle to work on. The caller is told, the log is not.
 bool Disconnected(const AccountObject& account, std::string& reason) {
   if (account.ldap != nullptr) return false;
   reason = "Invalid LDAP context";
@@ -113,8 +113,8 @@ bool Failed(int code, const LogPrefix& prefix, std::string& reason) {
   return true;
 }
 
-// The userAccountControl flags of a found account. Without a single value they are those of an
-// ordinary computer; a value that is no 32-bit number throws as std::stoi does.
+// The userAccountControl flags of a found account; those of an ordinary computer when it does not
+// have exactly one value. A value that is not a 32-bit number throws as std::stoi does.
 std::uint32_t Flags(const Ldap& ldap, LDAPMessage* entry, Site site = Site::Here()) {
   const std::unique_ptr<berval*, FreeValues> values(
       ldap_get_values_len(ldap.handle, entry, "userAccountControl"));
@@ -178,7 +178,7 @@ std::string JoinParameters::ShortenName(const std::string& name) const {
   if (name.size() <= kLongest) return name;
 
   std::string result = name.substr(0, kKept);
-  // The digest is of what was kept, not of the whole name.
+  // The digest covers the characters kept, not the whole name.
   unsigned char digest[SHA_DIGEST_LENGTH];
   const auto* const kept = reinterpret_cast<const unsigned char*>(result.data());
   if (SHA1(kept, result.size(), digest) == nullptr) throw std::bad_alloc();
@@ -226,7 +226,7 @@ bool Joiner::Connect(std::string* error) {
     }
   }
 
-  // Every server, even after one has accepted: the lookup later asks them in turn.
+  // Binds to all, even after one has accepted: the lookup later asks them in turn.
   bool any_bound = false;
   for (const auto& [host, encryption, cert_path] : servers) {
     Ldap session(host, encryption, cert_path);
@@ -263,7 +263,7 @@ AccountObject Joiner::GetAccountObject(const Ldap& ldap, std::string* error) con
     return account;
   }
 
-  // A notice of disconnection that speaks of success (RFC 4511, 4.4.1) is one without a result.
+  // A notice of disconnection with a success code (RFC 4511, 4.4.1) comes without a result.
   LDAPMessage* entry = result ? ldap_first_entry(ldap.handle, result.get()) : nullptr;
   for (; entry != nullptr; entry = ldap_next_entry(ldap.handle, entry)) {
     account.exists = true;

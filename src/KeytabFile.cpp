@@ -16,16 +16,16 @@
 namespace tavrel {
 namespace {
 
-// The format: its version in two bytes, then the entries. Before each stands its length in four
-// bytes; that of a hole is negative, and 0 ends the file before its end. Numbers have their most
-// significant byte first, in the old version the machine's order.
+// The format: its version in two bytes, then the entries, each behind its length in four bytes. A
+// negative length is a hole; 0 ends the file early. Numbers have their most significant byte first;
+// in the old version they have the machine's byte order.
 constexpr std::uint16_t kOldVersion = 0x0501;
 constexpr std::uint16_t kVersion = 0x0502;
 constexpr unsigned char kVersionBytes[] = {0x05, 0x02};
 constexpr std::int64_t kVersionSize = sizeof kVersionBytes;
 constexpr std::int64_t kLengthSize = 4;
 
-// An open file; closed, and its lock given up, when it is destroyed.
+// An open file. Destroying it closes it, and gives up its lock.
 struct File {
   explicit File(const char* path) : descriptor(open(path, O_RDWR | O_CLOEXEC)) {}
   File(const File&) = delete;
@@ -43,8 +43,8 @@ krb5_error_code Transferred(ssize_t count, std::int64_t wanted) {
   return count == -1 ? errno : EIO;
 }
 
-// Takes the lock that libkrb5 takes as well: another process may be appending. A system without
-// locks of open files has those of processes.
+// Takes the lock that libkrb5 also takes, since another process may be appending. Where there are
+// no locks of open files, it takes one of the process.
 krb5_error_code Lock(const File& file) {
   struct flock whole_file {};
   whole_file.l_type = F_WRLCK;
@@ -65,12 +65,12 @@ std::uint32_t HostOrder(std::uint32_t number) {
   return ntohl(number);
 }
 
-// The numbers of a file, which is read a block at a time.
+// Reads the numbers of a file, a block at a time.
 class Numbers {
  public:
   Numbers(const File& file, std::int64_t size) : file_(file), size_(size) {}
 
-  // False when the file ends before, or cannot be read: then Error() is not 0.
+  // False when the file ends first, or when it cannot be read; Error() is then not 0.
   template <typename Number>
   bool Read(std::int64_t at, Number& number) {
     constexpr auto kWidth = static_cast<std::int64_t>(sizeof number);
@@ -95,23 +95,23 @@ class Numbers {
  private:
   const File& file_;
   const std::int64_t size_;
-  // Of an array the compiler would know the size, and call __pread_chk() in place of pread().
+  // Not an array: knowing its size, the compiler would call __pread_chk() instead of pread().
   std::vector<unsigned char> block_ = std::vector<unsigned char>(4096);
   std::int64_t first_ = 0;  // of the file's bytes in the block
   std::int64_t last_ = 0;
   krb5_error_code error_ = 0;
 };
 
-// Where the fields end that libkrb5 reads of the entry behind the length at `start`, which may be
-// beyond the end of the file; kUnreadable when it reads no entry. Only for the last field it looks
-// at the length.
+// Where the fields end that libkrb5 reads of the entry whose length is at `start`. That may be
+// beyond the end of the file; kUnreadable when libkrb5 reads no entry. It heeds the length only for
+// the last field.
 constexpr std::int64_t kUnreadable = INT64_MAX;
 std::int64_t EndOfFields(Numbers& numbers, std::int64_t start, std::int64_t length) {
   const auto is_none = [](std::uint16_t count) { return count == 0 || count > INT16_MAX; };
   std::int64_t at = start + kLengthSize;
   std::uint16_t texts = 0;  // of the principal's name, and the realm
   if (!numbers.Read(at, texts)) return kUnreadable;
-  if (numbers.in_machine_order) --texts;  // counted besides
+  if (numbers.in_machine_order) --texts;  // it is counted too
   if (is_none(texts)) return kUnreadable;
 
   at += 2;
@@ -140,7 +140,7 @@ krb5_error_code MendEntries(const File& file, std::int64_t size, Numbers& number
       const std::int64_t used = EndOfFields(numbers, start, length);
       if (numbers.Error() != 0) return numbers.Error();
       const bool is_whole = used <= std::min(end, size);
-      if (is_whole && end > size && end <= INT32_MAX) return 0;  // only what pads it is missing
+      if (is_whole && end > size && end <= INT32_MAX) return 0;  // only its padding is missing
       if (is_whole ? end > size : end <= size) return KRB5_KT_FORMAT;
     }
     if (end > size) return Cut(file, start);
@@ -154,7 +154,7 @@ krb5_error_code MendEntries(const File& file, std::int64_t size, Numbers& number
 krb5_error_code MendKeytabFile(krb5_context context, krb5_keytab keytab) {
   char name[PATH_MAX + sizeof "WRFILE:"];
   const krb5_error_code named = krb5_kt_get_name(context, keytab, name, sizeof name);
-  if (named == KRB5_KT_NAME_TOOLONG) return 0;  // no path is as long
+  if (named == KRB5_KT_NAME_TOOLONG) return 0;  // paths are shorter
   if (named != 0) return named;
   const char* path = name + std::string_view(name).find(':') + 1;
   const std::string_view kind(name, static_cast<std::size_t>(path - name));

@@ -9,7 +9,7 @@ namespace {
 
 const Logger logger("krb-param");
 
-// Widened before any arithmetic, so that nothing wraps at the ends of 32 bits.
+// Widened before any arithmetic, so that nothing wraps in 32 bits.
 std::int64_t Start(const krb5_ticket_times& times) {
   return times.starttime != 0 ? times.starttime : times.authtime;
 }

@@ -17,7 +17,7 @@ struct Range {
   KrbStatus status;
 };
 
-// Ascending. A code that falls between two rows is unknown: same status as a failure, but logged.
+// Ascending. A code between two rows is unknown: the status is that of a failure, and it is logged.
 constexpr Range kRanges[] = {
     {KRB5KDC_ERR_NONE, KRB5KDC_ERR_NONE, kSuccess},
     {KRB5KDC_ERR_NAME_EXP, KRB5KDC_ERR_SERVER_NOMATCH, kFailure},

@@ -40,7 +40,7 @@ class Entry {
   krb5_keytab_entry entry_;
 };
 
-// An open keytab cursor; closed at the latest when it is destroyed.
+// An open keytab cursor. Destroying it closes it, if nobody did before.
 class Cursor {
  public:
   Cursor(krb5_context context, krb5_keytab keytab) : context_(context), keytab_(keytab) {}
@@ -73,11 +73,11 @@ class Cursor {
 };
 
 struct WalkResult {
-  krb5_error_code opened;  // nothing was visited when it is not 0
+  krb5_error_code opened;  // not 0: nothing was visited
   krb5_error_code closed;
 };
 
-// Hands every entry to `visit`, which may move it away, until that returns false.
+// Calls `visit` with every entry, which it may move away, until it returns false.
 template <typename Visit>
 WalkResult Walk(const KrbContext& krb, Visit visit) {
   Cursor cursor(krb.context, krb.keytab);
@@ -91,12 +91,12 @@ WalkResult Walk(const KrbContext& krb, Visit visit) {
   return {0, cursor.Close()};
 }
 
-// libkrb5 compares what it is given without looking whether it is there.
+// libkrb5 would crash on a null principal.
 bool SamePrincipal(krb5_context context, krb5_const_principal a, krb5_const_principal b) {
   return a != nullptr && b != nullptr && krb5_principal_compare(context, a, b) != 0;
 }
 
-// What an operation that needs them fails with when context or client principal are missing.
+// The code of an operation that lacks the context or the client principal it needs.
 krb5_error_code MissingClient(const KrbContext& krb) {
   if (krb.context == nullptr) return kNoContext;
   return krb.client_principal == nullptr ? kNoPrincipal : 0;
@@ -125,7 +125,7 @@ std::string RealmAndComponents(krb5_const_principal principal) {
   return text;
 }
 
-// The end that both AS exchanges share: the status of a ticket just obtained.
+// How both AS exchanges end: the status of a ticket just obtained.
 int CheckInitialTicket(const krb5_creds& creds, Site site = Site::Here()) {
   Keytab::PrintCreds(creds);
   if (KrbTicketValidator::IsStartTimeValid(creds.times)) return kSuccess;
@@ -133,8 +133,8 @@ int CheckInitialTicket(const krb5_creds& creds, Site site = Site::Here()) {
   return kClockSkew;
 }
 
-// Says who a ticket's client is: realm, backslash and the last name component, each component
-// before it having been logged the same way. Empty for a principal without components.
+// Says who a ticket's client is: realm, backslash and the last name component. Logs that text once
+// for each component. Empty for a principal without components.
 std::string UserOf(krb5_const_principal client, Site site = Site::Here()) {
   std::string user;
   int index = 0;
@@ -160,7 +160,7 @@ void KeytabMatcher::Process(const krb5_keytab_entry& entry) {
   if (current_ && vno > last_vno_) {
     current_ = false;  // a newer version follows the one that matched
   } else if (vno < last_vno_) {
-    last_vno_ = vno;  // an older version after a newer one: its key does not count
+    last_vno_ = vno;  // also of an older version after a newer one: its key does not count
     return;
   }
   const krb5_keyblock& key = reference_->key;
@@ -210,7 +210,7 @@ std::uint32_t Keytab::GetNextClientVno() {
     }
     return true;
   });
-  return std::max(highest + 1, highest);  // the largest version has no next one, and 0 is none
+  return std::max(highest + 1, highest);  // the largest version has no next one; 0 is not a version
 }
 
 bool Keytab::HasKey() const {
@@ -268,13 +268,13 @@ bool Keytab::ClearKeys(std::string* error) {
       KrbFailed(closed, "Error ending keytab sequence: ", logger, context, error);
   if (removals.empty()) return !close_failed;
 
-  // The cursor is closed: a keytab must not be modified while one is open on it.
+  // The cursor is closed by now: a keytab must not be modified under an open one.
   for (; !removals.empty(); removals.pop_front()) {
     const krb5_error_code code =
         krb5_kt_remove_entry(context, context_->keytab, &removals.front().Get());
     if (KrbFailed(code, "Error removing keytab entry: ", logger, context, error)) return false;
   }
-  return true;  // also after a failed close: the keys are gone, which is what was asked for
+  return true;  // even if the close failed: the keys are gone, as asked for
 }
 
 int Keytab::ASAuthenticate(std::string* error) {
@@ -344,7 +344,7 @@ std::string Keytab::APAuthenticate(char* request, int length) {
     times_valid = KrbTicketValidator::IsTicketTimeValid(part->times);
     if (!times_valid) logger.Notice("Invalid timestamp for AP request for user: ", user);
   }
-  // Both checks are always made, so that the log has every reason for a refusal.
+  // Both checks always run, so that the log has every reason for a refusal.
   if (!SamePrincipal(context, context_->client_principal, ticket->server)) {
     logger.Notice("Invalid server principal for AP request for user ", user);
     PrintPrincipal(ticket->server, "AP request server principal: ");

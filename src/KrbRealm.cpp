@@ -18,15 +18,15 @@ namespace {
 
 const Logger logger("krb-realm");
 
-// The Kerberos mechanism identifier (RFC 1964), the content of its DER form: 1.2.840.113554.1.2.2
+// The Kerberos mechanism identifier (RFC 1964), 1.2.840.113554.1.2.2: the content of its DER form
 constexpr std::string_view kKrbOid("\x2A\x86\x48\x86\xF7\x12\x01\x02\x02");
 
-// What follows the identifier in front of an AP-REQ.
+// What stands between the identifier and an AP-REQ.
 constexpr std::string_view kApReqId("\x01\x00", 2);
 
-// Where the Kerberos identifier that counts starts in `token`; 0 when there is none. That is the
-// second one: a SPNEGO token offers the mechanism first, and its Kerberos token follows. A bare
-// token has one only. An identifier at the very end is not looked at.
+// Where in `token` the Kerberos identifier starts that precedes the request; 0 when there is none.
+// It is the second one if there are two: a SPNEGO token first offers the mechanism, then has a
+// Kerberos token. A bare token has only one. An identifier at the very end does not count.
 std::size_t FindKrbOid(std::string_view token, Site site = Site::Here()) {
   token.remove_suffix(std::min<std::size_t>(token.size(), 1));
   std::size_t position = 0;
@@ -51,7 +51,7 @@ void Explain(std::string& reason, const char* what, const JoinParameters& params
   reason = what + params.domain + separator + reason;
 }
 
-// Looks the account up. Flags that are no number are a lookup that failed.
+// Looks the account up. If its flags are not a number, the lookup failed.
 AccountObject LookUp(const Joiner& joiner, std::string& reason) {
   try {
     return joiner.GetAccountObject(&reason);
@@ -87,7 +87,7 @@ std::string KrbRealm::Authenticate(char* token, int length) {
   const std::size_t id = FindKrbOid(bytes) + kKrbOid.size();
   const std::size_t start = id + kApReqId.size();
 
-  // Only a warning: what is no AP-REQ is refused when it is read.
+  // Only a warning: reading it will refuse what is not an AP-REQ.
   if (bytes.substr(std::min(id, bytes.size()), kApReqId.size()) != kApReqId) {
     logger.Warning("Not a KRB_AP_REQ");
   }
@@ -120,7 +120,7 @@ int KrbRealm::Join(const JoinParameters& params, std::string* error) {
   Keytab keytab(&krb_context);
   if (!Join(joiner, params, &reason.text)) return kFailure;
 
-  // Keys that work are left alone, and a clock that is off is nothing a new password would mend.
+  // Keys that work stay, and a new password would not help against a clock that is off.
   int status = keytab.ASAuthenticate(&reason.text);
   if (status != kFailure) return status;
 
@@ -210,7 +210,7 @@ int KrbRealm::TestJoin(const std::string& domain, const std::string& user,
     logger.Detail("Found key for principal, testing with keytab");
     return Join(params, error);
   }
-  logger.Detail("Found key for principal, testing with password");  // "Found" all the same
+  logger.Detail("Found key for principal, testing with password");  // texts never change
   return TestJoin(params, error);
 }
 

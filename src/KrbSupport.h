@@ -1,5 +1,4 @@
-// What every user of libkrb5 here shares: owners of what it hands out, and the one way to report
-// its failures.
+// What all users of libkrb5 share: owners of its objects, and one way to report its failures.
 #ifndef TAVREL_SRC_KRBSUPPORT_H
 #define TAVREL_SRC_KRBSUPPORT_H
 
@@ -13,8 +12,8 @@
 
 namespace tavrel {
 
-// What an operation fails with when a library object it needs is not there, in place of a call that
-// would crash.
+// The code of an operation that lacks a library object it needs. Calling libkrb5 without it would
+// crash.
 inline constexpr krb5_error_code kNoContext{KV5M_CONTEXT};
 inline constexpr krb5_error_code kNoKeytab{KRB5_KT_BADNAME};
 inline constexpr krb5_error_code kNoPrincipal{KV5M_PRINCIPAL};
@@ -32,8 +31,8 @@ struct KrbFree {
 // libkrb5's text for `code`, empty when it has none. `context` may be null.
 std::string KrbMessage(krb5_context context, krb5_error_code code);
 
-// True when `code` is a failure. It is then logged at level 4, the message behind the prefix, and
-// the message alone is put into `*error`, unless that is null.
+// True when `code` is a failure. Then it logs prefix and message at level 4, and puts the message
+// alone into `*error`, unless that is null.
 bool KrbFailed(krb5_error_code code, const LogPrefix& prefix, const Logger& logger,
                krb5_context context, std::string* error = nullptr);
 

@@ -43,7 +43,7 @@ bool Ldap::Connect(const std::string& user, const std::string& password, std::st
   const Reason reason(error);
   std::string url = host;
   vdi::Ldap_encryption security = encryption;
-  // Without a scheme the configured security does not count: such a host always gets StartTLS.
+  // A host without a scheme always gets StartTLS, whatever security is configured.
   if (!StartsWith(url, "ldaps://") && !StartsWith(url, "ldap://")) {
     url.insert(0, "ldap://");
     security = vdi::LDAP_ENCRYPTION_STARTTLS;

@@ -13,8 +13,8 @@
 
 namespace tavrel {
 
-// Where a record comes from. As a default argument it names the caller of the function that has it:
-// the bare method, the line and the bare file name.
+// Where a record comes from: the bare method, the line and the bare file name. As a default
+// argument it is the place of the call.
 struct Site {
   const char* function;
   int line;
@@ -49,7 +49,7 @@ class LogValue {
   std::string_view text_;
 };
 
-// The fixed text that opens a record. Made of a literal, it also takes down where it stands.
+// The fixed text that opens a record. Made from a literal, it also notes where that stands.
 struct LogPrefix {
   LogPrefix(const char* text, Site site = Site::Here()) : text(text), site(site) {}
   LogPrefix(const std::string& text, Site site = Site::Here()) : text(text), site(site) {}
@@ -58,8 +58,8 @@ struct LogPrefix {
   Site site;
 };
 
-// A module's logger, obtained while the library loads. A record is its prefix and then the values,
-// without anything between them. Composing one allocates at most once.
+// A module's logger, obtained while the library loads. A record is its prefix followed by the
+// values, with nothing in between. Composing one allocates at most once.
 class Logger {
  public:
   explicit Logger(const char* category) : handle_(getLogger(category)) {}

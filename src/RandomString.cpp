@@ -24,7 +24,7 @@ struct FreeChain {
 };
 using BioChain = std::unique_ptr<BIO, FreeChain>;
 
-// Fills `bytes` with random ones that need no device.
+// Fills `bytes` from the kernel, without a device.
 bool FillRandomly(std::vector<unsigned char>& bytes) {
   for (std::size_t filled = 0; filled < bytes.size();) {
     const ssize_t count = getrandom(bytes.data() + filled, bytes.size() - filled, 0);
@@ -59,8 +59,8 @@ std::string RandomString(std::size_t length) {
     logger.Error("Unable to open /dev/urandom: ", std::strerror(errno));
     return "";
   }
-  // One read, its count not looked at: what it leaves of the buffer is as random. Only a kernel
-  // that gives no such bytes has to give all of them here.
+  // One read, whose count does not matter: whatever it leaves unwritten is random already. Only if
+  // that was impossible must the device give every byte.
   const bool is_filled = FillRandomly(bytes);
   const ssize_t count = read(device, bytes.data(), bytes.size());
   close(device);

@@ -1,5 +1,5 @@
-// Where an operation puts its reason for failing: the caller's text, or one that is thrown away
-// when the caller gave none.
+// Where an operation puts its reason for failing: the caller's text, or a scratch one when the
+// caller gave none.
 #ifndef TAVREL_SRC_REASON_H
 #define TAVREL_SRC_REASON_H
 

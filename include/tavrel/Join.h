@@ -32,7 +32,7 @@ class TAVREL_EXPORT JoinParameters {
                  const std::string& user, const std::string& password);
   ~JoinParameters();
 
-  /// @return the local host name (`gethostname`) up to its first "."; empty when it cannot be had,
+  /// @return the local host name (`gethostname`) up to its first "."; empty when it cannot be read,
   ///   which is logged at level 4.
   std::string GetMachineName() const;
 
@@ -53,8 +53,8 @@ class TAVREL_EXPORT JoinParameters {
   std::string GetMachineDN() const;
 
   /// @return the machine password: 50 random characters, made at the first request and the same for
-  ///   every object of the domain until the process ends; empty when none could be made, which the
-  ///   next call tries again. May be called from any thread.
+  ///   every object of the domain until the process ends; empty when none could be made: the next
+  ///   call tries again. May be called from any thread.
   /// @throws std::system_error when the lock of the cache cannot be taken
   std::string GetMachinePassword() const;
 
@@ -98,13 +98,13 @@ class TAVREL_EXPORT Joiner {
 
   /// Looks the account object up on one session (base search, RFC 4511 4.5; 5 s, 2 entries).
   /// @return with `failed` set, and the reason in `*error`, when the session has no handle or the
-  ///   search failed. An object that is absent is no failure, nor are flags that are missing or
-  ///   have several values (level 3; 4096 is assumed).
-  /// @throws std::invalid_argument, std::out_of_range when the flags are no 32-bit number
+  ///   search failed. A missing object is not a failure; neither are flags without exactly one
+  ///   value (level 3; 4096 is assumed).
+  /// @throws std::invalid_argument, std::out_of_range when the flags are not a 32-bit number
   AccountObject GetAccountObject(const Ldap& ldap, std::string* error) const;
 
   /// Asks the connected sessions in order until one could answer.
-  /// @return its answer; `failed` is set when none could, and `*error` is then as the last left it.
+  /// @return its answer; `failed` is set when none could, and `*error` is what the last one left.
   /// @throws as the form for one session
   AccountObject GetAccountObject(std::string* error) const;
 
@@ -113,7 +113,7 @@ class TAVREL_EXPORT Joiner {
   ///   otherwise.
   AccountObject AddAccountObject(AccountObject account, std::string* error) const;
 
-  /// Sets the account's password to the machine password (`unicodePwd`). The directory takes it
+  /// Sets the account's password to the machine password (`unicodePwd`). The directory accepts that
   /// only over a protected connection.
   /// @return false, with the reason in `*error`, when there is no handle or no password, or
   ///   when the server refused.

@@ -18,8 +18,8 @@ class KrbContext;
 class TAVREL_EXPORT KeytabAccumulator {
  public:
   /// Called once for every entry, in file order. The entry is valid during the call only. It must
-  /// not write to the keytab, which stays locked for reading until the last entry was seen: a key
-  /// that is written from here waits for itself for ever.
+  /// not write to the keytab, which is locked for reading until the walk ends: writing a key from
+  /// here deadlocks.
   virtual void Process(const krb5_keytab_entry& entry) = 0;
 
  protected:
@@ -59,17 +59,17 @@ class TAVREL_EXPORT KeytabPrinter : public KeytabAccumulator {
 /// The operations on the keytab and the client principal of a KrbContext. Cheap to construct; used
 /// by one thread at a time.
 ///
-/// Operations that take `error` put libkrb5's message there when they fail; it may be null. What is
-/// missing in the KrbContext makes an operation fail, never crash: no context as `KV5M_CONTEXT`, no
-/// keytab as `KRB5_KT_BADNAME`, no client principal as `KV5M_PRINCIPAL` where one is needed. A null
-/// principal equals no other.
+/// Operations that take `error` put libkrb5's message there when they fail; it may be null. An
+/// incomplete KrbContext makes an operation fail, never crash: without a context the code is
+/// `KV5M_CONTEXT`, without a keytab `KRB5_KT_BADNAME`, without a client principal `KV5M_PRINCIPAL`
+/// where one is needed. A null principal equals no other.
 class TAVREL_EXPORT Keytab {
  public:
   /// @param context not owned, must outlive the object
   explicit Keytab(KrbContext* context);
 
-  /// Calls `visitor` for every entry. An entry that cannot be read ends the walk like the end of
-  /// the keytab does.
+  /// Calls `visitor` for every entry. An entry that cannot be read ends the walk, as the end
+  /// of the keytab does.
   /// @return the code of opening (`krb5_kt_start_seq_get`) or else closing (`krb5_kt_end_seq_get`)
   ///   the cursor; 0 for success. Nothing is logged.
   krb5_error_code Iterate(KeytabAccumulator& visitor);
@@ -88,7 +88,7 @@ class TAVREL_EXPORT Keytab {
 
   /// Derives the client principal's RC4-HMAC key from `password` (`krb5_c_string_to_key`, RFC 4757)
   /// and appends it with the next key version number; writes nothing when that very key is current.
-  /// What a full disk or a crash left of an entry at the end of a keytab file is removed before.
+  /// First removes what a full disk or a crash left of an entry at the end of a keytab file.
   /// @return true when the key was added or is current already; otherwise the keytab's
   ///   keys are as before, and a level-4 record names the step.
   bool WriteKey(const std::string& password, std::string* error);

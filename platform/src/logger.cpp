@@ -79,7 +79,7 @@ std::string Time() {
   return std::string(seconds.data(), size) + "." + milliseconds + "Z";
 }
 
-// The length of the UTF-8 character that `text` starts with (RFC 3629), 0 when it starts with none.
+// The length of the UTF-8 character at the start of `text` (RFC 3629); 0 when there is none.
 std::size_t Utf8Length(std::string_view text) {
   struct Lead {
     unsigned char first, last, second_first, second_last;
@@ -114,8 +114,8 @@ constexpr std::size_t kLongestName = 256;  // of a function, a file or a logger
 
 // `text` as it may stand in a record, in at most `room` bytes; one that is cut says so at its end.
 // What a peer put into a message must not start a line of its own, steer a terminal or break a
-// reader of JSON: control characters and what is no UTF-8 become "?". What `escaped` has gets a
-// backslash.
+// reader of JSON: control characters and bytes that are not UTF-8 become "?". Characters in `escaped`
+// get a backslash.
 std::string Clean(std::string_view text, std::size_t room, std::string_view escaped = "") {
   const std::string mark = "... (cut, of " + std::to_string(text.size()) + " bytes)";
   std::string clean;
