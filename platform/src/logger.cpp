@@ -114,8 +114,8 @@ constexpr std::size_t kLongestName = 256;  // of a function, a file or a logger
 
 // `text` as it may stand in a record, in at most `room` bytes; one that is cut says so at its end.
 // What a peer put into a message must not start a line of its own, steer a terminal or break a
-// reader of JSON: control characters and bytes that are not UTF-8 become "?". Characters in `escaped`
-// get a backslash.
+// reader of JSON: control characters and bytes that are not UTF-8 become "?". Characters in
+// `escaped` get a backslash.
 std::string Clean(std::string_view text, std::size_t room, std::string_view escaped = "") {
   const std::string mark = "... (cut, of " + std::to_string(text.size()) + " bytes)";
   std::string clean;
