@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "Directory.h"
-#include "Interpose.h"
-#include "LdapRequest.h"
+#include "Hex.h"
 #include "LogCapture.h"
 #include "MachineName.h"
 #include "tavrel/DiscoveryService.h"
@@ -93,43 +92,9 @@ TEST_F(AccountTest, IsReachedThroughTheSecondServerWhenTheFirstIsDead) {
   const AccountObject account = joiner.GetAccountObject(&error);
   EXPECT_FALSE(account.failed);
   EXPECT_EQ(account.ldap, joiner.sessions.back().handle);
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 ldap Connect: Connecting to host: ldap://dead.corp.example.com",
-                          "3 ldap Connect: LDAP starttls failed against "
-                          "ldap://dead.corp.example.com: Can't contact LDAP server",
-                          "1 ldap Connect: Connecting to host: ldap://dc1.corp.example.com",
-                          "1 ldap Connect: LDAP bind is successful",
-                          "1 ldap-join GetAccountObject: Getting account object from "
-                          "dc1.corp.example.com",
-                          "1 ldap-join GetAccountObject: Found account object from "
-                          "dc1.corp.example.com"));
-}
-
-TEST_F(AccountTest, IsNotReachedWhenEveryServerRefuses) {
-  const JoinParameters params =
-      Params({Server("dead.corp.example.com"), Server(kDc1)}, kAdmin, "Wrong.Pass.1");
-  Joiner joiner(&params, &discovery);
-
-  const bool connected = joiner.Connect(&error);
-
-  EXPECT_FALSE(connected);
-  EXPECT_EQ(error, "Invalid credentials");
-  EXPECT_THAT(joiner.sessions, testing::Each(testing::Field(&Ldap::handle, nullptr)));
-}
-
-TEST_F(AccountTest, GetsMoreSessionsFromASecondConnect) {
-  const JoinParameters params = Params({Server(kDc1), Server("dc2.corp.example.com")});
-  Joiner joiner(&params, &discovery);
-
-  EXPECT_TRUE(joiner.Connect(&error));
-  EXPECT_TRUE(joiner.Connect(&error));
-
-  std::vector<std::string> hosts;
-  for (const Ldap& session : joiner.sessions) {
-    EXPECT_NE(session.handle, nullptr);
-    hosts.push_back(session.host);
-  }
-  EXPECT_THAT(hosts, ElementsAre(kDc1, "dc2.corp.example.com", kDc1, "dc2.corp.example.com"));
+  EXPECT_THAT(log.Notable(),
+              ElementsAre("3 ldap Connect: LDAP starttls failed against "
+                          "ldap://dead.corp.example.com: Can't contact LDAP server"));
 }
 
 TEST_F(AccountTest, IsReachedThroughServersThatTheDnsNames) {
@@ -147,23 +112,6 @@ TEST_F(AccountTest, IsReachedThroughServersThatTheDnsNames) {
                                                       "dc2.corp.example.com:389 bound"));
 }
 
-TEST_F(AccountTest, IsOutOfReachWhenTheDnsNamesNobody) {
-  const JoinParameters params("nowhere.example.com", {}, kAdmin, kAdminPassword);
-  Joiner joiner(&params, &discovery);
-  LogCapture log;
-
-  const bool connected = joiner.Connect(&error);
-
-  EXPECT_FALSE(connected);
-  EXPECT_EQ(error, "Unable to find ldap host for domain");
-  EXPECT_THAT(joiner.sessions, IsEmpty());
-  EXPECT_THAT(
-      log.Lines(),
-      ElementsAre("1 discovery GetLDAPHosts: Discovering dns hosts for domain NOWHERE.EXAMPLE.COM",
-                  "4 discovery GetLDAPHosts: Error in dns search for domain  NOWHERE.EXAMPLE.COM",
-                  "4 ldap-join Connect: Unable to find ldap host for domain NOWHERE.EXAMPLE.COM"));
-}
-
 // --- lookup --------------------------------------------------------------------------------------
 
 TEST_F(BoundAccountTest, IsAbsentBeforeItIsAdded) {
@@ -175,7 +123,7 @@ TEST_F(BoundAccountTest, IsAbsentBeforeItIsAdded) {
   EXPECT_FALSE(account.exists);
   EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
   EXPECT_EQ(error, "");
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(BoundAccountTest, HasTheFlagsThatTheDirectoryHas) {
@@ -188,8 +136,7 @@ TEST_F(BoundAccountTest, HasTheFlagsThatTheDirectoryHas) {
   EXPECT_TRUE(account.exists);
   EXPECT_EQ(account.user_account_control, 4098U);
   EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
-  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap-join GetAccountObject: Found user account control "
-                                       "on dc1.corp.example.com: 4098"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(BoundAccountTest, IsTakenForAWorkstationWithoutASingleValue) {
@@ -207,7 +154,7 @@ TEST_F(BoundAccountTest, IsTakenForAWorkstationWithoutASingleValue) {
     EXPECT_FALSE(account.failed);
     EXPECT_TRUE(account.exists);
     EXPECT_EQ(account.user_account_control, 4096U);
-    EXPECT_THAT(log.Lines(), ElementsAre("3 ldap-join GetAccountObject: " + warning + kDc1));
+    EXPECT_THAT(log.Notable(), ElementsAre("3 ldap-join GetAccountObject: " + warning + kDc1));
     admin.Delete(kDn);
   }
 }
@@ -216,12 +163,6 @@ TEST_F(BoundAccountTest, MakesTheLookupThrowWhenItsFlagsAreNoNumber) {
   AddAccount({"none"});
 
   EXPECT_THROW(Lookup(), std::invalid_argument);
-}
-
-TEST_F(BoundAccountTest, MakesTheLookupThrowWhenItsFlagsAreBeyond32Bits) {
-  AddAccount({"2147483648"});
-
-  EXPECT_THROW(Lookup(), std::out_of_range);
 }
 
 TEST_F(BoundAccountTest, IsNotLookedForOnTheServerOfAReferral) {
@@ -233,8 +174,8 @@ TEST_F(BoundAccountTest, IsNotLookedForOnTheServerOfAReferral) {
   EXPECT_TRUE(account.failed);
   EXPECT_FALSE(account.exists);
   EXPECT_EQ(error, "Referral");
-  EXPECT_THAT(log.Lines(), ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: "
-                                       "Referral"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: "
+                                         "Referral"));
 }
 
 TEST_F(BoundAccountTest, IsLookedForOnTheNextSessionWhenASearchFails) {
@@ -252,16 +193,8 @@ TEST_F(BoundAccountTest, IsLookedForOnTheNextSessionWhenASearchFails) {
   EXPECT_EQ(account.user_account_control, 514U);
   EXPECT_EQ(account.ldap, both.sessions.back().handle);
   EXPECT_EQ(error, "Insufficient access");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 ldap-join GetAccountObject: Getting account object from "
-                          "dc1.corp.example.com",
-                          "4 ldap-join GetAccountObject: LDAP search failed: Insufficient access",
-                          "1 ldap-join GetAccountObject: Getting account object from "
-                          "dc1.corp.example.com",
-                          "1 ldap-join GetAccountObject: Found user account control on "
-                          "dc1.corp.example.com: 514",
-                          "1 ldap-join GetAccountObject: Found account object from "
-                          "dc1.corp.example.com"));
+  EXPECT_THAT(log.Notable(),
+              ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: Insufficient access"));
 }
 
 TEST_F(BoundAccountTest, IsDecidedByTheFirstServerThatAnswers) {
@@ -281,12 +214,6 @@ TEST_F(BoundAccountTest, IsDecidedByTheFirstServerThatAnswers) {
 // --- creation ------------------------------------------------------------------------------------
 
 TEST_F(BoundAccountTest, IsAddedWithTwelveAttributes) {
-  std::vector<std::string> request;
-  const StandIn watched(calls::ldap_add_ext_s, [&](LDAP* ldap, const char* dn, LDAPMod** attributes,
-                                                   LDAPControl** server, LDAPControl** client) {
-    request = Describe(attributes);
-    return calls::ldap_add_ext_s.Real(ldap, dn, attributes, server, client);
-  });
   LogCapture log;
 
   const AccountObject account = joiner.AddAccountObject(Lookup(), &error);
@@ -294,18 +221,7 @@ TEST_F(BoundAccountTest, IsAddedWithTwelveAttributes) {
   EXPECT_FALSE(account.failed) << error;
   EXPECT_TRUE(account.exists);
   EXPECT_EQ(account.user_account_control, 4096U);
-  EXPECT_THAT(log.Lines(), IsEmpty());
-  EXPECT_THAT(
-      request,
-      ElementsAre("add objectClass: user, computer", "add userAccountControl: 4096",
-                  "add dNSHostName: appliance.CORP.EXAMPLE.COM", "add cn: APPLIANCE",
-                  "add name: APPLIANCE", "add sAMAccountName: APPLIANCE$",
-                  "add displayName: APPLIANCE",
-                  "add servicePrincipalName: HOST/APPLIANCE, HOST/appliance.CORP.EXAMPLE.COM",
-                  "add msDs-supportedEncryptionTypes: 4", "add instanceType: 4",
-                  "add operatingSystem: Linux",
-                  "add objectCategory: "
-                  "CN=Computer,CN=Schema,CN=Configuration,dc=CORP,dc=EXAMPLE,dc=COM"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
   const Object expected = {
       {"objectClass", {"user", "computer"}},
       {"userAccountControl", {"4096"}},
@@ -324,15 +240,6 @@ TEST_F(BoundAccountTest, IsAddedWithTwelveAttributes) {
   EXPECT_EQ(admin.Read(kDn), expected);
 }
 
-TEST_F(BoundAccountTest, IsFoundOnceItIsAdded) {
-  joiner.AddAccountObject(Lookup(), &error);
-
-  const AccountObject account = joiner.GetAccountObject(&error);
-
-  EXPECT_TRUE(account.exists);
-  EXPECT_EQ(account.user_account_control, 4096U);
-}
-
 TEST_F(BoundAccountTest, IsNotAddedTwice) {
   AddAccount({"514"});
   LogCapture log;
@@ -343,7 +250,7 @@ TEST_F(BoundAccountTest, IsNotAddedTwice) {
   EXPECT_TRUE(account.failed);
   EXPECT_FALSE(account.exists);
   EXPECT_EQ(error, "Already exists");
-  EXPECT_THAT(log.Lines(),
+  EXPECT_THAT(log.Notable(),
               ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Already exists"));
   EXPECT_EQ(Stored("userAccountControl"), "514");
 }
@@ -366,8 +273,7 @@ TEST_F(BoundAccountTest, BecomesAnEnabledWorkstationAndKeepsItsOtherFlags) {
 
     EXPECT_TRUE(set) << error;
     EXPECT_EQ(Stored("userAccountControl"), after);
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("1 ldap-join SetProperties: Setting user account control: " + after));
+    EXPECT_THAT(log.Notable(), IsEmpty());
     admin.Delete(kDn);
   }
 }
@@ -393,7 +299,7 @@ TEST_F(BoundAccountTest, GetsTheQuotedMachinePasswordInUtf16) {
   }
 
   EXPECT_THAT(expected, SizeIs(104));
-  EXPECT_THAT(log.Lines("ldap-join"), SizeIs(2));  // of the lookups
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(AccountTest, IsNotChangedByAUserWhoMayOnlyRead) {
@@ -413,9 +319,8 @@ TEST_F(AccountTest, IsNotChangedByAUserWhoMayOnlyRead) {
 
   EXPECT_EQ(Stored("userAccountControl"), "514");
   EXPECT_EQ(admin.Read(kDn)->count("unicodePwd"), 0U);
-  EXPECT_THAT(log.Lines(),
+  EXPECT_THAT(log.Notable(),
               ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Insufficient access",
-                          "1 ldap-join SetProperties: Setting user account control: 4096",
                           "4 ldap-join SetProperties: LDAP modify failed: Insufficient access",
                           "4 ldap-join SetPassword: LDAP modify failed: Insufficient access"));
 }

@@ -16,10 +16,6 @@ using testing::SizeIs;
 using testing::UnorderedElementsAre;
 using testing::UnorderedElementsAreArray;
 
-std::string Started(const std::string& domain) {
-  return "1 discovery GetLDAPHosts: Discovering dns hosts for domain " + domain;
-}
-
 // The server rotates the records of its answers, so their order is not compared.
 
 TEST(DnsDiscovery, FindsTheControllersOfADomain) {
@@ -29,16 +25,7 @@ TEST(DnsDiscovery, FindsTheControllersOfADomain) {
 
   EXPECT_THAT(hosts, UnorderedElementsAre("dead.corp.example.com:389", "dc1.corp.example.com:389",
                                           "dc2.corp.example.com:389"));
-  const std::vector<std::string> lines = log.Lines();
-  ASSERT_THAT(lines, SizeIs(7));
-  EXPECT_EQ(lines[0], Started("corp.example.com"));
-  EXPECT_THAT(lines, UnorderedElementsAre(
-                         Started("corp.example.com"), "1 discovery GetLDAPHosts: SRV Port: 389",
-                         "1 discovery GetLDAPHosts: SRV Target: dead.corp.example.com",
-                         "1 discovery GetLDAPHosts: SRV Port: 389",
-                         "1 discovery GetLDAPHosts: SRV Target: dc1.corp.example.com",
-                         "1 discovery GetLDAPHosts: SRV Port: 389",
-                         "1 discovery GetLDAPHosts: SRV Target: dc2.corp.example.com"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(DnsDiscovery, FindsThemByTheDomainInUpperCaseAndFullyQualified) {
@@ -68,9 +55,7 @@ TEST(DnsDiscovery, TakesTheRootForAServer) {
   const auto hosts = DNSDiscoveryService().GetLDAPHosts("none.example.com");
 
   EXPECT_THAT(hosts, ElementsAre(".:1"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(Started("none.example.com"), "1 discovery GetLDAPHosts: SRV Port: 1",
-                          "1 discovery GetLDAPHosts: SRV Target: ."));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 // The resolver does not tell a name that does not exist from one without such records.
@@ -81,10 +66,8 @@ TEST(DnsDiscovery, FindsNothingWithoutTheNameOrWithoutItsRecords) {
     const auto hosts = DNSDiscoveryService().GetLDAPHosts(domain);
 
     EXPECT_THAT(hosts, IsEmpty());
-    EXPECT_THAT(log.Lines(), ElementsAre(Started(domain),
-                                         "4 discovery GetLDAPHosts: Error in dns search for "
-                                         "domain  " +
-                                             domain));
+    EXPECT_THAT(log.Notable(),
+                ElementsAre("4 discovery GetLDAPHosts: Error in dns search for domain  " + domain));
   }
 }
 

@@ -16,8 +16,6 @@ using testing::ElementsAre;
 using Mechanism = GssClient::Mechanism;
 
 constexpr char kAlice[] = "CORP.EXAMPLE.COM\\alice";
-constexpr char kAccepted[] =
-    "1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\alice\n";
 
 class DomainAuthentication : public JoinScenario {
  public:
@@ -38,42 +36,25 @@ class DomainAuthentication : public JoinScenario {
 
   // The machine's own service, whose principal the join sets.
   std::string Machine() const { return account + "$@" + Lab("REALM"); }
-
-  // What the log says of a token in which the Kerberos identifier stands that many times.
-  static std::string Located(const std::vector<char>& token, int identifiers) {
-    static constexpr char kIdentifier[] = "\x2a\x86\x48\x86\xf7\x12\x01\x02\x02";
-    const std::string bytes(token.begin(), token.end());
-    std::string log = "1 krb-realm Authenticate: Auth request received of length " +
-                      std::to_string(bytes.size()) + "\n";
-    std::size_t at = 0;
-    for (int i = 0; i < identifiers; ++i) {
-      at = bytes.find(kIdentifier, i == 0 ? 0 : at + 1);
-      log += "1 krb-realm Authenticate: Found KRB OID at index " + std::to_string(at) + "\n";
-    }
-    return log + "1 krb-realm Authenticate: Sending in at index " + std::to_string(at + 11) +
-           ", first data byte n\n";
-  }
 };
 
 struct Service {
   const char* name;
   const char* principal;
   Mechanism mechanism;
-  int identifiers;
 };
 class AuthenticationAt : public DomainAuthentication,
                          public testing::WithParamInterface<Service> {};
 INSTANTIATE_TEST_SUITE_P(
     Service, AuthenticationAt,
-    testing::Values(Service{"TheAccount", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kKerberos, 1},
-                    Service{"TheAccountBySpnego", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kSpnego,
-                            2},
-                    Service{"TheHost", "HOST/SERVICE@CORP.EXAMPLE.COM", Mechanism::kKerberos, 1},
+    testing::Values(Service{"TheAccount", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kKerberos},
+                    Service{"TheAccountBySpnego", "SERVICE$@CORP.EXAMPLE.COM", Mechanism::kSpnego},
+                    Service{"TheHost", "HOST/SERVICE@CORP.EXAMPLE.COM", Mechanism::kKerberos},
                     // the directory takes a web server for the host that it runs on
                     Service{"TheWebServer", "HTTP/service.CORP.EXAMPLE.COM@CORP.EXAMPLE.COM",
-                            Mechanism::kSpnego, 2},
+                            Mechanism::kSpnego},
                     Service{"TheHostBySpnego", "HOST/service.CORP.EXAMPLE.COM@CORP.EXAMPLE.COM",
-                            Mechanism::kSpnego, 2}),
+                            Mechanism::kSpnego}),
     [](const auto& test) { return test.param.name; });
 
 TEST_P(AuthenticationAt, AcceptsAliceByHerRealmAndName) {
@@ -85,7 +66,7 @@ TEST_P(AuthenticationAt, AcceptsAliceByHerRealmAndName) {
   const Answer answer = Authenticate(realm, token);
 
   EXPECT_EQ(answer.user, "CORP.EXAMPLE.COM\\alice");
-  EXPECT_EQ(answer.log, Log({Located(token, GetParam().identifiers), kAccepted}));
+  EXPECT_EQ(answer.log, "");
 }
 
 TEST_F(DomainAuthentication, AcceptsAMachineAsAUser) {
@@ -100,9 +81,7 @@ TEST_F(DomainAuthentication, AcceptsAMachineAsAUser) {
   const Answer answer = Authenticate(realm, token);
 
   EXPECT_EQ(answer.user, "CORP.EXAMPLE.COM\\CALLER$");
-  EXPECT_EQ(answer.log,
-            Log({Located(token, 1),
-                 "1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\CALLER$\n"}));
+  EXPECT_EQ(answer.log, "");
 }
 
 TEST_F(DomainAuthentication, AcceptsATicketOfTheEarlierPassword) {
@@ -122,9 +101,9 @@ TEST_F(DomainAuthentication, AcceptsATicketOfTheEarlierPassword) {
   const Answer late_answer = Authenticate(realm, late_token);
 
   EXPECT_EQ(early_answer.user, kAlice);
-  EXPECT_EQ(early_answer.log, Log({Located(early_token, 1), kAccepted}));
+  EXPECT_EQ(early_answer.log, "");
   EXPECT_EQ(late_answer.user, kAlice);
-  EXPECT_EQ(late_answer.log, Log({Located(late_token, 1), kAccepted}));
+  EXPECT_EQ(late_answer.log, "");
 }
 
 // Only the ticket is asked, and nobody takes back one that was issued.
@@ -168,8 +147,7 @@ TEST_F(DomainAuthentication, RefusesAReplay) {
   const Answer fresh = Authenticate(realm, alice.Token(Machine()));
 
   EXPECT_EQ(answer.user, "");
-  EXPECT_EQ(answer.log, Log({Located(token, 1),
-                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+  EXPECT_EQ(answer.log, Log({"4 krb-keytab APAuthenticate: Error reading AP request: "
                              "Request is a replay\n"}));
   EXPECT_EQ(fresh.user, kAlice);
 }
@@ -186,8 +164,7 @@ TEST_F(DomainAuthentication, RefusesATicketForAnotherMachine) {
   const Answer answer = Authenticate(realm, token);
 
   EXPECT_EQ(answer.user, "");
-  EXPECT_EQ(answer.log, Log({Located(token, 1),
-                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+  EXPECT_EQ(answer.log, Log({"4 krb-keytab APAuthenticate: Error reading AP request: "
                              "Request ticket server ANOTHER$@CORP.EXAMPLE.COM not found in keytab "
                              "(ticket kvno 1)\n"}));
 }
@@ -203,11 +180,8 @@ TEST_F(DomainAuthentication, AcceptsNobodyBeforeAJoin) {
 
   EXPECT_EQ(answer.user, "");
   EXPECT_EQ(answer.log,
-            Log({Located(token, 1), kAccepted,
-                 "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
-                 "CORP.EXAMPLE.COM\\alice\n"
-                 "1 krb-keytab PrintPrincipal: AP request server principal: "
-                 "UNJOINED$@CORP.EXAMPLE.COM\n"}));
+            Log({"2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
+                 "CORP.EXAMPLE.COM\\alice\n"}));
 }
 
 TEST_F(DomainAuthentication, AcceptsNobodyWhenTheKeytabServesAnotherMachineFirst) {
@@ -226,13 +200,8 @@ TEST_F(DomainAuthentication, AcceptsNobodyWhenTheKeytabServesAnotherMachineFirst
   // Machines of one process have one password, and with it one key: the first entry fits.
   EXPECT_EQ(answer.user, "");
   EXPECT_EQ(answer.log,
-            Log({Located(token, 1), kAccepted,
-                 "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
-                 "CORP.EXAMPLE.COM\\alice\n"
-                 "1 krb-keytab PrintPrincipal: AP request server principal: "
-                 "FORMER$@CORP.EXAMPLE.COM\n"
-                 "1 krb-keytab PrintPrincipal: Joined server principal: "
-                 "LATTER$@CORP.EXAMPLE.COM\n"}));
+            Log({"2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
+                 "CORP.EXAMPLE.COM\\alice\n"}));
 }
 
 TEST_F(DomainAuthentication, RefusesATicketThatExpiredByTheMachinesClock) {
@@ -246,8 +215,7 @@ TEST_F(DomainAuthentication, RefusesATicketThatExpiredByTheMachinesClock) {
 
   EXPECT_EQ(answer.user, "");
   EXPECT_EQ(answer.log,
-            Log({Located(token, 1), kAccepted,
-                 "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
+            Log({"2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
                  "CORP.EXAMPLE.COM\\alice\n"}));
 }
 
@@ -261,8 +229,7 @@ TEST_F(DomainAuthentication, RefusesEveryoneWithoutItsKeytab) {
   const Answer answer = Authenticate(realm, token);
 
   EXPECT_EQ(answer.user, "");
-  EXPECT_EQ(answer.log, Log({Located(token, 1),
-                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+  EXPECT_EQ(answer.log, Log({"4 krb-keytab APAuthenticate: Error reading AP request: "
                              "Key table file '{KEYTAB}' not found\n"}));
 }
 
@@ -276,8 +243,7 @@ TEST_F(DomainAuthentication, RefusesEveryoneAfterAJoinWithoutAKeytab) {
   const Answer answer = Authenticate(realm, token);
 
   EXPECT_EQ(answer.user, "");
-  EXPECT_EQ(answer.log, Log({Located(token, 1),
-                             "4 krb-keytab APAuthenticate: Error reading AP request: "
+  EXPECT_EQ(answer.log, Log({"4 krb-keytab APAuthenticate: Error reading AP request: "
                              "Key table name malformed\n"}));
 }
 
@@ -291,9 +257,7 @@ TEST_F(DomainAuthentication, RefusesWhatIsNoToken) {
 
   EXPECT_EQ(answer.user, "");
   EXPECT_EQ(answer.log,
-            "1 krb-realm Authenticate: Auth request received of length 20\n"
             "3 krb-realm Authenticate: Not a KRB_AP_REQ\n"
-            "1 krb-realm Authenticate: Sending in at index 11, first data byte  \n"
             "4 krb-keytab APAuthenticate: Error reading AP request: Invalid message type\n");
 }
 

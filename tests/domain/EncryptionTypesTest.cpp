@@ -49,10 +49,10 @@ TEST_P(AccountOfEncryptionTypes, JoinsAlwaysButSignsInByRc4Alone) {
   EXPECT_EQ(joined.error, kUntouched);
   EXPECT_EQ(user, accepted ? "CORP.EXAMPLE.COM\\alice" : "");
   EXPECT_THAT(TakeLog(),
-              testing::EndsWith(accepted ? "AP request (0): CORP.EXAMPLE.COM\\alice\n"
-                                         : "4 krb-keytab APAuthenticate: Error reading AP request: "
-                                           "Request ticket server TYPES$@CORP.EXAMPLE.COM kvno 1 "
-                                           "found in keytab but not with enctype aes256-cts\n"));
+              testing::StrEq(accepted ? ""
+                                      : "4 krb-keytab APAuthenticate: Error reading AP request: "
+                                        "Request ticket server TYPES$@CORP.EXAMPLE.COM kvno 1 "
+                                        "found in keytab but not with enctype aes256-cts\n"));
   // A join leaves the attribute of an account that it found as it was.
   const Attributes attributes = directory.Read(account);
   const auto types = attributes.find("msDS-SupportedEncryptionTypes");

@@ -1,13 +1,11 @@
 #include "JoinScenario.h"
 
-#include <krb5.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 #include <stdexcept>
 
@@ -36,43 +34,9 @@ void RunCommand(const std::string& command) {
   if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
 }
 
-// A keytab as libkrb5 itself opens it.
-class KeytabFile {
- public:
-  explicit KeytabFile(const std::string& path) {
-    if (krb5_init_context(&context) != 0) throw std::runtime_error("no context");
-    if (krb5_kt_resolve(context, ("FILE:" + path).c_str(), &keytab) != 0) {
-      krb5_free_context(context);
-      throw std::runtime_error("no keytab");
-    }
-  }
-  KeytabFile(const KeytabFile&) = delete;
-  KeytabFile& operator=(const KeytabFile&) = delete;
-  ~KeytabFile() {
-    krb5_kt_close(context, keytab);
-    krb5_free_context(context);
-  }
-
-  // Calls `visit` for every entry; for none when the file cannot be read.
-  template <typename Visit>
-  void ForEach(Visit visit) const {
-    krb5_kt_cursor cursor = nullptr;
-    if (krb5_kt_start_seq_get(context, keytab, &cursor) != 0) return;
-    krb5_keytab_entry entry;
-    while (krb5_kt_next_entry(context, keytab, &entry, &cursor) == 0) {
-      visit(entry);
-      krb5_free_keytab_entry_contents(context, &entry);
-    }
-    krb5_kt_end_seq_get(context, keytab, &cursor);
-  }
-
-  krb5_context context = nullptr;
-  krb5_keytab keytab = nullptr;
-};
-
 }  // namespace
 
-JoinScenario::JoinScenario() : began_(std::time(nullptr)), host_name_(HostName()) {}
+JoinScenario::JoinScenario() : host_name_(HostName()) {}
 
 void JoinScenario::TearDown() {
   while (!variables_.empty())
@@ -90,10 +54,8 @@ void JoinScenario::TearDown() {
       kChangedPassword,
       Parameters().GetMachinePassword(),
       JoinParameters(Lab("REALM"), {}, "", "").GetMachinePassword()};
-  KeytabFile(keytab).ForEach([&](const krb5_keytab_entry& entry) {
-    const std::string key(reinterpret_cast<const char*>(entry.key.contents), entry.key.length);
-    secrets.insert(secrets.end(), {key, Hex(key)});
-  });
+  for (const StoredKey& stored : ReadKeytab("FILE:" + keytab))
+    secrets.insert(secrets.end(), {stored.key, Hex(stored.key)});
   for (const std::string& secret : secrets) {
     if (secret.empty()) continue;
     EXPECT_EQ(written_.find(secret), std::string::npos) << "a secret was told";
@@ -133,22 +95,13 @@ Outcome JoinScenario::TestJoin(KrbRealm& realm) {
 }
 
 std::string JoinScenario::TakeLog() {
-  static constexpr std::string_view kEntry = "1 krb-keytab Process: Key: ";
-  static constexpr std::string_view kAt = " at ";
-  std::string lines;
-  for (std::string line : log_.Lines()) {
-    if (line.compare(0, kEntry.size(), kEntry) == 0) {
-      const std::size_t number = line.rfind(kAt) + kAt.size();
-      const long written = std::stol(line.substr(number));
-      // libkrb5's clock is the KDC's, as far as it knows it: it may be a second off.
-      const bool now = written >= began_ - 1 && written <= std::time(nullptr) + 1;
-      if (now) line.replace(number, std::string::npos, "{TIME}");
-    }
-    lines += line + "\n";
-  }
+  std::string notable;
+  for (const std::string& line : log_.Notable())
+    notable += line + "\n";
+  for (const std::string& line : log_.Lines())
+    written_ += line + "\n";
   log_.Clear();
-  written_ += lines;
-  return lines;
+  return notable;
 }
 
 std::string JoinScenario::Log(const std::vector<std::string_view>& blocks) const {
@@ -180,16 +133,7 @@ void JoinScenario::PasswordChangedByOthers() {
 }
 
 void JoinScenario::AddKey(const std::string& name, const std::string& key_password) const {
-  const KeytabFile file(keytab);
-  const ParsedPrincipal principal(name + "$@" + Lab("REALM"));
-  std::string key = Rc4Key(key_password);
-  krb5_keytab_entry entry{};
-  entry.principal = principal.Get();
-  entry.vno = 1;
-  entry.key.enctype = ENCTYPE_ARCFOUR_HMAC;
-  entry.key.length = static_cast<unsigned>(key.size());
-  entry.key.contents = reinterpret_cast<krb5_octet*>(key.data());
-  if (krb5_kt_add_entry(file.context, file.keytab, &entry) != 0) throw std::runtime_error("no key");
+  AppendKey("FILE:" + keytab, {name + "$@" + Lab("REALM"), 1, Rc4Key(key_password)});
 }
 
 std::string JoinScenario::PasswordState() const {
@@ -198,15 +142,11 @@ std::string JoinScenario::PasswordState() const {
 }
 
 std::vector<std::string> JoinScenario::Entries() const {
-  const KeytabFile file(keytab);
   std::vector<std::string> entries;
-  file.ForEach([&](const krb5_keytab_entry& entry) {
-    char* name = nullptr;
-    if (krb5_unparse_name(file.context, entry.principal, &name) != 0) return;
-    entries.push_back(std::string(name) + " version " + std::to_string(entry.vno) + " enctype " +
-                      std::to_string(entry.key.enctype));
-    krb5_free_unparsed_name(file.context, name);
-  });
+  for (const StoredKey& stored : ReadKeytab("FILE:" + keytab)) {
+    entries.push_back(stored.principal + " version " + std::to_string(stored.vno) + " enctype " +
+                      std::to_string(stored.etype));
+  }
   return entries;
 }
 

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <list>
 #include <set>
@@ -35,7 +34,7 @@ constexpr char kChangedPassword[] = "Changed.Pass.1";
 struct Outcome {
   int status;
   std::string error;
-  std::string log;  // a line for each record, see LogCapture::Lines()
+  std::string log;  // a line for each record from level 2 up, see LogCapture::Notable()
 };
 
 class JoinScenario : public testing::Test {
@@ -105,7 +104,6 @@ class JoinScenario : public testing::Test {
 
  private:
   LogCapture log_;
-  time_t began_;
   std::string host_name_;                // to be restored
   std::set<std::string> accounts_;       // to be removed
   std::list<ScopedVariable> variables_;  // to be restored

@@ -10,13 +10,6 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr char kWithKeytab[] =
-    "1 krb-realm TestJoin: Found key for principal, testing with keytab\n";
-constexpr char kWithPassword[] =
-    "1 krb-realm TestJoin: Found key for principal, testing with password\n";
-constexpr char kUnreadable[] =
-    "4 krb-keytab HasKey: Error starting keytab sequence: Key table file '{KEYTAB}' not found\n";
-
 class DomainJoinTest : public JoinScenario {};
 
 TEST_F(DomainJoinTest, WithAKeyInTheKeytabIsTheJoin) {
@@ -30,7 +23,7 @@ TEST_F(DomainJoinTest, WithAKeyInTheKeytabIsTheJoin) {
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, kUntouched);
-  EXPECT_EQ(tested.log, Log({kWithKeytab, kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(tested.log, Log({kJoined}));
   EXPECT_EQ(PasswordState(), password_state);
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
@@ -45,8 +38,7 @@ TEST_F(DomainJoinTest, WithAKeyThatNoLongerWorksMendsTheJoin) {
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, "Preauthentication failed");
-  EXPECT_EQ(tested.log, Log({kWithKeytab, kDiscovered, kBound, kPresent, kAlreadyIn, kKeyRefused,
-                             kPresent, kTicket, kKey1, kKey2, kTicket}));
+  EXPECT_EQ(tested.log, Log({kJoined, kKeyRefused}));
   EXPECT_THAT(Entries(), ElementsAre("MENDED$@CORP.EXAMPLE.COM version 1 enctype 23",
                                      "MENDED$@CORP.EXAMPLE.COM version 2 enctype 23"));
 }
@@ -62,11 +54,10 @@ TEST_F(DomainJoinTest, WithoutAKeytabSetsThePasswordOfANewMachineAndWritesNoKey)
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, "KDC has no support for encryption type");
-  EXPECT_EQ(tested.log, Log({kUnreadable, kWithPassword, kDiscovered, kBound, kAbsent, kAdded,
-                             kNoPasswordYet, kPresent, kTicket}));
+  EXPECT_EQ(tested.log, Log({kNoKeytab, kJoined, kNoPasswordYet}));
   EXPECT_FALSE(wrote_keytab);
   EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.log, Log(kKeylessMachine));
+  EXPECT_EQ(joined.log, Log({kJoined}));
   EXPECT_NE(PasswordState(), password_state);
 }
 
@@ -80,8 +71,7 @@ TEST_F(DomainJoinTest, WithKeysOfOthersOnlyGoesByThePassword) {
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, "KDC has no support for encryption type");
-  EXPECT_EQ(tested.log, Log({kWithPassword, kDiscovered, kBound, kAbsent, kAdded, kNoPasswordYet,
-                             kPresent, kTicket}));
+  EXPECT_EQ(tested.log, Log({kJoined, kNoPasswordYet}));
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
 
@@ -97,8 +87,7 @@ TEST_F(DomainJoinTest, APasswordThatIsAcceptedIsKept) {
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, kUntouched);
-  EXPECT_EQ(tested.log,
-            Log({kUnreadable, kWithPassword, kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(tested.log, Log({kNoKeytab, kJoined}));
   EXPECT_EQ(PasswordState(), password_state);
   EXPECT_NE(access(keytab.c_str(), F_OK), 0);
 }
@@ -118,10 +107,10 @@ TEST_F(DomainJoinTest, APasswordChangedByOthersIsSetAgain) {
 
   EXPECT_EQ(tested.status, kSuccess);
   EXPECT_EQ(tested.error, "Preauthentication failed");
-  EXPECT_EQ(tested.log, Log({kBound, kPresent, kAlreadyIn, kPasswordRefused, kPresent, kTicket}));
+  EXPECT_EQ(tested.log, Log({kJoined, kPasswordRefused}));
   EXPECT_EQ(again.status, kSuccess);
   EXPECT_EQ(again.error, kUntouched);
-  EXPECT_EQ(again.log, Log({kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(again.log, Log({kJoined}));
   EXPECT_EQ(PasswordState(), password_state);
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
@@ -135,7 +124,7 @@ TEST_F(DomainJoinTest, ADomainInLowerCaseIsTheSameDomain) {
   const Outcome tested = TestJoin(realm);
 
   EXPECT_EQ(tested.status, kSuccess);
-  EXPECT_EQ(tested.log, Log({kWithKeytab, kDiscovered, kBound, kPresent, kAlreadyIn, kTicket}));
+  EXPECT_EQ(tested.log, Log({kJoined}));
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ class Expired : public Authentication {
 class ToAnother : public Authentication {
  public:
   ToAnother() {
-    AppendKey(world.keytab, "other@" + world.far_side.domain, 1, "Other.1");
+    AppendKey(world.keytab, {"other@" + world.far_side.domain, 1, Rc4Key("Other.1")});
     ForgedTicket ticket = Ticket();
     ticket.server = {"other"};
     ticket.password = "Other.1";

@@ -4,10 +4,10 @@
 #include <set>
 #include <sstream>
 
-#include "Keys.h"
 #include "KrbSettings.h"
 #include "Ledger.h"
 #include "LogCapture.h"
+#include "ScratchKeytab.h"
 #include "tavrel/Join.h"
 
 namespace tavrel::tests {
@@ -49,11 +49,11 @@ std::string Normal(const World& world, std::string text) {
 
 struct Snapshot {
   explicit Snapshot(const std::string& path)
-      : exists(std::filesystem::exists(path)), bytes(BytesOf(path)), entries(ReadKeytab(path)) {}
+      : exists(std::filesystem::exists(path)), bytes(FileBytes(path)), entries(ReadKeytab(path)) {}
 
   bool exists;
   std::string bytes;
-  std::vector<KeyEntry> entries;
+  std::vector<StoredKey> entries;
 };
 
 // What became of a keytab: see Scenario, or else what is wrong with it.
@@ -61,18 +61,18 @@ std::string KeytabChange(const World& world, const Snapshot& before, const Snaps
                          const std::string& new_key) {
   if (after.exists == before.exists && after.bytes == before.bytes) return kUnchanged;
   if (world.keytab_is_damaged && after.entries == before.entries) return kMended;
-  std::vector<KeyEntry> left = before.entries;
+  std::vector<StoredKey> left = before.entries;
   for (auto own = left.begin(); own != left.end() && left != after.entries;)
     own = own->principal == world.principal ? left.erase(own) : own + 1;
   if (left == after.entries && left != before.entries) return kRemoved;
 
-  std::vector<KeyEntry> kept = after.entries;
+  std::vector<StoredKey> kept = after.entries;
   if (kept.empty()) return "changed, and without a key";
-  const KeyEntry added = kept.back();
+  const StoredKey added = kept.back();
   kept.pop_back();
   if (kept != before.entries) return "not what it was, and one key";
   if (added.principal != world.principal) return "one key of " + added.principal + " more";
-  if (added.key != KeyOf(new_key)) return "one key more, but not the password's";
+  if (added.key != Rc4Key(new_key)) return "one key more, but not the password's";
   return kOneMore;
 }
 
@@ -84,7 +84,7 @@ void CheckSecrets(const World& world, const std::vector<std::string>& texts, Cou
   std::set<std::string> forms;
   for (const std::string& secret : secrets) {
     if (secret.empty()) continue;
-    const std::string key = KeyOf(secret);
+    const std::string key = Rc4Key(secret);
     forms.insert({secret, key, Hex(key), Upper(Hex(key))});
   }
   for (const std::string& text : texts) {

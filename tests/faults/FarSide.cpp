@@ -6,7 +6,8 @@
 #include <optional>
 #include <string_view>
 
-#include "Keys.h"
+#include "DnsMessage.h"
+#include "ScratchKeytab.h"
 
 namespace tavrel::tests {
 namespace {
@@ -23,23 +24,6 @@ struct Found {
 
 Found* AsFound(LDAPMessage* message) {
   return reinterpret_cast<Found*>(message);
-}
-
-void Put16(std::string& message, std::size_t value) {
-  message.push_back(static_cast<char>(value >> 8));
-  message.push_back(static_cast<char>(value & 0xff));
-}
-
-// A name of the DNS in its uncompressed form.
-std::string DnsName(std::string_view name) {
-  std::string wire;
-  while (!name.empty()) {
-    const std::size_t dot = std::min(name.find('.'), name.size());
-    wire.push_back(static_cast<char>(dot));
-    wire.append(name.substr(0, dot));
-    name.remove_prefix(std::min(dot + 1, name.size()));
-  }
-  return wire + '\0';
 }
 
 // The single value of `type` among the modifications, which are strings; empty when there is none.
@@ -125,26 +109,11 @@ int Answer(tags::gethostname, char* a, std::size_t b) {
 
 int Answer(tags::res_search, const char* a, int, int, unsigned char* d, int e) {
   if (a != "_ldap._tcp.dc._msdcs." + far_side->domain || far_side->controllers.empty()) return -1;
-  std::string message("\x12\x34\x81\x80\x00\x01", 6);
-  Put16(message, far_side->controllers.size());
-  message.append(4, '\0');
-  message += DnsName(a);
-  Put16(message, ns_t_srv);
-  Put16(message, ns_c_in);
-  for (const std::string& controller : far_side->controllers) {
-    Put16(message, 0xc00c);  // the name that was asked for
-    Put16(message, ns_t_srv);
-    Put16(message, ns_c_in);
-    message += std::string("\x00\x00\x02\x58", 4);
-    const std::string target = DnsName(controller);
-    Put16(message, 6 + target.size());
-    Put16(message, 0);
-    Put16(message, 100);
-    Put16(message, 389);
-    message += target;
-  }
-  const std::size_t length = std::min(message.size(), static_cast<std::size_t>(e));
-  std::memcpy(d, message.data(), length);
+  DnsMessage message(far_side->domain);
+  for (const std::string& controller : far_side->controllers)
+    message.Srv(389, DnsName(controller));
+  const std::size_t length = std::min(message.Bytes().size(), static_cast<std::size_t>(e));
+  std::memcpy(d, message.Bytes().data(), length);
   return static_cast<int>(length);
 }
 
@@ -253,7 +222,7 @@ krb5_error_code Answer(tags::krb5_get_init_creds_keytab, krb5_context a, krb5_cr
   if (code != 0) return code;
   const std::string key(reinterpret_cast<const char*>(entry.key.contents), entry.key.length);
   krb5_free_keytab_entry_contents(a, &entry);
-  if (account->password.empty() || key != KeyOf(account->password)) {
+  if (account->password.empty() || key != Rc4Key(account->password)) {
     return KRB5KDC_ERR_PREAUTH_FAILED;
   }
   far_side->by_password = false;

@@ -29,8 +29,8 @@ class Rejoin : public JoinCase {
  public:
   Rejoin() {
     AddAccount();
-    AppendKey(world.keytab, world.principal, 2, "Old.2");
-    AppendKey(world.keytab, "other$@" + world.far_side.domain, 1, "Other.1");
+    AppendKey(world.keytab, {world.principal, 2, Rc4Key("Old.2")});
+    AppendKey(world.keytab, {"other$@" + world.far_side.domain, 1, Rc4Key("Other.1")});
     world.secrets.insert(world.secrets.end(), {"Old.2", "Other.1"});
   }
 };
@@ -59,7 +59,7 @@ class TestWithPassword : public Test<JoinCase> {
  public:
   TestWithPassword() {
     AddAccount();
-    AppendKey(world.keytab, "other$@" + world.far_side.domain, 1, "Other.1");
+    AppendKey(world.keytab, {"other$@" + world.far_side.domain, 1, Rc4Key("Other.1")});
     world.secrets.emplace_back("Other.1");
   }
 

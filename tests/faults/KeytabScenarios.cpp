@@ -13,7 +13,7 @@ constexpr char kPassword[] = "New.secret.1";
 class KeytabCase : public Case {
  protected:
   void Holds(const std::string& principal, krb5_kvno vno, const std::string& password) {
-    AppendKey(world.keytab, principal, vno, password);
+    AppendKey(world.keytab, {principal, vno, Rc4Key(password)});
     world.secrets.push_back(password);
   }
 
@@ -42,8 +42,8 @@ class WriteKeyFirst : public KeytabCase {
   std::string Again() override {
     std::string error;
     if (!Keytab(&krb_).WriteKey(kPassword, &error)) return "writing fails, " + error;
-    for (const KeyEntry& entry : ReadKeytab(world.keytab)) {
-      if (entry.principal == world.principal && entry.key == KeyOf(kPassword)) return "";
+    for (const StoredKey& entry : ReadKeytab(world.keytab)) {
+      if (entry.principal == world.principal && entry.key == Rc4Key(kPassword)) return "";
     }
     return "the key is not there";
   }
@@ -164,7 +164,7 @@ class ClearKeys : public KeytabCase {
   std::string Again() override {
     std::string error;
     if (!Keytab(&krb_).ClearKeys(&error)) return "clearing fails, " + error;
-    const std::vector<KeyEntry> left = ReadKeytab(world.keytab);
+    const std::vector<StoredKey> left = ReadKeytab(world.keytab);
     return left.size() == 1 && left[0].principal == Foreign() ? "" : "keys are left";
   }
 };

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "ForgedRequest.h"
-#include "Keys.h"
 #include "Scenario.h"
+#include "ScratchKeytab.h"
 #include "tavrel/KrbRealm.h"
 
 namespace tavrel::tests {

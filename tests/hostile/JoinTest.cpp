@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@
 #include "Interpose.h"
 #include "LogCapture.h"
 #include "ScratchFolder.h"
+#include "ScratchKeytab.h"
 #include "tavrel/KrbRealm.h"
 
 namespace tavrel::tests {
@@ -40,21 +42,23 @@ class HostileJoin : public testing::Test {
     if (sethostname(machine_.data(), machine_.size()) != 0) throw std::runtime_error("no name");
   }
 
-  // A realm of the machine in this process: what it tells of a join, of which records of the keytab
-  // and those of level 2 and above are told.
+  // A realm of the machine in this process: what it tells of a join from level 2 up, and the
+  // versions of the machine's keys then.
   std::string Join() const {
     LogCapture log;
-    KrbRealm realm(Lab("DOMAIN"), Lab("ADMIN"), Lab("ADMIN_PASSWORD"), keytab_);
     std::string error = "(untouched)";
-    const int status = realm.Join(&error);
+    // libkrb5 keeps a keytab locked that it could not write, as long as it is open.
+    auto realm =
+        std::make_unique<KrbRealm>(Lab("DOMAIN"), Lab("ADMIN"), Lab("ADMIN_PASSWORD"), keytab_);
+    const int status = realm->Join(&error);
+    realm.reset();
     std::string told = std::to_string(status) + ", \"" + error + "\"\n";
-    for (const LogRecord& record : log.Records()) {
-      if (record.logger != "krb-keytab" && record.level == LOG_LEVEL_DETAIL) continue;
-      if (record.function == "PrintCreds") continue;
-      std::string text = record.message;
-      if (record.function == "Process") text.resize(text.rfind(" at "));  // the time
-      told += std::to_string(record.level) + " " + record.logger + " " + record.function + ": " +
-              text + "\n";
+    for (const std::string& line : log.Notable())
+      told += line + "\n";
+    for (const StoredKey& stored : ReadKeytab("FILE:" + keytab_)) {
+      if (stored.principal == Account() + "$@CORP.EXAMPLE.COM") {
+        told += "version " + std::to_string(stored.vno) + "\n";
+      }
     }
     return told;
   }
@@ -89,20 +93,17 @@ class HostileJoin : public testing::Test {
 };
 
 constexpr char kJoined[] = "2 krb-realm Join: Joined to CORP.EXAMPLE.COM\n";
-constexpr char kNoKeytab[] = "1 krb-keytab ASAuthenticate: Keytab file not created yet.\n";
 
 std::string NotWritten(const std::string& reason) {
   return "0, \"Unable to write Kerberos keytab for CORP.EXAMPLE.COM: " + reason + "\"\n" + kJoined +
-         kNoKeytab + "4 krb-keytab WriteKey: Error adding key to keytab: " + reason + "\n";
+         "4 krb-keytab WriteKey: Error adding key to keytab: " + reason + "\n";
 }
 
 // A machine that had no keytab has one with these versions of its key.
-std::string Written(const std::string& account, const std::vector<int>& versions) {
-  std::string told = std::string("0, \"Keytab file not created yet.\"\n") + kJoined + kNoKeytab;
-  for (const int version : versions) {
-    told += "1 krb-keytab Process: Key: " + account + "$@CORP.EXAMPLE.COM version " +
-            std::to_string(version) + "\n";
-  }
+std::string Written(const std::vector<int>& versions) {
+  std::string told = std::string("0, \"Keytab file not created yet.\"\n") + kJoined;
+  for (const int version : versions)
+    told += "version " + std::to_string(version) + "\n";
   return told;
 }
 
@@ -154,12 +155,11 @@ TEST_F(HostileJoin, WritesItsKeyIntoTheKeytabThatReplacedItsOwn) {
     return Join();
   });
 
-  EXPECT_EQ(joined_before, Written(Account(), {1}));
+  EXPECT_EQ(joined_before, Written({1}));
   EXPECT_EQ(told, std::string("0, \"Preauthentication failed\"\n") + kJoined +
                       "4 krb-keytab ASAuthenticate: Error authenticating through keytab: "
                       "Preauthentication failed\n"
-                      "1 krb-keytab Process: Key: " +
-                      Account() + "$@CORP.EXAMPLE.COM version 2\n");
+                      "version 2\n");
   EXPECT_EQ(Alice(), "CORP.EXAMPLE.COM\\alice");
 }
 
@@ -189,16 +189,17 @@ TEST_F(HostileJoin, OfTwoAtOnceTheOneThatAddsTheAccountLaterFailsAndTheOtherStan
   EXPECT_EQ(told,
             "3, \"Could not add host to CORP.EXAMPLE.COM: Already exists\"\n"
             "4 ldap-join AddAccountObject: LDAP add failed: Already exists\n"
-            "4 krb-realm Join: Could not add host to CORP.EXAMPLE.COM: Already exists\n");
-  EXPECT_EQ(other, Written(Account(), {1}));
+            "4 krb-realm Join: Could not add host to CORP.EXAMPLE.COM: Already exists\n"
+            "version 1\n");
+  EXPECT_EQ(other, Written({1}));
   EXPECT_EQ(Alice(), "CORP.EXAMPLE.COM\\alice");
 }
 
 TEST_F(HostileJoin, OfTwoAtOnceTheOneThatSetsThePasswordLaterStandsAndBothSucceed) {
   const auto [told, other] = OvertakenBefore(calls::ldap_modify_ext_s, 2, [&] { return Join(); });
 
-  EXPECT_EQ(told, Written(Account(), {1, 2}));
-  EXPECT_EQ(other, Written(Account(), {1}));
+  EXPECT_EQ(told, Written({1, 2}));
+  EXPECT_EQ(other, Written({1}));
   EXPECT_EQ(Alice(), "CORP.EXAMPLE.COM\\alice");
 }
 
@@ -209,10 +210,10 @@ TEST_F(HostileJoin, OfTwoAtOnceTheOneWhosePasswordWasReplacedBeforeItWasProvedFa
   EXPECT_EQ(told,
             "3, \"Unable to authenticate to CORP.EXAMPLE.COM KDC after setting password: "
             "Preauthentication failed\"\n" +
-                std::string(kJoined) + kNoKeytab +
+                std::string(kJoined) +
                 "4 krb-keytab ASAuthenticate: Error authenticating through password: "
-                "Preauthentication failed\n");
-  EXPECT_EQ(other, Written(Account(), {1}));
+                "Preauthentication failed\nversion 1\n");
+  EXPECT_EQ(other, Written({1}));
   EXPECT_EQ(Alice(), "CORP.EXAMPLE.COM\\alice");
 }
 
@@ -220,8 +221,8 @@ TEST_F(HostileJoin,
        OfTwoAtOnceTheOneWhosePasswordWasReplacedAfterItWasProvedLeavesADeadKeyBehindTheOther) {
   const auto [told, other] = OvertakenBefore(calls::krb5_kt_add_entry, 1, [&] { return Join(); });
 
-  EXPECT_EQ(told, Written(Account(), {1, 1}));
-  EXPECT_EQ(other, Written(Account(), {1}));
+  EXPECT_EQ(told, Written({1, 1}));
+  EXPECT_EQ(other, Written({1}));
   EXPECT_EQ(Alice(), "CORP.EXAMPLE.COM\\alice");
 }
 

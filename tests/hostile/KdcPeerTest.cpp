@@ -49,7 +49,7 @@ std::string SignIn(const std::string& kdc, const std::string& realm = "CORP.EXAM
   const int status = Keytab(&krb).ASAuthenticate("Alice.Pass.1", &error);
 
   std::string told = std::to_string(status) + ", \"" + error + "\"\n";
-  for (const std::string& line : log.Lines())
+  for (const std::string& line : log.Notable())
     told += line + "\n";
   return told;
 }

@@ -18,6 +18,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 using Mechanism = GssClient::Mechanism;
 
 const std::string kMachine = "APPLIANCE$@CORP.EXAMPLE.COM";
@@ -50,31 +51,6 @@ class Machine : public KrbRealm {
   KrbContext& Context() { return krb_context; }
 };
 
-// What is logged while the request is found behind the last of the identifiers at `indices`, and
-// then the lines of `rest`.
-std::vector<std::string> Log(const std::vector<char>& token, const std::vector<int>& indices,
-                             const std::vector<std::string>& rest) {
-  const std::string prefix = "1 krb-realm Authenticate: ";
-  std::vector<std::string> log = {prefix + "Auth request received of length " +
-                                  std::to_string(token.size())};
-  for (const int index : indices)
-    log.push_back(prefix + "Found KRB OID at index " + std::to_string(index));
-  log.push_back(prefix + "Sending in at index " + std::to_string(indices.back() + 11) +
-                ", first data byte n");
-  log.insert(log.end(), rest.begin(), rest.end());
-  return log;
-}
-
-// The same for a token of the Kerberos mechanism, whose frame always has the same size here.
-std::vector<std::string> Log(const std::vector<char>& token, const std::vector<std::string>& rest) {
-  return Log(token, {6}, rest);
-}
-
-std::string Accepted(const std::string& user, int component = 0) {
-  return "1 krb-keytab APAuthenticate: AP request (" + std::to_string(component) + "): " + user;
-}
-const std::string kAcceptedAlice = Accepted("CORP.EXAMPLE.COM\\alice");
-
 std::string Unreadable(const std::string& reason) {
   return "4 krb-keytab APAuthenticate: Error reading AP request: " + reason;
 }
@@ -85,13 +61,6 @@ const std::string kInvalidTimes =
 const std::string kInvalidServer =
     "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
     "CORP.EXAMPLE.COM\\alice";
-
-std::string Server(const std::string& component) {
-  return "1 krb-keytab PrintPrincipal: AP request server principal: " + component +
-         "@CORP.EXAMPLE.COM";
-}
-const std::string kJoined =
-    "1 krb-keytab PrintPrincipal: Joined server principal: APPLIANCE$@CORP.EXAMPLE.COM";
 
 // --- accepted ------------------------------------------------------------------------------------
 
@@ -107,9 +76,7 @@ TEST_P(AUser, IsAuthenticatedToEveryServiceOfTheMachinesKey) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
-  const std::vector<int> indices =
-      mechanism == Mechanism::kKerberos ? std::vector{6} : std::vector{26, 49};
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, indices, {kAcceptedAlice})));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(, AUser,
@@ -121,19 +88,6 @@ INSTANTIATE_TEST_SUITE_P(, AUser,
                                                   : "Spnego") +
                                   (std::get<1>(info.param) == kMachine ? "_Account" : "_Host");
                          });
-
-TEST(ASpnegoToken, MayOfferTheMicrosoftIdentifierAlone) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const std::vector<char> token = SpnegoToken(GssClient(kAlice, kUserPassword).Token(kMachine),
-                                              {kMicrosoftKerberosOid, kNtlmOid});
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {61}, {kAcceptedAlice})));
-}
 
 // The library does not know which TLS connection a token came through.
 TEST(AToken, IsAcceptedWhateverChannelItIsBoundTo) {
@@ -157,22 +111,7 @@ TEST(AUserName, OfTwoComponentsIsTheLast) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "CORP.EXAMPLE.COM\\admin");
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(
-                               token, {kAcceptedAlice, Accepted("CORP.EXAMPLE.COM\\admin", 1)})));
-}
-
-TEST(ARealm, AuthenticatesOneUserAfterAnother) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const GssClient alice(kAlice, kUserPassword);
-  const GssClient bob("bob@CORP.EXAMPLE.COM", kUserPassword);
-
-  const std::vector<std::string> users = {machine.Authenticate(alice.Token(kMachine)),
-                                          machine.Authenticate(bob.Token(kHost)),
-                                          machine.Authenticate(alice.Token(kMachine))};
-
-  EXPECT_THAT(users, ElementsAre("CORP.EXAMPLE.COM\\alice", "CORP.EXAMPLE.COM\\bob",
-                                 "CORP.EXAMPLE.COM\\alice"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(ARealm, TriesEveryVersionOfItsKey) {
@@ -199,7 +138,7 @@ TEST(ARequest, IsAcceptedOnce) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Request is a replay")})));
+  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Request is a replay")));
 }
 
 TEST(ARequest, IsAcceptedOnceByAllRealmsOfTheMachine) {
@@ -213,7 +152,7 @@ TEST(ARequest, IsAcceptedOnceByAllRealmsOfTheMachine) {
   const std::string user = another.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Request is a replay")})));
+  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Request is a replay")));
 }
 
 // Machines, or processes of different users, that share a key but no replay cache.
@@ -258,9 +197,8 @@ TEST_P(AServiceKeytab, WithoutTheTicketsKeyRefusesIt) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Log(token, {Unreadable("Request ticket server " + kMachine + " " +
-                                                      GetParam().reason)})));
+  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Request ticket server " + kMachine + " " +
+                                                    GetParam().reason)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -276,20 +214,6 @@ INSTANTIATE_TEST_SUITE_P(
                           "not found in keytab (ticket kvno 1)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(ARealm, WithoutAKeytabFileRefusesEverybody) {
-  const Kdc kdc;
-  Machine machine(kdc, {});
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(
-                  Log(token, {Unreadable("Key table file '" + kdc / "keytab" + "' not found")})));
-}
-
 TEST(ARealm, WithoutAKeytabDoesNotUseTheDefaultOne) {
   const Kdc kdc;
   Machine machine(kdc);
@@ -301,21 +225,7 @@ TEST(ARealm, WithoutAKeytabDoesNotUseTheDefaultOne) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, {Unreadable("Key table name malformed")})));
-}
-
-TEST(ARequest, CutShortIsRefusedAndDoesNotCount) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-
-  for (std::size_t length = 0; length < token.size(); ++length) {
-    EXPECT_EQ(machine.Authenticate({token.begin(), token.begin() + static_cast<long>(length)}), "")
-        << length;
-  }
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Key table name malformed")));
 }
 
 // --- refused by its server -----------------------------------------------------------------------
@@ -329,9 +239,7 @@ TEST(ARequest, ForAnotherServiceInTheKeytabIsRefused) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("HTTP"),
-                                           Server("appliance.corp.example.com"), kJoined})));
+  EXPECT_THAT(log.Notable(), ElementsAre(kInvalidServer));
 }
 
 // libkrb5 takes the ticket to be for the principal of the first entry that opens it.
@@ -344,23 +252,7 @@ TEST(ARealm, WithItsKeyUnderAnotherNameFirstRefusesEverybody) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("HOST"),
-                                           Server("appliance.corp.example.com"), kJoined})));
-}
-
-TEST(ARealm, ThatHasNotJoinedRefusesEverybody) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  machine.Context().ReleaseClientPrincipal();
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidServer, Server("APPLIANCE$")})));
+  EXPECT_THAT(log.Notable(), ElementsAre(kInvalidServer));
 }
 
 // --- judged by its times -------------------------------------------------------------------------
@@ -372,7 +264,7 @@ struct Timed {
   krb5_deltat lifetime;     // 0: ten hours
   bool after_exchange;      // the machine has asked that KDC too, and knows its clock
   std::string user;
-  std::vector<std::string> log;
+  std::string record;  // none when it is good
 };
 
 void PrintTo(const Timed& timed, std::ostream* out) {
@@ -395,109 +287,28 @@ TEST_P(ATicket, IsJudgedByItsTimes) {
   const std::string user = machine.Authenticate(token);
 
   EXPECT_EQ(user, timed.user);
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Log(token, timed.log)));
+  EXPECT_THAT(log.Notable(),
+              ElementsAreArray(std::vector(timed.record.empty() ? 0 : 1, timed.record)));
 }
 
 const std::string kAliceUser = "CORP.EXAMPLE.COM\\alice";
 
-INSTANTIATE_TEST_SUITE_P(
-    , ATicket,
-    testing::Values(
-        Timed{"OfAnUnknownClockAheadIsRefused",
-              kAhead,
-              "",
-              0,
-              false,
-              "",
-              {Unreadable("Ticket not yet valid")}},
-        Timed{"OfAnUnknownClockBehindIsRefused",
-              kBehind,
-              "",
-              0,
-              false,
-              "",
-              {Unreadable("Clock skew too great")}},
-        Timed{"OfAKnownClockAheadHasNotStarted",
-              kAhead,
-              "",
-              0,
-              true,
-              "",
-              {kAcceptedAlice, kInvalidTimes}},
-        Timed{"OfAKnownClockBehindIsGood", kBehind, "", 0, true, kAliceUser, {kAcceptedAlice}},
-        Timed{"OfAToleratedClockAheadHasNotStarted",
-              kAhead,
-              kTolerant,
-              0,
-              false,
-              "",
-              {kAcceptedAlice, kInvalidTimes}},
-        Timed{"ThatEndedEightMinutesAgoIsRefused",
-              kBehind,
-              kTolerant,
-              120,
-              false,
-              "",
-              {kAcceptedAlice, kInvalidTimes}},
-        Timed{"ThatEndedThreeMinutesAgoIsGood",
-              kBehind,
-              kTolerant,
-              420,
-              false,
-              kAliceUser,
-              {kAcceptedAlice}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(AnEndedTicket, ForAnotherServiceIsRefusedForBoth) {
-  const Kdc kdc(kBehind, kTolerant);
-  Machine machine(kdc, {{kMachine, kMachinePassword}, {kHttp, kServicePassword}});
-  const std::vector<char> token = GssToken(GssClient(kAlice, kUserPassword, 120).Request(kHttp));
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(
-      log.Lines(),
-      ElementsAreArray(Log(token, {kAcceptedAlice, kInvalidTimes, kInvalidServer, Server("HTTP"),
-                                   Server("appliance.corp.example.com"), kJoined})));
-}
-
-// --- the request alone ---------------------------------------------------------------------------
-
-TEST(TheRequestAlone, IsReadAndEverythingGivenBack) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  std::vector<char> request = GssClient(kAlice, kUserPassword).Request(kMachine);
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user =
-      Keytab(&machine.Context()).APAuthenticate(request.data(), static_cast<int>(request.size()));
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
-  EXPECT_THAT(log.Lines(), ElementsAre(kAcceptedAlice));
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
-                          "krb5_free_ticket", "krb5_auth_con_free"));
-}
-
-TEST(TheRequestAlone, OfAnotherKindIsRefusedAndEverythingGivenBack) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  std::string request = "GET / HTTP/1.1";
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user =
-      Keytab(&machine.Context()).APAuthenticate(request.data(), static_cast<int>(request.size()));
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(Unreadable("Invalid message type")));
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "krb5_get_error_message",
-                          "krb5_free_error_message", "krb5_auth_con_free"));
-}
+INSTANTIATE_TEST_SUITE_P(, ATicket,
+                         testing::Values(Timed{"OfAnUnknownClockAheadIsRefused", kAhead, "", 0,
+                                               false, "", Unreadable("Ticket not yet valid")},
+                                         Timed{"OfAnUnknownClockBehindIsRefused", kBehind, "", 0,
+                                               false, "", Unreadable("Clock skew too great")},
+                                         Timed{"OfAKnownClockAheadHasNotStarted", kAhead, "", 0,
+                                               true, "", kInvalidTimes},
+                                         Timed{"OfAKnownClockBehindIsGood", kBehind, "", 0, true,
+                                               kAliceUser, ""},
+                                         Timed{"OfAToleratedClockAheadHasNotStarted", kAhead,
+                                               kTolerant, 0, false, "", kInvalidTimes},
+                                         Timed{"ThatEndedEightMinutesAgoIsRefused", kBehind,
+                                               kTolerant, 120, false, "", kInvalidTimes},
+                                         Timed{"ThatEndedThreeMinutesAgoIsGood", kBehind, kTolerant,
+                                               420, false, kAliceUser, ""}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace tavrel::tests

@@ -47,7 +47,10 @@ FakeLdap::FakeLdap()
                     const int session = static_cast<int>(sessions_.size()) + 1;
                     const int code =
                         Record("ldap_initialize " + std::to_string(session) + " " + url);
-                    if (code == LDAP_SUCCESS) *handle = Handle(session);
+                    if (code == LDAP_SUCCESS) {
+                      *handle = Handle(session);
+                      ++open_;
+                    }
                     return code;
                   }),
       set_option_(calls::ldap_set_option,
@@ -70,6 +73,7 @@ FakeLdap::FakeLdap()
             }),
       unbind_(calls::ldap_unbind_ext,
               [this](LDAP* handle, LDAPControl** server, LDAPControl** client) {
+                --open_;
                 return Record("ldap_unbind_ext " + Session(handle) + Controls(server, client));
               }),
       search_(calls::ldap_search_ext_s,
@@ -81,9 +85,13 @@ FakeLdap::FakeLdap()
                        " attributes " + (attributes == nullptr ? "all" : "some") +
                        (attributes_only == 0 ? "" : " without values") + ", " + Text(*timeout) +
                        ", limit " + std::to_string(limit) + Controls(server, client));
-                const Answer& answer = answers[std::stoi(Session(handle))];
+                Answer answer = answers[std::stoi(Session(handle))];
+                if (!next_answers.empty()) {
+                  answer = next_answers.front();
+                  next_answers.pop_front();
+                }
                 if (answer.has_result) {
-                  Result& found = results_.emplace_back(Result{&answer, {}});
+                  Result& found = results_.emplace_back(Result{answer, {}});
                   for (std::size_t i = 0; i < answer.entries.size(); ++i)
                     found.entries.push_back({&found, i});
                   *result = reinterpret_cast<LDAPMessage*>(&found);
@@ -151,9 +159,11 @@ int FakeLdap::Record(const std::string& line) {
 }
 
 int FakeLdap::Change(const std::string& line, LDAPMod** modifications) {
-  const int code = Record(line);
-  const std::vector<std::string> described = Describe(modifications);
-  lines_.insert(lines_.end(), described.begin(), described.end());
+  int code = Record(line);
+  for (const std::string& modification : Describe(modifications)) {
+    const int refused = Record(modification);
+    if (code == LDAP_SUCCESS) code = refused;
+  }
   return code;
 }
 
@@ -172,7 +182,7 @@ LDAPMessage* FakeLdap::EntryAt(Result* result, std::size_t index) {
 berval** FakeLdap::Values(LDAP* handle, LDAPMessage* entry, const char* attribute) {
   Record("ldap_get_values_len " + Session(handle) + " " + attribute);
   const auto& found = *reinterpret_cast<Found*>(entry);
-  const Entry& texts = found.result->answer->entries[found.index];
+  const Entry& texts = found.result->answer.entries[found.index];
   if (!texts) return nullptr;
   // Every value is exactly as long as it says, so that reading past it is noticed.
   auto** const values = new berval*[texts->size() + 1];

@@ -41,13 +41,21 @@ class FakeLdap {
   const std::vector<std::string>& Lines() const { return lines_; }
   void Clear() { lines_.clear(); }
 
-  // Calls whose line starts with `call` answer `code` from now on, the earliest such rule first.
+  // Calls whose line, or one of whose modifications, starts with `call` answer `code` from now on,
+  // the earliest such rule first.
   void Refuse(const std::string& call, int code) { refusals_.emplace_back(call, code); }
+
+  // Puts a line of another service among the directory's. Returns what Refuse() says of it, or 0.
+  int Record(const std::string& line);
+
+  // Sessions that were opened and not closed, and search results that were not released.
+  int Held() const { return open_ + static_cast<int>(results_.size()); }
 
   // The handle of a session, opened if need be.
   LDAP* Handle(int session);
 
-  // By session.
+  // Of the searches to come, one after the other; then by session.
+  std::deque<Answer> next_answers;
   std::map<int, Answer> answers;
 
  private:
@@ -57,11 +65,10 @@ class FakeLdap {
     std::size_t index;
   };
   struct Result {
-    const Answer* answer;
+    Answer answer;
     std::deque<Found> entries;
   };
 
-  int Record(const std::string& line);
   int Change(const std::string& line, LDAPMod** modifications);
   std::string Session(const LDAP* handle) const;
   LDAPMessage* EntryAt(Result* result, std::size_t index);
@@ -73,6 +80,7 @@ class FakeLdap {
   std::deque<char> sessions_;  // their addresses are the handles
   std::list<Result> results_;
   std::list<berval**> values_;
+  int open_ = 0;
 
   const StandIn<Interposed<int(LDAP**, const char*)>> initialize_;
   const StandIn<Interposed<int(LDAP*, int, const void*)>> set_option_;

@@ -52,10 +52,10 @@ std::vector<std::string> LogCapture::Lines() const {
   return lines;
 }
 
-std::vector<std::string> LogCapture::Lines(const std::string& category) const {
+std::vector<std::string> LogCapture::Notable() const {
   std::vector<std::string> lines;
   for (const LogRecord& record : Records()) {
-    if (record.logger == category) lines.push_back(Line(record));
+    if (record.level > LOG_LEVEL_DETAIL) lines.push_back(Line(record));
   }
   return lines;
 }

@@ -24,6 +24,14 @@ struct StoredKey {
   std::string key = "0123456789abcdef";
   krb5_enctype etype = ENCTYPE_ARCFOUR_HMAC;
 };
+bool operator==(const StoredKey& a, const StoredKey& b);
+
+// Every entry of a keytab in its order; none when it cannot be read. `name` is as for
+// krb5_kt_resolve().
+std::vector<StoredKey> ReadKeytab(const std::string& name);
+
+// Appends an entry.
+void AppendKey(const std::string& name, const StoredKey& stored);
 
 // The bytes of the RC4-HMAC key that belongs to `password`.
 std::string Rc4Key(const std::string& password);
@@ -53,7 +61,7 @@ class ScratchKeytab {
   explicit ScratchKeytab(const std::string& type = "FILE", const std::string& libdefaults = "");
 
   // Appends an entry.
-  void Add(const StoredKey& stored);
+  void Add(const StoredKey& stored) { AppendKey(name_, stored); }
 
   // Every entry in file order as "principal version encryption-type key", numbers decimal, the key
   // hexadecimal.
@@ -68,6 +76,9 @@ class ScratchKeytab {
   KrbSettings settings;
   KrbContext krb;
   Keytab keytab;
+
+ private:
+  std::string name_;
 };
 
 }  // namespace tavrel::tests

@@ -74,7 +74,7 @@ TEST(JoinParametersObject, AsksForTheHostNameOnlyWhenANameNeedsIt) {
   std::ignore = params.ShortenName("appliance");
 
   EXPECT_THAT(trace.Names(), IsEmpty());
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(GetMachineName, IsTheSystemsHostNameUpToItsFirstDot) {
@@ -107,7 +107,7 @@ TEST(GetMachineName, EndsAtTheFirstDotAndKeepsItsCase) {
     const MachineName name(host);
     LogCapture log;
     EXPECT_EQ(Of("corp.example.com").GetMachineName(), expected);
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    EXPECT_THAT(log.Notable(), IsEmpty());
   }
 }
 
@@ -147,7 +147,7 @@ TEST(GetMachineName, IsEmptyWhenTheSystemFailsAndTheNumberIsLogged) {
   const std::string machine = Of("corp.example.com").GetMachineName();
 
   EXPECT_EQ(machine, "");
-  EXPECT_THAT(log.Lines(), ElementsAre("4 ldap-join GetMachineName: gethostname failed with 36"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 ldap-join GetMachineName: gethostname failed with 36"));
   EXPECT_THAT(log.Records(), Each(Field(&LogRecord::file, "Join.cpp")));
 }
 
@@ -252,7 +252,7 @@ TEST(GetMachineDN, HasAnEmptyNameWhenTheHostNameCannotBeHad) {
   const std::string dn = Of("corp.example.com").GetMachineDN();
 
   EXPECT_EQ(dn, "cn=,cn=Computers,dc=CORP,dc=EXAMPLE,dc=COM");
-  EXPECT_THAT(log.Lines(), ElementsAre("4 ldap-join GetMachineName: gethostname failed with 14"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 ldap-join GetMachineName: gethostname failed with 14"));
 }
 
 static_assert(!std::is_polymorphic_v<JoinParameters>);

@@ -85,7 +85,7 @@ TEST(GetMachinePassword, IsTheSame50CharactersForEveryObjectOfADomain) {
   EXPECT_EQ(others, first);
   EXPECT_EQ(later, first);
   EXPECT_EQ(generations.Count(), 1);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(GetMachinePassword, DiffersFromDomainToDomain) {
@@ -114,13 +114,13 @@ TEST(GetMachinePassword, IsEmptyWithoutTheRandomDeviceAndMadeOnceItIsBack) {
   }
   const std::string missing_device =
       "4 random-string RandomString: Unable to open /dev/urandom: No such file or directory";
-  EXPECT_THAT(log.Lines(), ElementsAre(missing_device, missing_device));
+  EXPECT_THAT(log.Notable(), ElementsAre(missing_device, missing_device));
   log.Clear();
   const std::string password = params.GetMachinePassword();
 
   EXPECT_THAT(password, SizeIs(50));
   EXPECT_EQ(params.GetMachinePassword(), password);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(GetMachinePassword, IsMadeOnceHoweverManyThreadsAskAtOnce) {

@@ -46,7 +46,7 @@ TEST_F(AccountLookup, CannotLookUpOnASessionWithoutAHandle) {
   }
   EXPECT_EQ(error, "Invalid LDAP context");
   EXPECT_THAT(fake.Lines(), IsEmpty());
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(AccountLookup, FindsAnAbsentAccountAbsentAndSaysNothing) {
@@ -61,7 +61,7 @@ TEST_F(AccountLookup, FindsAnAbsentAccountAbsentAndSaysNothing) {
     EXPECT_EQ(account.ldap, fake.Handle(1));
   }
   EXPECT_EQ(error, kEarlier);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(AccountLookup, TakesAnAnswerWithoutAnObjectForAnAbsentAccount) {
@@ -75,7 +75,7 @@ TEST_F(AccountLookup, TakesAnAnswerWithoutAnObjectForAnAbsentAccount) {
     EXPECT_FALSE(account.exists);
   }
   EXPECT_EQ(error, kEarlier);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(AccountLookup, DoesNotLookAtWhatAFailedSearchFoundButReleasesIt) {
@@ -93,7 +93,7 @@ TEST_F(AccountLookup, DoesNotLookAtWhatAFailedSearchFoundButReleasesIt) {
       EXPECT_FALSE(account.exists);
       EXPECT_EQ(account.ldap, fake.Handle(1));
       EXPECT_EQ(error, text);
-      EXPECT_THAT(log.Lines(),
+      EXPECT_THAT(log.Notable(),
                   ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: " + text));
     }
   }
@@ -112,8 +112,7 @@ TEST_F(AccountLookup, ReadsTheFlagsOfTheObjectAndReleasesWhatItRead) {
   EXPECT_EQ(account.ldap, fake.Handle(1));
   EXPECT_EQ(account.user_account_control, 4098U);
   EXPECT_EQ(error, kEarlier);
-  EXPECT_THAT(log.Lines(), ElementsAre("1 ldap-join GetAccountObject: Found user account control "
-                                       "on dc1.corp.example.com: 4098"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(fake.Lines(),
               ElementsAre(StartsWith("ldap_search_ext_s 1 "), "ldap_first_entry 1",
                           "ldap_get_values_len 1 userAccountControl", "ldap_value_free_len",
@@ -173,7 +172,7 @@ TEST_F(AccountLookup, AssumesAWorkstationWithAWarningWhenThereIsNotOneValue) {
     EXPECT_EQ(account.user_account_control, 4096U);
     EXPECT_EQ(account.ldap, fake.Handle(1));
     EXPECT_EQ(error, kEarlier);
-    EXPECT_THAT(log.Lines(),
+    EXPECT_THAT(log.Notable(),
                 ElementsAre("3 ldap-join GetAccountObject: " + warning + "dc1.corp.example.com"));
   }
 }
@@ -202,7 +201,7 @@ TEST_F(AccountLookup, ThrowsWhenTheFlagsAreNoNumberAndReleasesWhatItRead) {
     }
   }
   EXPECT_EQ(error, kEarlier);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(fake.Lines(), Contains("ldap_msgfree").Times(7));
 }
 
@@ -235,9 +234,7 @@ TEST_F(AccountLookup, StopsAtTheFirstSessionThatAnswersEvenWithAnAbsence) {
   EXPECT_EQ(error, kEarlier);
   EXPECT_THAT(StartingWith("ldap_search_ext_s", fake.Lines()),
               ElementsAre(StartsWith("ldap_search_ext_s 2 ")));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 ldap-join GetAccountObject: Getting account object from dc1",
-                          "1 ldap-join GetAccountObject: Found account object from dc1"));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(AccountLookup, AsksTheNextSessionWhenASearchFailed) {
@@ -272,10 +269,8 @@ TEST_F(AccountLookup, FailsWithTheLastReasonWhenNoSessionAnswers) {
   EXPECT_FALSE(account.exists);
   EXPECT_EQ(error, "Server is busy");
   EXPECT_THAT(
-      log.Lines(),
-      ElementsAre("1 ldap-join GetAccountObject: Getting account object from dc1",
-                  "4 ldap-join GetAccountObject: LDAP search failed: Can't contact LDAP server",
-                  "1 ldap-join GetAccountObject: Getting account object from dc2",
+      log.Notable(),
+      ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: Can't contact LDAP server",
                   "4 ldap-join GetAccountObject: LDAP search failed: Server is busy",
                   "3 ldap-join GetAccountObject: Unable to find an account object on any available "
                   "server"));
@@ -291,8 +286,9 @@ TEST_F(AccountLookup, OnlyWarnsWhenNoSessionIsConnected) {
     EXPECT_TRUE(account.failed);
     EXPECT_FALSE(account.exists);
     EXPECT_EQ(error, kEarlier);
-    EXPECT_THAT(log.Lines(), ElementsAre("3 ldap-join GetAccountObject: Unable to find an account "
-                                         "object on any available server"));
+    EXPECT_THAT(log.Notable(),
+                ElementsAre("3 ldap-join GetAccountObject: Unable to find an account "
+                            "object on any available server"));
     EXPECT_THAT(log.Records(), Each(Field(&LogRecord::file, "Join.cpp")));
   }
 }

@@ -281,7 +281,7 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
     LogCapture log;
     EXPECT_FALSE(scratch.keytab.WriteKey(kPassword, &error));
     EXPECT_EQ(error, why);
-    EXPECT_THAT(log.Lines(),
+    EXPECT_THAT(log.Notable(),
                 ElementsAre("4 krb-keytab WriteKey: Error adding key to keytab: " + why));
     EXPECT_EQ(scratch.Bytes(), bytes);
   };

@@ -55,7 +55,7 @@ TEST_P(ClearKeys, RemovesAllOfTheMachineAndNothingElse) {
   EXPECT_THAT(scratch.Entries(), testing::UnorderedElementsAre(ScratchKeytab::Text(kOthers),
                                                                ScratchKeytab::Text(kService),
                                                                ScratchKeytab::Text(kElsewhere)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_P(ClearKeys, WithNothingOfTheMachineWritesNothing) {
@@ -73,7 +73,7 @@ TEST_P(ClearKeys, WithNothingOfTheMachineWritesNothing) {
       trace.Names(),
       ElementsAre("krb5_kt_start_seq_get", "krb5_kt_next_entry", "krb5_principal_compare",
                   "krb5_free_keytab_entry_contents", "krb5_kt_next_entry", "krb5_kt_end_seq_get"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_P(ClearKeys, LeavesRoomForTheNextKey) {
@@ -131,7 +131,7 @@ TEST(ClearingKeys, OfAKeytabThatCannotBeOpenedLeavesTheTextAlone) {
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get", "krb5_get_error_message",
                                          "krb5_free_error_message", "krb5_kt_start_seq_get",
                                          "krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre(line, line));
+  EXPECT_THAT(log.Notable(), ElementsAre(line, line));
 }
 
 TEST(ClearingKeys, FailsWhenTheCursorCannotBeClosedAndNothingWasToBeRemoved) {
@@ -147,7 +147,7 @@ TEST(ClearingKeys, FailsWhenTheCursorCannotBeClosedAndNothingWasToBeRemoved) {
   EXPECT_FALSE(cleared);
   EXPECT_FALSE(cleared_for_nobody);
   EXPECT_EQ(error, kMessage);
-  EXPECT_THAT(log.Lines(), ElementsAre(kCloseFailed, kCloseFailed));
+  EXPECT_THAT(log.Notable(), ElementsAre(kCloseFailed, kCloseFailed));
 }
 
 TEST(ClearingKeys, SucceedsWhenTheCursorCannotBeClosedButAllWereRemoved) {
@@ -164,7 +164,7 @@ TEST(ClearingKeys, SucceedsWhenTheCursorCannotBeClosedButAllWereRemoved) {
     EXPECT_TRUE(cleared);
     EXPECT_EQ(error, reported ? kMessage : "untouched");
     EXPECT_THAT(scratch.Entries(), ElementsAre(ScratchKeytab::Text(kOthers)));
-    EXPECT_THAT(log.Lines(), ElementsAre(kCloseFailed));
+    EXPECT_THAT(log.Notable(), ElementsAre(kCloseFailed));
   }
 }
 
@@ -205,31 +205,8 @@ TEST(ClearingKeys, StopsAtTheFirstThatCannotBeRemoved) {
     EXPECT_FALSE(cleared);
     EXPECT_EQ(error, "Read-only file system");
     EXPECT_THAT(scratch.Entries(), ElementsAreArray(left)) << removed << " were removed";
-    EXPECT_THAT(log.Lines(), ElementsAre(kRemovalFailed));
+    EXPECT_THAT(log.Notable(), ElementsAre(kRemovalFailed));
   }
-}
-
-TEST(ClearingKeys, FreesAlsoWhatItDidNotRemove) {
-  ScratchKeytab scratch;
-  for (const StoredKey& stored : {kFirst, kSecond, kThird})
-    scratch.Add(stored);
-  const FailingRemoval failing(1);
-  CallTrace trace;
-
-  const bool cleared = scratch.keytab.ClearKeys(nullptr);
-
-  EXPECT_FALSE(cleared);
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_kt_start_seq_get",                                    //
-                          "krb5_kt_next_entry", "krb5_principal_compare",             //
-                          "krb5_kt_next_entry", "krb5_principal_compare",             //
-                          "krb5_kt_next_entry", "krb5_principal_compare",             //
-                          "krb5_kt_next_entry", "krb5_kt_end_seq_get",                //
-                          "krb5_kt_remove_entry", "krb5_free_keytab_entry_contents",  //
-                          "krb5_kt_remove_entry",                                     //
-                          "krb5_get_error_message", "krb5_free_error_message",        //
-                          "krb5_free_keytab_entry_contents",                          //
-                          "krb5_free_keytab_entry_contents"));
 }
 
 TEST(ClearingKeys, ReportsTheRemovalThatFailedLastOverAFailedClose) {
@@ -244,7 +221,7 @@ TEST(ClearingKeys, ReportsTheRemovalThatFailedLastOverAFailedClose) {
 
   EXPECT_FALSE(cleared);
   EXPECT_EQ(error, "Read-only file system");
-  EXPECT_THAT(log.Lines(), ElementsAre(kCloseFailed, kRemovalFailed));
+  EXPECT_THAT(log.Notable(), ElementsAre(kCloseFailed, kRemovalFailed));
 }
 
 TEST(ClearingKeys, TakesAReadErrorForTheEndOfTheKeytab) {
@@ -266,7 +243,7 @@ TEST(ClearingKeys, TakesAReadErrorForTheEndOfTheKeytab) {
   EXPECT_TRUE(cleared);
   EXPECT_EQ(error, "untouched");
   EXPECT_THAT(scratch.Entries(), ElementsAre(ScratchKeytab::Text(kSecond)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 }  // namespace

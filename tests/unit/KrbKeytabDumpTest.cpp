@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <locale>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "GroupedDigits.h"
 #include "Interpose.h"
 #include "LogCapture.h"
 #include "ScratchKeytab.h"
@@ -114,29 +114,30 @@ TEST(KeytabPrinter, CopiesTheRealmAndTheComponentByLength) {
 }
 
 TEST(KeytabPrinter, WritesNumbersThatNoLocaleOfTheHostChanges) {
-  struct Grouped : std::numpunct<char> {
-    char do_thousands_sep() const override { return '.'; }
-    std::string do_grouping() const override { return "\3"; }
-  };
   CountedPrincipal machine("R", {"a"});
-  const std::locale earlier = std::locale::global(std::locale(std::locale::classic(), new Grouped));
+  const GroupedDigits digits;
 
-  const std::string line = PrintedEntry(Entry(machine.Get(), 1000, 1700000000));
-
-  std::locale::global(earlier);
-  EXPECT_EQ(line, "1 krb-keytab Process: Key: a@R version 1000 at 1700000000");
+  EXPECT_EQ(PrintedEntry(Entry(machine.Get(), 1000, 1700000000)),
+            "1 krb-keytab Process: Key: a@R version 1000 at 1700000000");
 }
 
-TEST(Print, ShowsTheTimeThatTheKeytabHolds) {
-  ScratchKeytab scratch("MEMORY");
+TEST(Print, LogsEveryEntryInOrderWithTheTimeThatTheKeytabHolds) {
+  ScratchKeytab scratch("MEMORY");  // which has the newest entry first, and no times
   ASSERT_TRUE(scratch.keytab.WriteKey("Secret.1", nullptr));
+  scratch.Add({"HTTP/host@CORP.EXAMPLE.COM", 2});
   LogCapture log;
+  CallTrace trace;
 
   const krb5_error_code code = scratch.keytab.Print();
 
   EXPECT_EQ(code, 0);
   EXPECT_THAT(log.Lines(),
-              ElementsAre("1 krb-keytab Process: Key: APPLIANCE$@CORP.EXAMPLE.COM version 1 at 0"));
+              ElementsAre("1 krb-keytab Process: Key: HTTP@CORP.EXAMPLE.COM version 2 at 0",
+                          "1 krb-keytab Process: Key: APPLIANCE$@CORP.EXAMPLE.COM version 1 at 0"));
+  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get", "krb5_kt_next_entry",
+                                         "krb5_free_keytab_entry_contents", "krb5_kt_next_entry",
+                                         "krb5_free_keytab_entry_contents", "krb5_kt_next_entry",
+                                         "krb5_kt_end_seq_get"));
 }
 
 TEST(PrintPrincipal, WritesALineForEachComponent) {

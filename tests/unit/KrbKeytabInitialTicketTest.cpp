@@ -5,6 +5,7 @@
 #include <fstream>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Interpose.h"
@@ -21,9 +22,6 @@ using testing::IsEmpty;
 
 constexpr krb5_timestamp kNow = 1700000000;
 constexpr char kSkewed[] = "3 krb-keytab ASAuthenticate: Clock difference with KDC detected";
-const std::vector<std::string> kDump = {
-    "1 krb-keytab PrintCreds: serverprincipal: CORP.EXAMPLE.COM krbtgt CORP.EXAMPLE.COM",
-    "1 krb-keytab PrintCreds: clientprincipal: CORP.EXAMPLE.COM APPLIANCE$"};
 
 // The two ways to an initial ticket.
 struct Way {
@@ -97,7 +95,7 @@ TEST_P(InitialTicket, ThatStartsNowIsASuccess) {
   EXPECT_EQ(status, kSuccess);
   EXPECT_EQ(error, "untouched");
   EXPECT_THAT(trace.Names(), ElementsAreArray(Calls({"time", "krb5_free_cred_contents"})));
-  EXPECT_THAT(log.Lines(), ElementsAreArray(kDump));
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_EQ(log.Records()[0].file, "KrbKeytab.cpp");
 }
 
@@ -107,8 +105,7 @@ TEST_P(InitialTicket, ThatStartsMoreThan300SecondsFromNowShowsClockSkew) {
       times.authtime = has_start ? 1 : kNow + off;
       times.starttime = has_start ? kNow + off : 0;
       const bool skewed = off < -300 || off > 300;
-      std::vector<std::string> expected_log = kDump;
-      if (skewed) expected_log.push_back(kSkewed);
+      const std::vector<std::string> records(skewed ? 1 : 0, kSkewed);
       LogCapture log;
       CallTrace trace;
 
@@ -117,7 +114,8 @@ TEST_P(InitialTicket, ThatStartsMoreThan300SecondsFromNowShowsClockSkew) {
       EXPECT_EQ(status, skewed ? kClockSkew : kSuccess) << off;
       EXPECT_EQ(error, "untouched") << off;
       EXPECT_THAT(trace.Names(), ElementsAreArray(Calls({"time", "krb5_free_cred_contents"})));
-      EXPECT_THAT(log.Lines(), ElementsAreArray(expected_log)) << off;
+      EXPECT_THAT(log.Notable(), ElementsAreArray(records)) << off;
+      EXPECT_EQ(Authenticate(nullptr), status);
     }
   }
 }
@@ -126,13 +124,6 @@ TEST_P(InitialTicket, IsJudgedByItsStartAloneEvenWhenItHasEnded) {
   times.endtime = kNow - 100000;
 
   EXPECT_EQ(Authenticate(&error), kSuccess);
-}
-
-TEST_P(InitialTicket, MayBeAskedForWithoutATextForErrors) {
-  EXPECT_EQ(Authenticate(nullptr), kSuccess);
-
-  times.starttime = kNow + 301;
-  EXPECT_EQ(Authenticate(nullptr), kClockSkew);
 }
 
 struct Refusal {
@@ -174,7 +165,7 @@ TEST_P(InitialTicket, ThatIsRefusedGivesTheLibrarysTextAndTheCodesStatus) {
       EXPECT_EQ(error, reported ? message : "untouched");
       EXPECT_THAT(trace.Names(),
                   ElementsAreArray(Calls({"krb5_get_error_message", "krb5_free_error_message"})));
-      EXPECT_THAT(log.Lines(), ElementsAreArray(expected_log));
+      EXPECT_THAT(log.Notable(), ElementsAreArray(expected_log));
     }
   }
 }
@@ -189,7 +180,7 @@ TEST_P(InitialTicket, ThatIsRefusedWithoutATextClearsTheCallers) {
 
   EXPECT_EQ(status, kFailure);
   EXPECT_EQ(error, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(GetParam().failure));
+  EXPECT_THAT(log.Notable(), ElementsAre(GetParam().failure));
 }
 
 TEST(AskingWithTheKeytab, HandsOverThePrincipalTheKeytabAndNothingElse) {
@@ -256,7 +247,7 @@ TEST(AskingWithAPassword, DoesNotLookAtTheKeytab) {
   EXPECT_EQ(error, "Cannot contact any KDC for requested realm");
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_init_creds_password", "krb5_get_error_message",
                                          "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kByPassword.failure + error));
+  EXPECT_THAT(log.Notable(), ElementsAre(kByPassword.failure + error));
 }
 
 TEST(AskingWithTheKeytab, WithoutOneLeavesTheTextAlone) {
@@ -273,8 +264,8 @@ TEST(AskingWithTheKeytab, WithoutOneLeavesTheTextAlone) {
   EXPECT_EQ(status_for_nobody, kFailure);
   EXPECT_EQ(error, "untouched");
   EXPECT_THAT(trace.Names(), IsEmpty());
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab ASAuthenticate: Invalid keytab file name.",
-                                       "4 krb-keytab ASAuthenticate: Invalid keytab file name."));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-keytab ASAuthenticate: Invalid keytab file name.",
+                                         "4 krb-keytab ASAuthenticate: Invalid keytab file name."));
 }
 
 // A keytab without entries, for real.
@@ -314,50 +305,27 @@ TEST_P(AKeytabWithoutEntries, IsSaidNotToBeCreatedYet) {
   EXPECT_EQ(status_for_nobody, kFailure);
   EXPECT_EQ(error, "Keytab file not created yet.");
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_have_content", "krb5_kt_have_content"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 krb-keytab ASAuthenticate: Keytab file not created yet.",
-                          "1 krb-keytab ASAuthenticate: Keytab file not created yet."));
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 // libkrb5 itself, in a realm whose KDCs nobody knows.
-constexpr char kNoKdc[] = "dns_lookup_kdc = false";
+TEST(ARealmWithoutAKdc, RefusesPasswordAndKeytab) {
+  const std::string no_kdc = "Cannot find KDC for realm \"CORP.EXAMPLE.COM\"";
+  for (const auto& [way, owner, reason] :
+       {std::tuple(&kByPassword, kMachine, no_kdc), std::tuple(&kByKeytab, kMachine, no_kdc),
+        std::tuple(&kByKeytab, kOther,
+                   std::string("Keytab contains no suitable keys for ") + kMachine)}) {
+    ScratchKeytab scratch("FILE", "dns_lookup_kdc = false");
+    scratch.Add({owner, 1});
+    std::string error;
+    LogCapture log;
 
-TEST(ARealmWithoutAKdc, RefusesThePassword) {
-  ScratchKeytab scratch("FILE", kNoKdc);
-  std::string error;
-  LogCapture log;
+    const int status = way->authenticate(scratch.keytab, &error);
 
-  const int status = scratch.keytab.ASAuthenticate("Secret.1", &error);
-
-  EXPECT_EQ(status, kFailure);
-  EXPECT_EQ(error, "Cannot find KDC for realm \"CORP.EXAMPLE.COM\"");
-  EXPECT_THAT(log.Lines(), ElementsAre(kByPassword.failure + error));
-}
-
-TEST(ARealmWithoutAKdc, RefusesTheKeytab) {
-  ScratchKeytab scratch("FILE", kNoKdc);
-  scratch.Add({kMachine, 1});
-  std::string error;
-  LogCapture log;
-
-  const int status = scratch.keytab.ASAuthenticate(&error);
-
-  EXPECT_EQ(status, kFailure);
-  EXPECT_EQ(error, "Cannot find KDC for realm \"CORP.EXAMPLE.COM\"");
-  EXPECT_THAT(log.Lines(), ElementsAre(kByKeytab.failure + error));
-}
-
-TEST(AKeytabOfOthers, HasNoKeyToAskWith) {
-  ScratchKeytab scratch("FILE", kNoKdc);
-  scratch.Add({kOther, 1});
-  std::string error;
-  LogCapture log;
-
-  const int status = scratch.keytab.ASAuthenticate(&error);
-
-  EXPECT_EQ(status, kFailure);
-  EXPECT_EQ(error, "Keytab contains no suitable keys for APPLIANCE$@CORP.EXAMPLE.COM");
-  EXPECT_THAT(log.Lines(), ElementsAre(kByKeytab.failure + error));
+    EXPECT_EQ(status, kFailure);
+    EXPECT_EQ(error, reason);
+    EXPECT_THAT(log.Notable(), ElementsAre(way->failure + reason));
+  }
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,230 +14,142 @@
 namespace tavrel::tests {
 namespace {
 
-using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
-constexpr char kNoContext[] = "Bad magic number for krb5_context structure";
-constexpr char kNoKeytab[] = "Key table name malformed";
-constexpr char kNoPrincipal[] = "Bad magic number for krb5_principal structure";
+struct Missing {
+  void (*take)(KrbContext& krb);
+  krb5_error_code code;
+  std::string text;
+};
+// The keytab and the principal stay, as after an Init() that failed.
+const Missing kContext{[](KrbContext& krb) { krb.ReleaseContext(); }, KV5M_CONTEXT,
+                       "Bad magic number for krb5_context structure"};
+const Missing kKeytab{[](KrbContext& krb) { krb.ReleaseKeytab(); }, KRB5_KT_BADNAME,
+                      "Key table name malformed"};
+const Missing kPrincipal{[](KrbContext& krb) { krb.ReleaseClientPrincipal(); }, KV5M_PRINCIPAL,
+                         "Bad magic number for krb5_principal structure"};
 
 struct NeverCalled : KeytabAccumulator {
   void Process(const krb5_keytab_entry&) override { ADD_FAILURE() << "there is no entry"; }
 };
 
-// A keytab that would do, were it used: as the machine's default keytab it must not be.
-class Missing : public testing::Test {
- protected:
-  Missing() : by_default_("KRB5_KTNAME", "FILE:" + scratch.Path()) {
+using Operation = int(Keytab& keytab, std::string* error);
+
+int Iterate(Keytab& keytab, std::string*) {
+  NeverCalled visitor;
+  return keytab.Iterate(visitor);
+}
+int Print(Keytab& keytab, std::string*) {
+  return keytab.Print();
+}
+int NextVno(Keytab& keytab, std::string*) {
+  return static_cast<int>(keytab.GetNextClientVno());
+}
+int HasKey(Keytab& keytab, std::string*) {
+  return keytab.HasKey();
+}
+int Write(Keytab& keytab, std::string* error) {
+  return keytab.WriteKey("Secret.1", error);
+}
+int Clear(Keytab& keytab, std::string* error) {
+  return keytab.ClearKeys(error);
+}
+int AskWithKeytab(Keytab& keytab, std::string* error) {
+  return keytab.ASAuthenticate(error);
+}
+int AskWithPassword(Keytab& keytab, std::string* error) {
+  return keytab.ASAuthenticate("Secret.1", error);
+}
+
+constexpr char kSilent[] = "";
+constexpr char kWalk[] = "4 krb-keytab HasKey: Error starting keytab sequence: ";
+constexpr char kClear[] = "4 krb-keytab ClearKeys: Error starting keytab sequence: ";
+constexpr char kSalt[] = "4 krb-keytab WriteKey: Error generating principal salt: ";
+constexpr char kAdd[] = "4 krb-keytab WriteKey: Error adding key to keytab: ";
+constexpr char kAsk[] = "4 krb-keytab ASAuthenticate: Error authenticating through keytab: ";
+constexpr char kAskPassword[] =
+    "4 krb-keytab ASAuthenticate: Error authenticating through password: ";
+
+using Calls = std::vector<std::string>;
+const Calls kMessage = {"krb5_get_error_message", "krb5_free_error_message"};
+const Calls kNotAdded = {"krb5_principal2salt",        "__memset_to_buf",
+                         "krb5_c_string_to_key",       "krb5_free_data_contents",
+                         "krb5_get_error_message",     "krb5_free_error_message",
+                         "krb5_free_keyblock_contents"};
+const Calls kNotAsked = {"krb5_kt_have_content", "krb5_get_error_message",
+                         "krb5_free_error_message"};
+const Calls kWalked = {"krb5_kt_start_seq_get", "krb5_kt_next_entry",
+                       "krb5_free_keytab_entry_contents", "krb5_kt_next_entry",
+                       "krb5_kt_end_seq_get"};
+
+struct Row {
+  const char* name;
+  const Missing& missing;
+  Operation* run;
+  int result;
+  std::string record;  // up to the text of what is missing
+  bool told;           // the caller gets that text
+  Calls calls;
+
+  friend void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+};
+
+class AKeytabThatLacks : public testing::TestWithParam<Row> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    , AKeytabThatLacks,
+    testing::Values(
+        Row{"AContext_Iterate", kContext, Iterate, KV5M_CONTEXT, kSilent, false, {}},
+        Row{"AContext_Print", kContext, Print, KV5M_CONTEXT, kSilent, false, {}},
+        Row{"AContext_NextVno", kContext, NextVno, 1, kSilent, false, {}},
+        Row{"AContext_HasKey", kContext, HasKey, false, kWalk, false, kMessage},
+        Row{"AContext_Write", kContext, Write, false, kSalt, true, kMessage},
+        Row{"AContext_Clear", kContext, Clear, false, kClear, false, kMessage},
+        Row{"AContext_AskWithKeytab", kContext, AskWithKeytab, kFailure, kAsk, true, kMessage},
+        Row{"AContext_AskWithPassword", kContext, AskWithPassword, kFailure, kAskPassword, true,
+            kMessage},
+        Row{"AKeytab_Iterate", kKeytab, Iterate, KRB5_KT_BADNAME, kSilent, false, {}},
+        Row{"AKeytab_Print", kKeytab, Print, KRB5_KT_BADNAME, kSilent, false, {}},
+        Row{"AKeytab_NextVno", kKeytab, NextVno, 1, kSilent, false, {}},
+        Row{"AKeytab_HasKey", kKeytab, HasKey, false, kWalk, false, kMessage},
+        Row{"AKeytab_Write", kKeytab, Write, false, kAdd, true, kNotAdded},
+        Row{"AKeytab_Clear", kKeytab, Clear, false, kClear, false, kMessage},
+        // No entry is the machine's.
+        Row{"APrincipal_HasKey", kPrincipal, HasKey, false, kSilent, false, kWalked},
+        Row{"APrincipal_NextVno", kPrincipal, NextVno, 1, kSilent, false, kWalked},
+        Row{"APrincipal_Clear", kPrincipal, Clear, true, kSilent, false, kWalked},
+        Row{"APrincipal_Write", kPrincipal, Write, false, kSalt, true, kMessage},
+        Row{"APrincipal_AskWithKeytab", kPrincipal, AskWithKeytab, kFailure, kAsk, true, kNotAsked},
+        Row{"APrincipal_AskWithPassword", kPrincipal, AskWithPassword, kFailure, kAskPassword, true,
+            kMessage}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_P(AKeytabThatLacks, SaysSoAndCallsNothingThatNeedsIt) {
+  const Row& row = GetParam();
+  for (const bool reported : {true, false}) {
+    ScratchKeytab scratch;
     scratch.Add({kMachine, 1});
-    bytes_ = scratch.Bytes();
+    const std::string bytes = scratch.Bytes();
+    const ScopedVariable by_default("KRB5_KTNAME", "FILE:" + scratch.Path());  // it would do
+    row.missing.take(scratch.krb);
+    std::vector<std::string> records;
+    if (!row.record.empty()) records.push_back(row.record + row.missing.text);
+    if (row.result == kFailure) {
+      records.push_back("3 krb-error KrbErrorToStatus: Unknown krb5 error found: " +
+                        std::to_string(row.missing.code));
+    }
+    std::string error = "untouched";
+    LogCapture log;
+    CallTrace trace;
+
+    const int result = row.run(scratch.keytab, reported ? &error : nullptr);
+
+    EXPECT_EQ(result, row.result);
+    EXPECT_EQ(error, reported && row.told ? row.missing.text : "untouched");
+    EXPECT_THAT(log.Notable(), ElementsAreArray(records));
+    EXPECT_THAT(trace.Names(), ElementsAreArray(row.calls));
+    EXPECT_EQ(scratch.Bytes(), bytes) << "nothing is ever written";
   }
-  ~Missing() override { EXPECT_EQ(scratch.Bytes(), bytes_) << "nothing is ever written"; }
-
-  ScratchKeytab scratch;
-  std::string error = "untouched";
-
- private:
-  ScopedVariable by_default_;
-  std::string bytes_;
-};
-
-class AKeytabWithoutAContext : public Missing {
- protected:
-  // The keytab and the principal stay, as after an Init() that failed.
-  AKeytabWithoutAContext() { scratch.krb.ReleaseContext(); }
-};
-class AKeytabWithoutAHandle : public Missing {
- protected:
-  AKeytabWithoutAHandle() { scratch.krb.ReleaseKeytab(); }
-};
-class AKeytabWithoutAPrincipal : public Missing {
- protected:
-  AKeytabWithoutAPrincipal() { scratch.krb.ReleaseClientPrincipal(); }
-};
-
-TEST_F(AKeytabWithoutAContext, AWalkFailsBeforeTheFirstEntry) {
-  NeverCalled visitor;
-  LogCapture log;
-  CallTrace trace;
-
-  EXPECT_EQ(scratch.keytab.Iterate(visitor), KV5M_CONTEXT);
-  EXPECT_EQ(scratch.keytab.Print(), KV5M_CONTEXT);
-  EXPECT_EQ(scratch.keytab.GetNextClientVno(), 1u);
-
-  EXPECT_THAT(trace.Names(), IsEmpty());
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(AKeytabWithoutAHandle, AWalkFailsBeforeTheFirstEntry) {
-  NeverCalled visitor;
-  LogCapture log;
-  CallTrace trace;
-
-  EXPECT_EQ(scratch.keytab.Iterate(visitor), KRB5_KT_BADNAME);
-  EXPECT_EQ(scratch.keytab.Print(), KRB5_KT_BADNAME);
-  EXPECT_EQ(scratch.keytab.GetNextClientVno(), 1u);
-
-  EXPECT_THAT(trace.Names(), IsEmpty());
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(AKeytabWithoutAContext, ThereIsNoKey) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool has_key = scratch.keytab.HasKey();
-
-  EXPECT_FALSE(has_key);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: " +
-                                       std::string(kNoContext)));
-}
-
-TEST_F(AKeytabWithoutAHandle, ThereIsNoKey) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool has_key = scratch.keytab.HasKey();
-
-  EXPECT_FALSE(has_key);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: " +
-                                       std::string(kNoKeytab)));
-}
-
-TEST_F(AKeytabWithoutAContext, NothingCanBeWritten) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool written = scratch.keytab.WriteKey("Secret.1", &error);
-  const bool written_for_nobody = scratch.keytab.WriteKey("Secret.1", nullptr);
-
-  const std::string line =
-      "4 krb-keytab WriteKey: Error generating principal salt: " + std::string(kNoContext);
-  EXPECT_FALSE(written);
-  EXPECT_FALSE(written_for_nobody);
-  EXPECT_EQ(error, kNoContext);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message",
-                                         "krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre(line, line));
-}
-
-TEST_F(AKeytabWithoutAHandle, NothingCanBeWritten) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool written = scratch.keytab.WriteKey("Secret.1", &error);
-
-  EXPECT_FALSE(written);
-  EXPECT_EQ(error, kNoKeytab);
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_principal2salt", "__memset_to_buf", "krb5_c_string_to_key",
-                          "krb5_free_data_contents", "krb5_get_error_message",
-                          "krb5_free_error_message", "krb5_free_keyblock_contents"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab WriteKey: Error adding key to keytab: " +
-                                       std::string(kNoKeytab)));
-}
-
-TEST_F(AKeytabWithoutAPrincipal, NothingCanBeWritten) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool written = scratch.keytab.WriteKey("Secret.1", &error);
-
-  EXPECT_FALSE(written);
-  EXPECT_EQ(error, kNoPrincipal);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab WriteKey: Error generating principal salt: " +
-                                       std::string(kNoPrincipal)));
-}
-
-TEST_F(AKeytabWithoutAContext, NothingCanBeRemoved) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool cleared = scratch.keytab.ClearKeys(&error);
-
-  EXPECT_FALSE(cleared);
-  EXPECT_EQ(error, "untouched");
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab ClearKeys: Error starting keytab sequence: " +
-                                       std::string(kNoContext)));
-}
-
-TEST_F(AKeytabWithoutAHandle, NothingCanBeRemoved) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool cleared = scratch.keytab.ClearKeys(&error);
-
-  EXPECT_FALSE(cleared);
-  EXPECT_EQ(error, "untouched");
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab ClearKeys: Error starting keytab sequence: " +
-                                       std::string(kNoKeytab)));
-}
-
-TEST_F(AKeytabWithoutAContext, NoTicketCanBeObtained) {
-  LogCapture log;
-  CallTrace trace;
-
-  const int by_keytab = scratch.keytab.ASAuthenticate(&error);
-  std::string other_error;
-  const int by_password = scratch.keytab.ASAuthenticate("Secret.1", &other_error);
-
-  EXPECT_EQ(by_keytab, kFailure);
-  EXPECT_EQ(by_password, kFailure);
-  EXPECT_EQ(error, kNoContext);
-  EXPECT_EQ(other_error, kNoContext);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message",
-                                         "krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("4 krb-keytab ASAuthenticate: Error authenticating through keytab: " +
-                              std::string(kNoContext),
-                          "3 krb-error KrbErrorToStatus: Unknown krb5 error found: -1760647388",
-                          "4 krb-keytab ASAuthenticate: Error authenticating through password: " +
-                              std::string(kNoContext),
-                          "3 krb-error KrbErrorToStatus: Unknown krb5 error found: -1760647388"));
-}
-
-TEST_F(AKeytabWithoutAPrincipal, NoTicketCanBeObtained) {
-  LogCapture log;
-  CallTrace trace;
-
-  const int by_keytab = scratch.keytab.ASAuthenticate(&error);
-  std::string other_error;
-  const int by_password = scratch.keytab.ASAuthenticate("Secret.1", &other_error);
-
-  EXPECT_EQ(by_keytab, kFailure);
-  EXPECT_EQ(by_password, kFailure);
-  EXPECT_EQ(error, kNoPrincipal);
-  EXPECT_EQ(other_error, kNoPrincipal);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_have_content", "krb5_get_error_message",
-                                         "krb5_free_error_message", "krb5_get_error_message",
-                                         "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("4 krb-keytab ASAuthenticate: Error authenticating through keytab: " +
-                              std::string(kNoPrincipal),
-                          "3 krb-error KrbErrorToStatus: Unknown krb5 error found: -1760647423",
-                          "4 krb-keytab ASAuthenticate: Error authenticating through password: " +
-                              std::string(kNoPrincipal),
-                          "3 krb-error KrbErrorToStatus: Unknown krb5 error found: -1760647423"));
-}
-
-TEST_F(AKeytabWithoutAPrincipal, NoEntryIsTheMachines) {
-  LogCapture log;
-
-  const bool has_key = scratch.keytab.HasKey();
-  const std::uint32_t next = scratch.keytab.GetNextClientVno();
-  const bool cleared = scratch.keytab.ClearKeys(&error);
-
-  EXPECT_FALSE(has_key);
-  EXPECT_EQ(next, 1u);
-  EXPECT_TRUE(cleared);
-  EXPECT_EQ(error, "untouched");
-  EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 }  // namespace

@@ -20,38 +20,30 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 
+using Lines = std::vector<std::string>;
+
 constexpr char kService[] = "HTTP/appliance.corp.example.com@CORP.EXAMPLE.COM";
 
-constexpr char kAlice[] = "CORP.EXAMPLE.COM\\alice";
-constexpr char kAliceSeen[] =
-    "1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\alice";
-constexpr char kBadTime[] =
-    "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
-    "CORP.EXAMPLE.COM\\alice";
-constexpr char kBadServer[] =
-    "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user "
-    "CORP.EXAMPLE.COM\\alice";
-const std::vector<std::string> kServiceDump = {
-    "1 krb-keytab PrintPrincipal: AP request server principal: HTTP@CORP.EXAMPLE.COM",
-    "1 krb-keytab PrintPrincipal: AP request server principal: "
-    "appliance.corp.example.com@CORP.EXAMPLE.COM",
-    "1 krb-keytab PrintPrincipal: Joined server principal: APPLIANCE$@CORP.EXAMPLE.COM"};
+const std::string kNobody;
+const std::string kAlice = "CORP.EXAMPLE.COM\\alice";
+const std::string kBadTime =
+    "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: ";
+const std::string kBadServer =
+    "2 krb-keytab APAuthenticate: Invalid server principal for AP request for user ";
 const std::string kUnread = "4 krb-keytab APAuthenticate: Error reading AP request: ";
-
-constexpr char kNoKeyFound[] =
+const std::string kNoKeyFound =
     "Request ticket server HTTP/appliance.corp.example.com@CORP.EXAMPLE.COM not found in keytab "
     "(ticket kvno 1)";
 
-std::vector<std::string> Then(std::vector<std::string> lines,
-                              const std::vector<std::string>& more) {
-  lines.insert(lines.end(), more.begin(), more.end());
-  return lines;
-}
+// The library calls for a request that can be read, and for one that cannot.
+const Lines kRead = {"krb5_auth_con_init",     "krb5_rd_req",      "time",
+                     "krb5_principal_compare", "krb5_free_ticket", "krb5_auth_con_free"};
+const Lines kRefused = {"krb5_auth_con_init", "krb5_rd_req", "krb5_get_error_message",
+                        "krb5_free_error_message", "krb5_auth_con_free"};
 
 // A keytab file that holds the machine's key, and a ticket that is sealed with it.
-class ARequest : public testing::Test {
- protected:
-  explicit ARequest(const std::string& libdefaults = kTolerateSkew) : scratch("FILE", libdefaults) {
+struct Scene {
+  explicit Scene(const std::string& libdefaults = kTolerateSkew) : scratch("FILE", libdefaults) {
     scratch.Add({kMachine, 1, Rc4Key(ticket.password)});
   }
 
@@ -60,12 +52,6 @@ class ARequest : public testing::Test {
   }
   std::string Present() { return Present(ApReq(ticket)); }
 
-  // The same when the library's own check sees another time than libkrb5.
-  std::string PresentAt(std::time_t now) {
-    const StandIn clock(calls::time, [=](std::time_t*) { return now; });
-    return Present();
-  }
-
   // Puts an entry with the machine's key before the machine's own.
   void FindsFirst(const std::string& principal) {
     std::filesystem::remove(scratch.Path());
@@ -73,81 +59,199 @@ class ARequest : public testing::Test {
     scratch.Add({kMachine, 1, Rc4Key(ticket.password)});
   }
 
+  // A ticket of an hour that ended that many seconds ago.
+  void Ended(krb5_timestamp seconds) {
+    ticket.endtime = ticket.authtime - seconds;
+    ticket.authtime = ticket.starttime = ticket.endtime - 3600;
+  }
+
   ForgedTicket ticket;
   ScratchKeytab scratch;
 };
 
-TEST_F(ARequest, ForTheMachineNamesTheUser) {
-  const std::vector<char> request = ApReq(ticket);
+struct Row {
+  const char* name;
+  void (*arrange)(Scene& scene);
+  std::string user;
+  Lines records;
+  Lines calls = kRead;
+  const char* libdefaults = kTolerateSkew;
+
+  friend void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+};
+
+class EveryRequest : public testing::TestWithParam<Row> {};
+
+TEST_P(EveryRequest, IsAcceptedOrRefusedForItsReason) {
+  const Row& row = GetParam();
+  Scene scene(row.libdefaults);
+  row.arrange(scene);
+  const std::vector<char> request = ApReq(scene.ticket);
   LogCapture log;
   CallTrace trace;
 
-  const std::string user = Present(request);
+  const std::string user = scene.Present(request);
 
-  EXPECT_EQ(user, kAlice);
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
-                          "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen));
-  EXPECT_EQ(log.Records()[0].file, "KrbKeytab.cpp");
+  EXPECT_EQ(user, row.user);
+  EXPECT_THAT(log.Notable(), ElementsAreArray(row.records));
+  EXPECT_THAT(trace.Names(), ElementsAreArray(row.calls));
 }
 
-TEST_F(ARequest, IsTriedWithEveryKeyOfTheMachine) {
-  ticket.password = "the next one";
-  ticket.kvno = 7;
-  scratch.Add({kMachine, 2, Rc4Key(ticket.password)});
-  LogCapture log;
+INSTANTIATE_TEST_SUITE_P(
+    Accepted, EveryRequest,
+    testing::Values(
+        Row{"ForTheMachine", [](Scene&) {}, kAlice, {}},
+        Row{"WithAnyKeyOfTheMachine",
+            [](Scene& scene) {
+              scene.ticket.password = "the next one";
+              scene.ticket.kvno = 7;
+              scene.scratch.Add({kMachine, 2, Rc4Key(scene.ticket.password)});
+            },
+            kAlice,
+            {}},
+        // Any name of the service will do when the machine's key opens it.
+        Row{"ForAService",
+            [](Scene& scene) {
+              scene.ticket.server = {"HTTP", "appliance"};
+            },
+            kAlice,
+            {}},
+        Row{"ForAServiceOfThreeNames",
+            [](Scene& scene) {
+              scene.ticket.server = {"cifs", "a", "b"};
+            },
+            kAlice,
+            {}},
+        Row{"OfAnInstanceNamesTheInstance",
+            [](Scene& scene) {
+              scene.ticket.client = {"bob", "admin"};
+            },
+            "CORP.EXAMPLE.COM\\admin",
+            {}},
+        Row{"OfAClientWithoutANameNamesNobody",
+            [](Scene& scene) { scene.ticket.client = {}; },
+            kNobody,
+            {}},
+        Row{"WithoutAStartTime", [](Scene& scene) { scene.ticket.starttime = 0; }, kAlice, {}},
+        Row{"ThatEndedJustNow", [](Scene& scene) { scene.Ended(200); }, kAlice, {}, kRead, ""}),
+    [](const auto& info) { return info.param.name; });
 
-  const std::string user = Present();
+INSTANTIATE_TEST_SUITE_P(
+    Refused, EveryRequest,
+    testing::Values(
+        Row{"ThatEndedMoreThan300SecondsAgo",
+            [](Scene& scene) { scene.Ended(310); },
+            kNobody,
+            {kBadTime + kAlice}},
+        Row{"OfTheFuture",
+            [](Scene& scene) { scene.ticket.starttime += 3600; },
+            kNobody,
+            {kBadTime + kAlice}},
+        Row{"OfTheFutureWithoutAStartTime",
+            [](Scene& scene) {
+              scene.ticket.starttime = 0;
+              scene.ticket.authtime += 3600;
+            },
+            kNobody,
+            {kBadTime + kAlice}},
+        Row{"ThatEndsBeforeItStarts",
+            [](Scene& scene) {
+              scene.ticket.starttime += 100;
+              scene.ticket.endtime = scene.ticket.starttime - 1;
+            },
+            kNobody,
+            {kBadTime + kAlice}},
+        Row{"OfAnInstanceOfTheFuture",
+            [](Scene& scene) {
+              scene.ticket.client = {"bob", "admin"};
+              scene.ticket.starttime += 3600;
+            },
+            kNobody,
+            {kBadTime + "CORP.EXAMPLE.COM\\admin"}},
+        Row{"ForAnotherPrincipalWithTheSameKey",
+            [](Scene& scene) { scene.FindsFirst(kService); },
+            kNobody,
+            {kBadServer + kAlice}},
+        Row{"ForThisMachineInAnotherCase",
+            [](Scene& scene) { scene.FindsFirst("appliance$@CORP.EXAMPLE.COM"); },
+            kNobody,
+            {kBadServer + kAlice}},
+        Row{"ForThisMachineInAnotherRealm",
+            [](Scene& scene) { scene.FindsFirst("APPLIANCE$@corp.example.com"); },
+            kNobody,
+            {kBadServer + kAlice}},
+        Row{"ByARealmWithoutAPrincipal",
+            [](Scene& scene) { scene.scratch.krb.ReleaseClientPrincipal(); },
+            kNobody,
+            {kBadServer + kAlice},
+            {"krb5_auth_con_init", "krb5_rd_req", "time", "krb5_free_ticket",
+             "krb5_auth_con_free"}},
+        Row{"WithoutAContext",
+            [](Scene& scene) {
+              scene.scratch.krb.ReleaseKeytab();
+              scene.scratch.krb.ReleaseClientPrincipal();
+              scene.scratch.krb.ReleaseContext();
+            },
+            kNobody,
+            {"4 krb-keytab APAuthenticate: Error initializing auth context: Bad magic number for "
+             "krb5_context structure"},
+            {"krb5_get_error_message", "krb5_free_error_message"}},
+        Row{"SealedWithAnotherKey",
+            [](Scene& scene) { scene.ticket.password = "another"; },
+            kNobody,
+            {kUnread + kNoKeyFound},
+            kRefused},
+        Row{"OfAnEncryptionTypeWithoutAKey",
+            [](Scene& scene) { scene.ticket.etype = ENCTYPE_AES256_CTS_HMAC_SHA1_96; },
+            kNobody,
+            {kUnread + kNoKeyFound},
+            kRefused},
+        // The Kerberos library's own tolerance, as it is by default.
+        Row{"FromAClockThatIsTooFarOff",
+            [](Scene& scene) { scene.ticket.sent_at = scene.ticket.authtime - 400; },
+            kNobody,
+            {kUnread + "Clock skew too great"},
+            kRefused,
+            ""},
+        Row{"ThatExpired",
+            [](Scene& scene) { scene.Ended(3600); },
+            kNobody,
+            {kUnread + "Ticket expired"},
+            kRefused,
+            ""}),
+    [](const auto& info) { return info.param.name; });
 
-  EXPECT_EQ(user, kAlice);
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen));
-}
+// A request of its own scene, for what a row cannot say.
+class ARequest : public testing::Test, public Scene {};
 
-TEST_F(ARequest, ForAnyNameOfTheServiceIsAcceptedWhenTheMachinesKeyOpensIt) {
-  for (const std::vector<std::string>& server :
-       {std::vector<std::string>{"HTTP", "appliance"}, {"APPLIANCE$"}, {"cifs", "a", "b"}}) {
-    ticket.server = server;
-
-    EXPECT_EQ(Present(), kAlice) << server[0];
-  }
-}
-
-TEST_F(ARequest, OfAClientWithAnInstanceNamesTheInstance) {
-  ticket.client = {"bob", "admin"};
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\admin");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\bob",
-                          "1 krb-keytab APAuthenticate: AP request (1): CORP.EXAMPLE.COM\\admin"));
-}
-
-TEST_F(ARequest, OfAClientWithElevenComponentsNumbersThemInDecimal) {
+TEST_F(ARequest, ThatIsRefusedForTwoReasonsNamesBoth) {
+  FindsFirst(kService);
   ticket.client = std::vector<std::string>(11, "x");
+  ticket.starttime += 3600;
+  const std::string x = "CORP.EXAMPLE.COM\\x";
+  Lines records;
+  for (int i = 0; i < 11; ++i)
+    records.push_back("1 krb-keytab APAuthenticate: AP request (" + std::to_string(i) + "): " + x);
+  const std::string dump = "1 krb-keytab PrintPrincipal: ";
+  for (const std::string& record :
+       {kBadTime + x, kBadServer + x, dump + "AP request server principal: HTTP@CORP.EXAMPLE.COM",
+        dump + "AP request server principal: appliance.corp.example.com@CORP.EXAMPLE.COM",
+        dump + "Joined server principal: APPLIANCE$@CORP.EXAMPLE.COM"}) {
+    records.push_back(record);
+  }
   LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\x");
-  ASSERT_EQ(log.Lines().size(), 11u);
-  EXPECT_EQ(log.Lines()[10], "1 krb-keytab APAuthenticate: AP request (10): CORP.EXAMPLE.COM\\x");
-}
-
-TEST_F(ARequest, OfAClientWithoutANameNamesNobody) {
-  ticket.client = {};
-  LogCapture log;
-  CallTrace trace;
 
   const std::string user = Present();
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
-                          "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Lines(), ElementsAreArray(records));
+  EXPECT_EQ(log.Records()[0].file, "KrbKeytab.cpp");
+}
+
+TEST_F(ARequest, MayComeFromAnotherRealmThanTheMachines) {
+  ticket.client_realm = "PARTNER.EXAMPLE.ORG";
+
+  EXPECT_EQ(Present(), "PARTNER.EXAMPLE.ORG\\alice");
 }
 
 TEST_F(ARequest, NamesTheClientAsTheTicketWritesIt) {
@@ -165,148 +269,17 @@ TEST_F(ARequest, NamesTheClientAsTheTicketWritesIt) {
   }
 }
 
-TEST_F(ARequest, MayComeFromAnotherRealmThanTheMachines) {
-  ticket.client_realm = "PARTNER.EXAMPLE.ORG";
-
-  EXPECT_EQ(Present(), "PARTNER.EXAMPLE.ORG\\alice");
-}
-
 TEST_F(ARequest, IsJudgedByTheTimesOfItsTicket) {
   const std::time_t start = ticket.starttime;
   const std::time_t end = ticket.endtime;
   for (const auto& [now, valid] :
        {std::pair(start - 301, false), std::pair(start - 300, true), std::pair(start, true),
         std::pair(end, true), std::pair(end + 300, true), std::pair(end + 301, false)}) {
-    LogCapture log;
+    // The library's own check sees another time than libkrb5.
+    const StandIn clock(calls::time, [now = now](std::time_t*) { return now; });
 
-    const std::string user = PresentAt(now);
-
-    EXPECT_EQ(user, valid ? kAlice : "") << now - start;
-    EXPECT_THAT(log.Lines(),
-                ElementsAreArray(valid ? std::vector<std::string>{kAliceSeen}
-                                       : std::vector<std::string>{kAliceSeen, kBadTime}))
-        << now - start;
+    EXPECT_EQ(Present(), valid ? kAlice : "") << now - start;
   }
-}
-
-TEST_F(ARequest, WithATicketThatEndedMoreThan300SecondsAgoIsRefused) {
-  ticket.authtime -= 7200;
-  ticket.starttime = ticket.authtime;
-  ticket.endtime = static_cast<krb5_timestamp>(std::time(nullptr)) - 310;
-  const std::vector<char> request = ApReq(ticket);
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user = Present(request);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
-                          "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen, kBadTime));
-}
-
-TEST_F(ARequest, WithATicketOfTheFutureIsRefused) {
-  ticket.starttime = ticket.authtime + 3600;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen, kBadTime));
-}
-
-TEST_F(ARequest, WithATicketThatEndsBeforeItStartsIsRefused) {
-  ticket.starttime = ticket.authtime + 100;
-  ticket.endtime = ticket.authtime + 99;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen, kBadTime));
-}
-
-TEST_F(ARequest, WithATicketWithoutAStartTimeIsJudgedByWhenItsClientSignedIn) {
-  ticket.starttime = 0;
-  EXPECT_EQ(Present(), kAlice);
-
-  ticket.authtime += 3600;
-  EXPECT_EQ(Present(), "");
-}
-
-TEST_F(ARequest, WhoseTimesAreBadNamesTheInstanceInTheRecord) {
-  ticket.client = {"bob", "admin"};
-  ticket.starttime = ticket.authtime + 3600;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("1 krb-keytab APAuthenticate: AP request (0): CORP.EXAMPLE.COM\\bob",
-                          "1 krb-keytab APAuthenticate: AP request (1): CORP.EXAMPLE.COM\\admin",
-                          "2 krb-keytab APAuthenticate: Invalid timestamp for AP request for user: "
-                          "CORP.EXAMPLE.COM\\admin"));
-}
-
-TEST_F(ARequest, ForAnotherPrincipalWithTheSameKeyIsRefused) {
-  FindsFirst(kService);
-  const std::vector<char> request = ApReq(ticket);
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user = Present(request);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time", "krb5_principal_compare",
-                          "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAreArray(Then({kAliceSeen, kBadServer}, kServiceDump)));
-}
-
-TEST_F(ARequest, ForThisMachineInAnotherCaseOrRealmIsForAnother) {
-  for (const char* name : {"appliance$@CORP.EXAMPLE.COM", "APPLIANCE$@corp.example.com"}) {
-    FindsFirst(name);
-    LogCapture log;
-
-    const std::string user = Present();
-
-    EXPECT_EQ(user, "");
-    EXPECT_THAT(log.Lines(),
-                ElementsAre(kAliceSeen, kBadServer,
-                            "1 krb-keytab PrintPrincipal: AP request server principal: " +
-                                std::string(name),
-                            kServiceDump[2]));
-  }
-}
-
-TEST_F(ARequest, ThatIsRefusedForTwoReasonsNamesBoth) {
-  FindsFirst(kService);
-  ticket.starttime = ticket.authtime + 3600;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Then({kAliceSeen, kBadTime, kBadServer}, kServiceDump)));
-}
-
-TEST_F(ARequest, ToARealmWithoutAPrincipalIsRefused) {
-  scratch.krb.ReleaseClientPrincipal();
-  const std::vector<char> request = ApReq(ticket);
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user = Present(request);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_auth_con_init", "krb5_rd_req", "time",
-                                         "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen, kBadServer,
-                                       "1 krb-keytab PrintPrincipal: AP request server principal: "
-                                       "APPLIANCE$@CORP.EXAMPLE.COM"));
 }
 
 TEST_F(ARequest, WithoutAKeytabIsRefusedThoughTheDefaultKeytabWouldDo) {
@@ -321,24 +294,18 @@ TEST_F(ARequest, WithoutAKeytabIsRefusedThoughTheDefaultKeytabWouldDo) {
   EXPECT_EQ(user, "");
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_auth_con_init", "krb5_get_error_message",
                                          "krb5_free_error_message", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Key table name malformed"));
+  EXPECT_THAT(log.Notable(), ElementsAre(kUnread + "Key table name malformed"));
 }
 
-TEST_F(ARequest, WithoutAContextIsRefused) {
-  const std::vector<char> request = ApReq(ticket);
-  scratch.krb.ReleaseKeytab();
-  scratch.krb.ReleaseClientPrincipal();
-  scratch.krb.ReleaseContext();
+TEST_F(ARequest, WithoutAKeytabFileIsRefused) {
+  std::filesystem::remove(scratch.Path());
   LogCapture log;
-  CallTrace trace;
 
-  const std::string user = Present(request);
+  const std::string user = Present();
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_get_error_message", "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(),
-              ElementsAre("4 krb-keytab APAuthenticate: Error initializing auth context: Bad magic "
-                          "number for krb5_context structure"));
+  EXPECT_THAT(log.Notable(),
+              ElementsAre(kUnread + "Key table file '" + scratch.Path() + "' not found"));
 }
 
 TEST_F(ARequest, IsRefusedWhenTheAuthContextCannotBeMade) {
@@ -353,8 +320,8 @@ TEST_F(ARequest, IsRefusedWhenTheAuthContextCannotBeMade) {
   EXPECT_EQ(user, "");
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_auth_con_init", "krb5_get_error_message",
                                          "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab APAuthenticate: Error initializing auth "
-                                       "context: Cannot allocate memory"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-keytab APAuthenticate: Error initializing auth "
+                                         "context: Cannot allocate memory"));
 }
 
 TEST_F(ARequest, IsHandedToTheLibraryAsItIs) {
@@ -381,20 +348,7 @@ TEST_F(ARequest, IsHandedToTheLibraryAsItIs) {
 
   EXPECT_EQ(asked, 1);
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Message stream modified"));
-}
-
-TEST_F(ARequest, ThatIsGarbageIsRefusedWithoutDumps) {
-  LogCapture log;
-  CallTrace trace;
-
-  const std::string user = Present({'g', 'a', 'r', 'b', 'a', 'g', 'e'});
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(trace.Names(),
-              ElementsAre("krb5_auth_con_init", "krb5_rd_req", "krb5_get_error_message",
-                          "krb5_free_error_message", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Invalid message type"));
+  EXPECT_THAT(log.Notable(), ElementsAre(kUnread + "Message stream modified"));
 }
 
 TEST_F(ARequest, ThatIsCutOffAnywhereIsRefused) {
@@ -405,8 +359,7 @@ TEST_F(ARequest, ThatIsCutOffAnywhereIsRefused) {
     const std::string user = Present({request.data(), request.data() + length});
 
     EXPECT_EQ(user, "") << length;
-    ASSERT_EQ(log.Lines().size(), 1u) << length;
-    EXPECT_THAT(log.Lines()[0], testing::StartsWith(kUnread)) << length;
+    EXPECT_THAT(log.Notable(), ElementsAre(testing::StartsWith(kUnread))) << length;
   }
 }
 
@@ -422,47 +375,17 @@ TEST_F(ARequest, OfALengthBelowOneIsTakenForNoBytesAtAll) {
   std::vector<char> request = ApReq(ticket);
   for (const int length : {0, -1, std::numeric_limits<int>::min()}) {
     LogCapture log;
+    CallTrace trace;
 
     const std::string user = scratch.keytab.APAuthenticate(request.data(), length);
     const std::string from_nowhere = scratch.keytab.APAuthenticate(nullptr, length);
 
     EXPECT_EQ(user, "");
     EXPECT_EQ(from_nowhere, "");
-    EXPECT_THAT(log.Lines(),
+    EXPECT_THAT(log.Notable(),
                 ElementsAre(kUnread + "Invalid message type", kUnread + "Invalid message type"));
   }
   EXPECT_THAT(lengths, ElementsAre(0, 0, 0, 0, 0, 0));
-}
-
-TEST_F(ARequest, SealedWithAnotherKeyIsRefused) {
-  ticket.password = "another";
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + kNoKeyFound));
-}
-
-TEST_F(ARequest, OfAnEncryptionTypeWithoutAKeyIsRefused) {
-  ticket.etype = ENCTYPE_AES256_CTS_HMAC_SHA1_96;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + kNoKeyFound));
-}
-
-TEST_F(ARequest, ToAMachineWithoutAKeytabFileIsRefused) {
-  std::filesystem::remove(scratch.Path());
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAre(kUnread + "Key table file '" + scratch.Path() + "' not found"));
 }
 
 TEST_F(ARequest, PresentedTwiceIsAReplay) {
@@ -475,43 +398,7 @@ TEST_F(ARequest, PresentedTwiceIsAReplay) {
 
   EXPECT_EQ(first, kAlice);
   EXPECT_EQ(second, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kAliceSeen, kUnread + "Request is a replay"));
-}
-
-// The Kerberos library's own tolerance, as it is by default.
-class ARequestByDefault : public ARequest {
- protected:
-  ARequestByDefault() : ARequest("") {}
-};
-
-TEST_F(ARequestByDefault, FromAClockThatIsTooFarOffIsRefusedByTheLibrary) {
-  ticket.sent_at = ticket.authtime - 400;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Clock skew too great"));
-}
-
-TEST_F(ARequestByDefault, WithAnExpiredTicketIsRefusedByTheLibrary) {
-  ticket.authtime -= 7200;
-  ticket.starttime = ticket.authtime;
-  ticket.endtime = ticket.authtime + 3600;
-  LogCapture log;
-
-  const std::string user = Present();
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Ticket expired"));
-}
-
-TEST_F(ARequestByDefault, WithATicketThatEndedJustNowIsAccepted) {
-  ticket.authtime -= 7200;
-  ticket.starttime = ticket.authtime;
-  ticket.endtime = static_cast<krb5_timestamp>(std::time(nullptr)) - 200;
-
-  EXPECT_EQ(Present(), kAlice);
+  EXPECT_THAT(log.Notable(), ElementsAre(kUnread + "Request is a replay"));
 }
 
 // A ticket that libkrb5 hands over in a state in which it never does.
@@ -531,7 +418,7 @@ TEST_F(ARequest, ThatTheLibraryRefusesButDecodesIsJudgedByItsTicket) {
               ElementsAre("krb5_auth_con_init", "krb5_rd_req", "krb5_get_error_message",
                           "krb5_free_error_message", "time", "krb5_principal_compare",
                           "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Request is a replay", kAliceSeen));
+  EXPECT_THAT(log.Notable(), ElementsAre(kUnread + "Request is a replay"));
 }
 
 class ARequestWithoutADecryptedPart : public ARequest {
@@ -565,7 +452,7 @@ TEST_F(ARequestWithoutADecryptedPart, NamesNobody) {
   EXPECT_THAT(trace.Names(),
               ElementsAre("krb5_auth_con_init", "krb5_rd_req", "krb5_principal_compare",
                           "krb5_free_ticket", "krb5_auth_con_free"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_F(ARequestWithoutADecryptedPart, IsStillRefusedForAnotherPrincipal) {
@@ -575,10 +462,7 @@ TEST_F(ARequestWithoutADecryptedPart, IsStillRefusedForAnotherPrincipal) {
   const std::string user = Present();
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(),
-              ElementsAreArray(Then({"2 krb-keytab APAuthenticate: Invalid server principal for AP "
-                                     "request for user "},
-                                    kServiceDump)));
+  EXPECT_THAT(log.Notable(), ElementsAre(kBadServer));
 }
 
 }  // namespace

@@ -81,7 +81,7 @@ TEST_P(Walk, ShowsEveryEntryAndFreesItRightAfterwards) {
   EXPECT_EQ(code, 0);
   EXPECT_THAT(versions.seen, ElementsAreArray(in_order));
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(3, false)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_P(Walk, HandsOverTheWholeEntry) {
@@ -117,7 +117,7 @@ TEST_P(Walk, OverAKeytabWithoutTheMachineFindsNothingOfIt) {
 
   EXPECT_EQ(next, 1u);
   EXPECT_FALSE(has_key);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_P(Walk, NextVersionIsAboveTheHighestOfTheMachine) {
@@ -134,7 +134,7 @@ TEST_P(Walk, NextVersionIsAboveTheHighestOfTheMachine) {
 
   EXPECT_EQ(next, 6u);
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(7, true)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST_P(Walk, NextVersionCountsEveryEncryptionType) {
@@ -164,7 +164,7 @@ TEST_P(Walk, HasKeyWhateverItsVersionAndEncryptionType) {
   const bool has_key = scratch.keytab.HasKey();
 
   EXPECT_TRUE(has_key);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(HasKey, StopsAtTheFirstEntryOfTheMachine) {
@@ -179,7 +179,7 @@ TEST(HasKey, StopsAtTheFirstEntryOfTheMachine) {
 
   EXPECT_TRUE(has_key);
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(2, true, false)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(HasKey, ReadsToTheEndWhenTheMachineHasNone) {
@@ -208,8 +208,8 @@ TEST(HasKey, KeepsItsAnswerWhenTheCursorCannotBeClosed) {
     const bool has_key = scratch.keytab.HasKey();
 
     EXPECT_EQ(has_key, owner == kMachine);
-    EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab HasKey: Error ending keytab sequence: "
-                                         "Error writing to key table"));
+    EXPECT_THAT(log.Notable(), ElementsAre("4 krb-keytab HasKey: Error ending keytab sequence: "
+                                           "Error writing to key table"));
     EXPECT_EQ(log.Records()[0].file, "KrbKeytab.cpp");
   }
 }
@@ -223,7 +223,7 @@ TEST(HasKey, LogsThePrefixAloneWhenTheLibraryHasNoText) {
   const bool has_key = scratch.keytab.HasKey();
 
   EXPECT_FALSE(has_key);
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: "));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: "));
 }
 
 // A keytab that cannot be opened, for real.
@@ -267,36 +267,19 @@ TEST_P(UnreadableKeytab, EndsAWalkBeforeTheFirstEntry) {
 
   const krb5_error_code code = scratch.keytab.Iterate(versions);
   const krb5_error_code printed = scratch.keytab.Print();
+  const std::uint32_t next = scratch.keytab.GetNextClientVno();
+  const bool has_key = scratch.keytab.HasKey();
 
   EXPECT_EQ(code, GetParam().code);
   EXPECT_EQ(printed, GetParam().code);
-  EXPECT_THAT(versions.seen, IsEmpty());
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get", "krb5_kt_start_seq_get"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_P(UnreadableKeytab, GivesTheFirstVersion) {
-  LogCapture log;
-  CallTrace trace;
-
-  const std::uint32_t next = scratch.keytab.GetNextClientVno();
-
   EXPECT_EQ(next, 1u);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get"));
-  EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_P(UnreadableKeytab, HasNoKeyAndLogsWhy) {
-  LogCapture log;
-  CallTrace trace;
-
-  const bool has_key = scratch.keytab.HasKey();
-
   EXPECT_FALSE(has_key);
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get", "krb5_get_error_message",
-                                         "krb5_free_error_message"));
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: " +
-                                       GetParam().message(scratch.Path())));
+  EXPECT_THAT(versions.seen, IsEmpty());
+  EXPECT_THAT(trace.Names(), ElementsAre("krb5_kt_start_seq_get", "krb5_kt_start_seq_get",
+                                         "krb5_kt_start_seq_get", "krb5_kt_start_seq_get",
+                                         "krb5_get_error_message", "krb5_free_error_message"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-keytab HasKey: Error starting keytab sequence: " +
+                                         GetParam().message(scratch.Path())));
 }
 
 TEST(AReadError, EndsTheWalkLikeTheEndOfTheKeytab) {
@@ -314,7 +297,7 @@ TEST(AReadError, EndsTheWalkLikeTheEndOfTheKeytab) {
   EXPECT_EQ(code, 0);
   EXPECT_THAT(versions.seen, ElementsAre(1));
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(1, false)));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(AReadError, HidesWhatFollowsFromEveryQuery) {
@@ -340,7 +323,7 @@ TEST(AReadError, HidesWhatFollowsFromEveryQuery) {
   EXPECT_EQ(next, 1u);
   EXPECT_FALSE(has_key);
   EXPECT_THAT(trace.Names(), ElementsAreArray(twice));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(AFailedClose, IsWhatAWalkReturnsAndNothingElse) {
@@ -365,7 +348,7 @@ TEST(AFailedClose, IsWhatAWalkReturnsAndNothingElse) {
   EXPECT_THAT(versions.seen, ElementsAre(3));
   EXPECT_EQ(next, 4u);
   EXPECT_THAT(trace.Names(), ElementsAreArray(expected));
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(AVisitorThatThrows, LeavesNoCursorOpenAndNoEntryBehind) {
@@ -380,36 +363,6 @@ TEST(AVisitorThatThrows, LeavesNoCursorOpenAndNoEntryBehind) {
   EXPECT_THROW(scratch.keytab.Iterate(visitor), std::runtime_error);
 
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(1, false, false)));
-}
-
-// The records that printing a keytab leads to.
-struct Records : KeytabAccumulator {
-  void Process(const krb5_keytab_entry& entry) override {
-    const krb5_principal_data& principal = *entry.principal;
-    std::ostringstream line;
-    line << "1 krb-keytab Process: Key: "
-         << std::string(principal.data[0].data, principal.data[0].length) << "@"
-         << std::string(principal.realm.data, principal.realm.length) << " version " << entry.vno
-         << " at " << entry.timestamp;
-    lines.push_back(line.str());
-  }
-  std::vector<std::string> lines;
-};
-
-TEST_P(Walk, PrintLogsEveryEntryInOrder) {
-  scratch.Add({kMachine, 1});
-  scratch.Add({"HTTP/host@CORP.EXAMPLE.COM", 2});
-  Records records;
-  ASSERT_EQ(scratch.keytab.Iterate(records), 0);
-  ASSERT_EQ(records.lines.size(), 2u);
-  LogCapture log;
-  CallTrace trace;
-
-  const krb5_error_code code = scratch.keytab.Print();
-
-  EXPECT_EQ(code, 0);
-  EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(2, false)));
-  EXPECT_THAT(log.Lines(), ElementsAreArray(records.lines));
 }
 
 TEST(KeytabAccumulator, HasProcessInTheFirstSlotOfItsTable) {

@@ -52,7 +52,7 @@ TEST(ARealmMade, HoldsWhatItWasGiven) {
   EXPECT_NE(realm.krb_context.context, nullptr);
   EXPECT_NE(realm.krb_context.keytab, nullptr);
   EXPECT_EQ(realm.krb_context.client_principal, nullptr);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_init_context", "krb5_kt_resolve"));
 }
 
@@ -68,7 +68,7 @@ TEST(ARealmMade, WithoutServersHasNone) {
   EXPECT_EQ(realm.join_parameters.user, "Admin");
   EXPECT_EQ(realm.join_parameters.password, "Admin.Pass.1");
   EXPECT_NE(realm.krb_context.keytab, nullptr);
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_init_context", "krb5_kt_resolve"));
 }
 
@@ -80,7 +80,7 @@ TEST(ARealmMade, WithAnEmptyKeytabPathHasNoKeytab) {
 
   EXPECT_EQ(realm.krb_context.keytab, nullptr);
   EXPECT_EQ(*realm.join_parameters.servers, kServers);
-  EXPECT_THAT(log.Lines(),
+  EXPECT_THAT(log.Notable(),
               ElementsAre("4 krb-param SetKeytab: Keytab path is empty",
                           "4 krb-realm KrbRealm: Error initializing kerberos keytab to "));
 }
@@ -93,7 +93,7 @@ TEST(ARealmMade, WithAKeytabOfAnUnknownTypeHasNoKeytab) {
 
   EXPECT_EQ(realm.krb_context.keytab, nullptr);
   EXPECT_THAT(
-      log.Lines(),
+      log.Notable(),
       ElementsAre("4 krb-param SetKeytab: Error resolving keytab: Unknown Key table type",
                   "4 krb-realm KrbRealm: Error initializing kerberos keytab to NOPE:keytab"));
 }
@@ -110,7 +110,7 @@ TEST(ARealmMade, WithoutAReadableConfigurationHasNoContext) {
   EXPECT_EQ(realm.krb_context.keytab, nullptr);
   EXPECT_EQ(realm.join_parameters.domain, "CORP.EXAMPLE.COM");
   EXPECT_THAT(
-      log.Lines(),
+      log.Notable(),
       ElementsAre("4 krb-param Init: Error initializing context: Improper format of Kerberos "
                   "configuration file",
                   "4 krb-param SetKeytab: Error resolving keytab: Bad magic number for "
@@ -129,7 +129,7 @@ TEST(ARealmDestroyed, ReleasesKeytabPrincipalAndContext) {
 
   realm.reset();
 
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(trace.Names(),
               ElementsAre("krb5_kt_close", "krb5_free_principal", "krb5_free_context"));
 }
@@ -142,7 +142,7 @@ TEST(ARealmDestroyed, ReleasesOnlyWhatThereIs) {
 
   realm.reset();
 
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_free_context"));
 }
 
@@ -156,7 +156,7 @@ TEST(ARealmDestroyed, ReleasesNothingWithoutAContext) {
 
   realm.reset();
 
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
   EXPECT_THAT(trace.Names(), IsEmpty());
 }
 
@@ -258,13 +258,9 @@ TEST(ARealmWithoutAContext, RefusesEveryUser) {
   const std::string user = realm.Authenticate(token.data(), static_cast<int>(token.size()));
 
   EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Lines(), ElementsAre("1 krb-realm Authenticate: Auth request received of length "
-                                       "18",
-                                       "3 krb-realm Authenticate: Not a KRB_AP_REQ",
-                                       "1 krb-realm Authenticate: Sending in at index 11, first "
-                                       "data byte r",
-                                       "4 krb-keytab APAuthenticate: Error initializing auth "
-                                       "context: Bad magic number for krb5_context structure"));
+  EXPECT_THAT(log.Notable(), ElementsAre("3 krb-realm Authenticate: Not a KRB_AP_REQ",
+                                         "4 krb-keytab APAuthenticate: Error initializing auth "
+                                         "context: Bad magic number for krb5_context structure"));
 }
 
 TEST(ARealmWithoutAContext, TestsNoJoin) {
@@ -279,10 +275,10 @@ TEST(ARealmWithoutAContext, TestsNoJoin) {
 
   EXPECT_EQ(status, kFailure);
   EXPECT_EQ(error, "as before");
-  EXPECT_THAT(log.Lines(), ElementsAre("4 krb-param SetClientPrincipal: Error parsing principal "
-                                       "name: Bad magic number for krb5_context structure",
-                                       "4 krb-realm TestJoin: Error initializing kerberos "
-                                       "parameters to corp.example.com"));
+  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-param SetClientPrincipal: Error parsing principal "
+                                         "name: Bad magic number for krb5_context structure",
+                                         "4 krb-realm TestJoin: Error initializing kerberos "
+                                         "parameters to corp.example.com"));
 }
 
 // --- its thread ----------------------------------------------------------------------------------

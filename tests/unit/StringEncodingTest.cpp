@@ -44,7 +44,7 @@ TEST(Encode, FollowsEveryByteWithAZero) {
   EXPECT_EQ(Encoded("\"ab\""), "2200610062002200");
   EXPECT_EQ(Encoded("a"), "6100");
   EXPECT_EQ(Encoded(std::string("\0\x01\x7F", 3)), "000001007f00");
-  EXPECT_THAT(log.Lines(), IsEmpty());
+  EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
 TEST(Encode, TakesUpTo127Bytes) {
@@ -74,7 +74,7 @@ TEST(Encode, RefusesMoreThan127Bytes) {
   EXPECT_EQ(Encoded(std::string(100000, 'z')), "refused");
   EXPECT_EQ(Encoded(std::string(128, '\xC3')), "refused");  // the length is looked at first
 
-  EXPECT_THAT(log.Lines(), ElementsAre(kTooLong, kTooLong, kTooLong));
+  EXPECT_THAT(log.Notable(), ElementsAre(kTooLong, kTooLong, kTooLong));
 }
 
 TEST(Encode, ReadsNothingOfATextThatIsTooLong) {
@@ -83,7 +83,7 @@ TEST(Encode, ReadsNothingOfATextThatIsTooLong) {
   berval* const value = StringEncoding::EncodeUtf8to16Octetstring(nullptr, SIZE_MAX);
 
   EXPECT_EQ(value, nullptr);
-  EXPECT_THAT(log.Lines(), ElementsAre(kTooLong));
+  EXPECT_THAT(log.Notable(), ElementsAre(kTooLong));
 }
 
 TEST(Encode, RefusesWhatIsNotAsciiWhereverItStands) {
@@ -95,7 +95,7 @@ TEST(Encode, RefusesWhatIsNotAsciiWhereverItStands) {
   for (const std::string& text : refused) {
     LogCapture log;
     EXPECT_EQ(Encoded(text), "refused") << Hex(text);
-    EXPECT_THAT(log.Lines(), ElementsAre(kNotAscii));
+    EXPECT_THAT(log.Notable(), ElementsAre(kNotAscii));
     EXPECT_THAT(log.Records(), Each(Field(&LogRecord::file, "StringEncoding.cpp")));
   }
 }
