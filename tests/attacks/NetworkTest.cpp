@@ -36,7 +36,8 @@ TEST_F(TheNetwork, GetsThePasswordInClearWhereAHostHoldsTwoUrls) {
 TEST_F(TheNetwork, IsTrustedWithARevokedCertificate) {
   const std::string made = Lab("DIR") + "/revoked";
   const std::string both = made + "/both.pem";
-  if (std::filesystem::create_directory(made)) {
+  if (!HasOtherClock()) {
+    std::filesystem::create_directory(made);
     std::ofstream(made + "/index");
     std::ofstream(made + "/ca.conf") << "[ca]\ndefault_ca = lab\n[lab]\ndatabase = " << made
                                      << "/index\ndefault_md = sha256\ndefault_crl_days = 30\n";

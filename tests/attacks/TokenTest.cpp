@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "Attack.h"
@@ -71,13 +70,14 @@ TEST_F(AToken, MadeWithAStolenKeytabIsAnybodys) {
 TEST_F(AToken, OfAClientWhoseClockIsFastIsAcceptedAgainWhenOthersHaveSignedIn) {
   const std::string exact = Lab("DIR") + "/exact.token";
   const std::string fast = Lab("DIR") + "/fast.token";
+  if (!HasOtherClock()) SetVariable("KRB5RCACHEDIR", folder / "");  // the other process inherits it
   JoinedMachine realm(*this);
   const auto sign_in = [&](const std::string& token) {
     const std::string bytes = FileBytes(token);
     return SignIn(realm, {bytes.begin(), bytes.end()});
   };
   ForgedTicket ticket = Ticket();
-  if (!std::filesystem::exists(fast)) {
+  if (!HasOtherClock()) {
     Write(exact, GssToken(ApReq(ticket)));
     ticket.sent_at = static_cast<krb5_timestamp>(std::time(nullptr) + 60);
     Write(fast, GssToken(ApReq(ticket)));
@@ -89,8 +89,9 @@ TEST_F(AToken, OfAClientWhoseClockIsFastIsAcceptedAgainWhenOthersHaveSignedIn) {
 
   std::string exact_again, fast_again;
   constexpr int kMost = 20000;  // a thousand is usual
-  for (int others = 0; others < kMost && fast_again.empty(); ++others) {
+  for (int others = 1; others <= kMost && fast_again.empty(); ++others) {
     ASSERT_EQ(SignIn(realm, GssToken(ApReq(ticket))), kAlice);
+    if (others % 50 != 0) continue;
     exact_again += sign_in(exact);
     fast_again = sign_in(fast);
   }

@@ -157,8 +157,12 @@ void JoinScenario::AddKerberosSettings(const std::string& lines) {
   SetVariable("KRB5_CONFIG", path);
 }
 
+bool JoinScenario::HasOtherClock() {
+  return std::getenv(kClockVariable) != nullptr;
+}
+
 bool JoinScenario::InProcessWithClock(const std::string& offset) {
-  if (std::getenv(kClockVariable) != nullptr) return true;
+  if (HasOtherClock()) return true;
   const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
   char program[PATH_MAX] = {};
   if (readlink("/proc/self/exe", program, sizeof program - 1) == -1) return false;

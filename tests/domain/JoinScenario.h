@@ -91,6 +91,7 @@ class JoinScenario : public testing::Test {
   // Runs the current test once more, in a process whose clock is off by `offset`. True there; in
   // the process that asked it is false, and a failure of the other has become one of this test.
   static bool InProcessWithClock(const std::string& offset);
+  static bool HasOtherClock();  // true in that other process
 
   ScratchFolder folder;
   Directory directory;
