@@ -1,4 +1,7 @@
 // What enrolling does to the account and to the keytab.
+#include <optional>
+
+#include "GssClient.h"
 #include "MembershipScenario.h"
 #include "tavrel/KrbError.h"
 
@@ -62,6 +65,40 @@ TEST_F(Enrolment, GivesAMachineWithAnRc4KeyAesKeysAndKeepsTheOld) {
   expected.insert(expected.end(), before.begin(), before.end());
   EXPECT_THAT(Entries(), ElementsAreArray(expected));
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
+}
+
+// docs/membership.md, "From RC4 to AES in a running installation", step by step.
+TEST_F(Enrolment, TakesARunningInstallationFromRc4ToAes) {
+  NameMachine("running");
+  const std::string rc4 = tavrel::tests::Lab("DIR") + "/krb5.conf";
+  std::optional<tavrel::tests::ScopedVariable> settings;
+  settings.emplace("KRB5_CONFIG", rc4);
+  KrbRealm running = Realm();
+  ASSERT_EQ(Join(running).status, kSuccess);
+  const auto accepts = [&](KrbRealm& realm, const tavrel::tests::GssClient& client) {
+    std::vector<char> token = client.Token("RUNNING$@CORP.EXAMPLE.COM");
+    return realm.Authenticate(token.data(), static_cast<int>(token.size()));
+  };
+  const std::string alice = tavrel::tests::Lab("USER") + "@" + tavrel::tests::Lab("REALM");
+  const std::string secret = tavrel::tests::Lab("USER_PASSWORD");
+  const tavrel::tests::GssClient earlier(alice, secret);
+  ASSERT_EQ(accepts(running, earlier), "CORP.EXAMPLE.COM\\alice");
+
+  // Step 1: enrol, under the settings of before, beside the running process.
+  EXPECT_THAT(Enrol(), Changes());
+  EXPECT_EQ(accepts(running, earlier), "CORP.EXAMPLE.COM\\alice");
+  EXPECT_EQ(accepts(running, tavrel::tests::GssClient(alice, secret)), "CORP.EXAMPLE.COM\\alice");
+
+  // Step 2: the settings without RC4, and the process anew.
+  settings.emplace("KRB5_CONFIG", tavrel::tests::Lab("KRB5_CONFIG_DEFAULT_ENCTYPES"));
+  const std::string bytes = KeytabBytes();
+  KrbRealm anew = Realm();
+  EXPECT_EQ(Join(anew).status, kSuccess);
+  EXPECT_EQ(KeytabBytes(), bytes);
+  EXPECT_EQ(accepts(anew, earlier), "CORP.EXAMPLE.COM\\alice");
+
+  // Step 3: the timer.
+  EXPECT_THAT(Member().RotateWhenOlderThan(std::chrono::hours(24 * 30), kLimit), ChangesNothing());
 }
 
 TEST_F(Enrolment, MendsWhatTheCoreRepairedWithRc4) {
