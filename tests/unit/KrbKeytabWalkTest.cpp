@@ -1,10 +1,8 @@
 // Reading the keytab: Iterate, Print, GetNextClientVno and HasKey.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
@@ -363,18 +361,6 @@ TEST(AVisitorThatThrows, LeavesNoCursorOpenAndNoEntryBehind) {
   EXPECT_THROW(scratch.keytab.Iterate(visitor), std::runtime_error);
 
   EXPECT_THAT(trace.Names(), ElementsAreArray(WalkCalls(1, false, false)));
-}
-
-TEST(KeytabAccumulator, HasProcessInTheFirstSlotOfItsTable) {
-  void* const process =
-      dlsym(RTLD_DEFAULT, "_ZN6tavrel13KeytabPrinter7ProcessERK20krb5_keytab_entry_st");
-  ASSERT_NE(process, nullptr);
-  const KeytabPrinter printer;
-  void* const* table = nullptr;
-
-  std::memcpy(&table, static_cast<const void*>(&printer), sizeof table);
-
-  EXPECT_EQ(table[0], process);
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
-#include <dlfcn.h>
-#include <elf.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <link.h>
 
 #include <cstdint>
 #include <limits>
@@ -43,25 +40,6 @@ bool TicketValid(std::time_t now, const krb5_ticket_times& times) {
 }
 
 constexpr krb5_timestamp kNow = 1700000000;
-
-TEST(MaxOffsetSeconds, IsAnExportedSigned64BitObjectOf300) {
-  void* const library = dlopen("libtavrel.so.1", RTLD_NOW | RTLD_NOLOAD);
-  ASSERT_NE(library, nullptr) << dlerror();
-  const void* const address = dlsym(library, "_ZN6tavrel18KrbTicketValidator17kMaxOffsetSecondsE");
-  ASSERT_NE(address, nullptr) << dlerror();
-  Dl_info info{};
-  const ElfW(Sym)* symbol = nullptr;
-  ASSERT_NE(dladdr1(address, &info, const_cast<void**>(reinterpret_cast<const void**>(&symbol)),
-                    RTLD_DL_SYMENT),
-            0);
-
-  EXPECT_EQ(*static_cast<const std::int64_t*>(address), 300);
-  EXPECT_EQ(KrbTicketValidator::kMaxOffsetSeconds, 300);
-  ASSERT_NE(symbol, nullptr);
-  EXPECT_EQ(symbol->st_size, sizeof(std::int64_t));
-  EXPECT_EQ(ELF64_ST_TYPE(symbol->st_info), STT_OBJECT);
-  dlclose(library);
-}
 
 struct Offset {
   krb5_timestamp seconds;

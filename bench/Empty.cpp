@@ -1,1 +1,0 @@
-// A library with nothing in it.
