@@ -11,7 +11,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,14 +46,13 @@ class HostileJoin : public testing::Test {
   std::string Join() const {
     LogCapture log;
     std::string error = "(untouched)";
-    // libkrb5 keeps a keytab locked that it could not write, as long as it is open.
-    auto realm =
-        std::make_unique<KrbRealm>(Lab("DOMAIN"), Lab("ADMIN"), Lab("ADMIN_PASSWORD"), keytab_);
-    const int status = realm->Join(&error);
-    realm.reset();
+    KrbRealm realm(Lab("DOMAIN"), Lab("ADMIN"), Lab("ADMIN_PASSWORD"), keytab_);
+    const int status = realm.Join(&error);
     std::string told = std::to_string(status) + ", \"" + error + "\"\n";
     for (const std::string& line : log.Notable())
       told += line + "\n";
+    // libkrb5 leaves a keytab locked that it could not write.
+    if (error.find("Unable to write") != std::string::npos) return told;
     for (const StoredKey& stored : ReadKeytab("FILE:" + keytab_)) {
       if (stored.principal == Account() + "$@CORP.EXAMPLE.COM") {
         told += "version " + std::to_string(stored.vno) + "\n";

@@ -10,7 +10,6 @@
 #include <ctime>
 #include <fstream>
 #include <memory>
-#include <new>
 #include <type_traits>
 #include <vector>
 
