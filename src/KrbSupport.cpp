@@ -14,6 +14,9 @@ bool KrbFailed(krb5_error_code code, const LogPrefix& prefix, const Logger& logg
   const std::string message = KrbMessage(context, code);
   logger.Error(prefix, message);
   if (error != nullptr) *error = message;
+  // libkrb5 keeps the text of a failure for its code, and a later failure with that code which has
+  // no text of its own would get it.
+  krb5_clear_error_message(context);
   return true;
 }
 

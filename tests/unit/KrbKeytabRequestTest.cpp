@@ -388,6 +388,19 @@ TEST_F(ARequest, OfALengthBelowOneIsTakenForNoBytesAtAll) {
   EXPECT_THAT(lengths, ElementsAre(0, 0, 0, 0, 0, 0));
 }
 
+// libkrb5 has no text of its own for that, and would give the one that it kept from before.
+TEST_F(ARequest, ToAMachineWhoseKeytabCannotBeReadIsNotRefusedForAnEarlierReason) {
+  std::filesystem::remove(scratch.Path());
+  Present();
+  std::filesystem::create_symlink(scratch.Path(), scratch.Path());
+  LogCapture log;
+
+  const std::string user = Present();
+
+  EXPECT_EQ(user, "");
+  EXPECT_THAT(log.Lines(), ElementsAre(kUnread + "Service key not available"));
+}
+
 TEST_F(ARequest, PresentedTwiceIsAReplay) {
   const ScopedVariable cache("KRB5RCACHENAME", "file2:" + scratch.settings / "replays");
   const std::vector<char> request = ApReq(ticket);
