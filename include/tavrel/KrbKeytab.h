@@ -100,6 +100,9 @@ class TAVREL_EXPORT Keytab {
   ///   removed before stay removed. When the keytab cannot be opened `*error` is left alone. A
   ///   failure to close it is reported in `*error`, but makes the result false only when nothing
   ///   was to be removed.
+  /// @warning libkrb5 overwrites a removed entry with zeros for as long as the entry's length says.
+  ///   In a file where that is damaged this reaches into the entries behind, or makes the file grow
+  ///   by up to 2 GiB.
   bool ClearKeys(std::string* error);
 
   /// Asks the KDC for an initial ticket with the keytab's keys (AS exchange, RFC 4120 3.1;
