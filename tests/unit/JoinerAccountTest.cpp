@@ -103,6 +103,19 @@ TEST_F(AccountChange, ReportsThatTheAccountCouldNotBeAdded) {
   EXPECT_EQ(error, "Already exists");
 }
 
+TEST_F(AccountChange, TakesNoResultCodeForASmallerOne) {
+  for (const int code : {256, 4096}) {
+    const auto refuses = [&](auto...) { return code; };
+    const StandIn add(calls::ldap_add_ext_s, refuses);
+    const StandIn modify(calls::ldap_modify_ext_s, refuses);
+
+    EXPECT_TRUE(joiner.AddAccountObject(Account(), &error).failed) << code;
+    EXPECT_FALSE(joiner.SetProperties(Account(), &error)) << code;
+    EXPECT_FALSE(joiner.SetPassword(Account(), &error)) << code;
+    EXPECT_EQ(error, ldap_err2string(code));
+  }
+}
+
 TEST_F(AccountChange, CannotAddWithoutAHandle) {
   for (std::string* const reason : {&error, static_cast<std::string*>(nullptr)}) {
     const AccountObject account = joiner.AddAccountObject({false, true, nullptr, 514}, reason);

@@ -78,6 +78,18 @@ TEST_F(AccountLookup, TakesAnAnswerWithoutAnObjectForAnAbsentAccount) {
   EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
+TEST_F(AccountLookup, TakesNoResultCodeForASmallerOne) {
+  Sessions({"dc1"});
+  for (const int code : {256, 256 + LDAP_NO_SUCH_OBJECT, 4096}) {
+    fake.answers[1] = {code, {}, false};
+
+    const AccountObject account = joiner.GetAccountObject(joiner.sessions.front(), &error);
+
+    EXPECT_TRUE(account.failed) << code;
+    EXPECT_EQ(error, ldap_err2string(code));
+  }
+}
+
 TEST_F(AccountLookup, DoesNotLookAtWhatAFailedSearchFoundButReleasesIt) {
   Sessions({"dc1"});
   for (const int code : {LDAP_TIMEOUT, LDAP_SIZELIMIT_EXCEEDED, LDAP_REFERRAL,

@@ -355,6 +355,11 @@ std::vector<std::string> LastCalls(ScratchKeytab& scratch) {
 TEST(AWholeFile, IsOnlyReadBeforeTheKeyIsAdded) {
   ScratchKeytab scratch;
 
+  const StandIn opened(calls::open, [](const char* path, int flags, mode_t mode) {
+    EXPECT_NE(flags & O_CLOEXEC, 0);
+    return calls::open.Real(path, flags, mode);
+  });
+
   EXPECT_THAT(LastCalls(scratch),
               ElementsAre("krb5_kt_get_name", "open", "fcntl", "lseek", "pread", "close",
                           "krb5_kt_add_entry", "krb5_free_keyblock_contents"));

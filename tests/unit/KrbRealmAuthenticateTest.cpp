@@ -196,6 +196,32 @@ TEST_F(TheScan, TakesWhatFollowsTheIdentifierThatCounts) {
   }
 }
 
+TEST(AToken, MayHaveItsIdentifierAtAnyPlace) {
+  const KrbSettings settings;
+  Joined realm;
+  for (const std::size_t place : {256U, 300U, 65'536U}) {
+    for (const bool is_second : {false, true}) {
+      SCOPED_TRACE(std::to_string(place) + (is_second ? ", second" : ""));
+      std::string text = is_second ? kKerberosOid : "";
+      text.resize(place, 'x');
+      ForgedTicket ticket;
+      ticket.server = {"APPLIANCE$"};
+      const Bytes request = ApReq(ticket);
+      text += kKerberosOid + kApReqId + std::string(request.begin(), request.end());
+      LogCapture log;
+
+      const std::string user = realm.Authenticate(AsBytes(text));
+
+      EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
+      EXPECT_THAT(log.Lines(),
+                  testing::IsSupersetOf(
+                      {"1 krb-realm Authenticate: Found KRB OID at index " + std::to_string(place),
+                       "1 krb-realm Authenticate: Sending in at index " +
+                           std::to_string(place + 11) + ", first data byte n"}));
+    }
+  }
+}
+
 TEST_F(TheScan, OfNoBytesReadsNone) {
   for (const int length : {0, -1, -11, INT_MIN}) {
     const Outcome at_the_end = Of(fenced_.Back({}), length);

@@ -121,6 +121,7 @@ TEST(RandomString, ReadsTheDeviceOnceAndClosesIt) {
     device = calls::open.Real(path, flags, mode);
     steps.push_back(std::string("open ") + path);
     EXPECT_EQ(flags & O_ACCMODE, O_RDONLY);
+    EXPECT_NE(flags & O_CLOEXEC, 0);
     return device;
   });
   const StandIn read(calls::read, [&](int from, void* buffer, std::size_t size) {
