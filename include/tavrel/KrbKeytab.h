@@ -94,8 +94,7 @@ class TAVREL_EXPORT Keytab {
   bool WriteKey(const std::string& password, std::string* error);
 
   /// Removes every entry of the client principal (`krb5_kt_remove_entry`), after the keytab has
-  /// been read, in file order. libkrb5 writes zeros over each for as long as the entry's length
-  /// says: a damaged length can take the entries behind it along.
+  /// been read, in file order.
   /// @return true when all were removed. At the first that cannot be, it stops: those
   ///   removed before stay removed. When the keytab cannot be opened `*error` is left alone. A
   ///   failure to close it is reported in `*error`, but makes the result false only when nothing
