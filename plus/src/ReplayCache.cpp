@@ -142,7 +142,7 @@ std::unique_ptr<ReplayCache> ReplayCache::Open(const std::string& path, std::siz
   const auto size = static_cast<std::size_t>(status.st_size);
   if (pread(file.Get(), &header, sizeof header, 0) != ssize_t{sizeof header} ||
       header.magic != kMagic || header.records > kMostCapacity ||
-      header.records != RoundUp(header.records) ||
+      header.records != RoundUp(static_cast<std::size_t>(header.records)) ||
       size != kHeaderSize + header.records * sizeof(Record)) {
     return failed("not a replay file");
   }
@@ -162,7 +162,7 @@ ReplayCache::~ReplayCache() {
 
 ReplayCache::Verdict ReplayCache::Remember(std::string_view request, std::uint32_t made) {
   const std::uint64_t digest = KeyedDigest(header_->key, request);
-  const std::size_t rows = header_->records / kRowSize;
+  const auto rows = static_cast<std::size_t>(header_->records / kRowSize);
   Record* const row = records_ + digest % rows * kRowSize;
   const std::uint64_t record = std::uint64_t{made} << 32U | digest >> 32U;
 
