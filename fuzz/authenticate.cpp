@@ -8,7 +8,7 @@
 #include "ForgedRequest.h"
 #include "Interpose.h"
 #include "KrbSettings.h"
-#include "LogCapture.h"
+#include "Records.h"
 #include "Script.h"
 #include "tavrel/KrbRealm.h"
 
@@ -17,11 +17,9 @@ namespace {
 
 using tests::Der;
 using tests::ForgedTicket;
-using tests::LogCapture;
 using tests::StandIn;
 namespace calls = tests::calls;
 namespace der = tests::der;
-using Lines = std::vector<std::string>;
 using Names = std::vector<std::string>;
 
 constexpr char kRealm[] = "CORP.EXAMPLE.COM";
@@ -265,7 +263,7 @@ std::string RealmOf(krb5_const_principal principal) {
 // The scan for the request: the records it leaves, and where the request starts.
 struct Scan {
   std::size_t start = 0;
-  Lines records;
+  Records records;
 };
 Scan ReferenceScan(const std::string& token) {
   static constexpr unsigned char kId[9] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x12, 0x01, 0x02, 0x02};
@@ -274,7 +272,7 @@ Scan ReferenceScan(const std::string& token) {
   };
   Scan scan;
   const auto record = [&](int level, const std::string& text) {
-    scan.records.push_back(std::to_string(level) + " krb-realm Authenticate: " + Logged(text));
+    scan.records.Add(level, "krb-realm", "Authenticate", text);
   };
   record(1, "Auth request received of length " + std::to_string(token.size()));
   std::size_t position = 0;
@@ -301,21 +299,15 @@ bool TimesAreValid(std::int64_t start, std::int64_t end) {
   return end + 300 >= now && end >= start;
 }
 
-// What libkrb5's verdict makes of a request: the records, and who it is.
-struct Answer {
-  std::string user;
-  Lines records;
-};
-Answer ReferenceAnswer(const Verified& seen) {
-  Answer answer;
+// Who libkrb5's verdict makes of a request; adds its records.
+std::string ReferenceAnswer(const Verified& seen, Records& records) {
   const auto record = [&](int level, const char* function, const std::string& text) {
-    answer.records.push_back(std::to_string(level) + " krb-keytab " + function + ": " +
-                             Logged(text));
+    records.Add(level, "krb-keytab", function, text);
   };
   if (!seen.message.empty()) {
     record(4, "APAuthenticate", "Error reading AP request: " + seen.message);
   }
-  if (!seen.ticket) return answer;
+  if (!seen.ticket) return "";
   std::string user;
   bool times_valid = true;
   if (seen.decrypted) {
@@ -335,10 +327,9 @@ Answer ReferenceAnswer(const Verified& seen) {
     for (const std::string& name : seen.server)
       record(1, "PrintPrincipal", "AP request server principal: " + name + "@" + seen.server_realm);
     record(1, "PrintPrincipal", std::string("Joined server principal: ") + kJoined);
-  } else if (times_valid) {
-    answer.user = user;
+    return "";
   }
-  return answer;
+  return times_valid ? user : "";
 }
 
 // ---- What an accepted request must carry, read without libkrb5's decoder
@@ -477,7 +468,7 @@ void CheckAccepted(const std::string& request, const std::string& user) {
 
 // ----
 
-std::string Authenticate(const std::string& token, Verified& seen, Lines& records) {
+std::string Authenticate(const std::string& token, Verified& seen) {
   World& world = TheWorld();
   const StandIn time(calls::time, [&](time_t*) { return std::time_t{world.now}; });
   const StandIn rd_req(
@@ -508,12 +499,9 @@ std::string Authenticate(const std::string& token, Verified& seen, Lines& record
   // Of its very size, so that a byte read behind it is found.
   const std::unique_ptr<char[]> bytes(new char[token.size()]);
   token.copy(bytes.get(), token.size());
-  LogCapture log;
+  TheLog().Clear();
 
-  std::string user = world.realm.Authenticate(bytes.get(), static_cast<int>(token.size()));
-
-  records = log.Lines();
-  return user;
+  return world.realm.Authenticate(bytes.get(), static_cast<int>(token.size()));
 }
 
 }  // namespace
@@ -526,20 +514,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Forge forge(script);
   const std::string token = raw ? script.Rest() : forge.Token();
   Verified seen;
-  Lines records;
 
-  const std::string user = Authenticate(token, seen, records);
+  const std::string user = Authenticate(token, seen);
 
-  const Scan scan = ReferenceScan(token);
-  const Answer answer = ReferenceAnswer(seen);
-  Lines expected = scan.records;
-  expected.insert(expected.end(), answer.records.begin(), answer.records.end());
-  ExpectEqual(records, expected, "records of an authentication");
+  Scan scan = ReferenceScan(token);
+  const std::string expected = ReferenceAnswer(seen, scan.records);
+  ExpectEqual(TheLog().Text(), scan.records.Text(), "records of an authentication");
   ExpectEqual(seen.calls, scan.start < token.size() ? 1 : 0, "a request is read once");
   if (seen.calls == 1) {
     ExpectEqual(seen.request, token.substr(scan.start), "the request starts behind the identifier");
   }
-  ExpectEqual(user, answer.user, "the user is the one verified");
+  ExpectEqual(user, expected, "the user is the one verified");
   if (!user.empty()) CheckAccepted(seen.request, user);
   if (!raw && forge.User()) {
     ExpectEqual(user, *forge.User(), "a request that is right is accepted");

@@ -1,14 +1,14 @@
 // A keytab file with every operation on it. The input is the file.
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
+#include <random>
 #include <utility>
 
 #include "Expect.h"
@@ -16,7 +16,7 @@
 #include "Interpose.h"
 #include "KnownLeak.h"
 #include "KrbSettings.h"
-#include "LogCapture.h"
+#include "Records.h"
 #include "tavrel/KrbContext.h"
 #include "tavrel/KrbError.h"
 #include "tavrel/KrbKeytab.h"
@@ -24,10 +24,8 @@
 namespace tavrel::fuzz {
 namespace {
 
-using tests::LogCapture;
 using tests::StandIn;
 namespace calls = tests::calls;
-using Lines = std::vector<std::string>;
 using Names = std::vector<std::string>;
 
 constexpr char kRealm[] = "CORP.EXAMPLE.COM";
@@ -204,6 +202,7 @@ class World {
   World() {
     std::signal(SIGXFSZ, SIG_IGN);
     krb.SetClientPrincipal(std::string(kMachine) + "@" + kRealm);
+    krb.SetKeytab("/proc/self/fd/" + std::to_string(file));
     old_key = KeyOf(kPassword);
     new_key = KeyOf(kNewPassword);
     tests::ForgedTicket ticket;
@@ -211,22 +210,23 @@ class World {
     request = tests::ApReq(ticket);
   }
 
-  void Put(std::string_view bytes) {
-    // A file that is cut to nothing and written again would go to the disk at once.
-    std::remove(path.c_str());
-    std::ofstream(path, std::ios::binary) << bytes;
-    krb.SetKeytab(path);
+  void Put(std::string_view bytes) const {
+    Expect(ftruncate(file, 0) == 0 &&
+               pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+           "the file can be written");
   }
   std::string Get() const {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    std::string bytes(static_cast<std::size_t>(file.tellg()), '\0');
-    file.seekg(0).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    struct stat status {};
+    fstat(file, &status);
+    std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
+    Expect(pread(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+           "the file can be read");
     return bytes;
   }
 
   tests::KrbSettings settings{tests::kTolerateSkew};
   KrbContext krb;
-  std::string path = settings / "hostile.keytab";
+  const int file = memfd_create("keytab", MFD_CLOEXEC);
   std::string old_key;
   std::string new_key;
   std::vector<char> request;
@@ -312,20 +312,21 @@ void CheckQueries(Keytab& keytab, const Contents& contents, const char* where) {
   ExpectEqual(keytab.Iterate(visitor) == 0, contents.opens, where);
   ExpectEntries(visitor.entries, contents.entries, where);
 
-  LogCapture log;
+  Records& log = TheLog();
+  log.Clear();
   ExpectEqual(keytab.HasKey(), HasMachine(contents), "the machine has a key");
-  ExpectEqual(log.Lines().size(), contents.opens ? 0u : 1u, "only a failed start is told");
+  ExpectEqual(log.Text().empty(), contents.opens, "only a failed start is told");
   log.Clear();
   ExpectEqual(keytab.GetNextClientVno(), NextVno(contents), "the next version");
-  ExpectEqual(log.Lines(), Lines{}, "the next version leaves no record");
+  ExpectEqual(log.Text(), "", "the next version leaves no record");
   ExpectEqual(keytab.Print() == 0, contents.opens, "the keytab can be printed");
-  Lines records;
+  Records records;
   for (const Entry& entry : contents.entries) {
-    records.push_back(Logged("1 krb-keytab Process: Key: " + entry.names[0] + "@" + entry.realm +
-                             " version " + std::to_string(entry.vno) + " at " +
-                             std::to_string(entry.timestamp)));
+    records.Add(1, "krb-keytab", "Process",
+                "Key: " + entry.names[0] + "@" + entry.realm + " version " +
+                    std::to_string(entry.vno) + " at " + std::to_string(entry.timestamp));
   }
-  ExpectEqual(log.Lines(), records, "every entry is printed");
+  ExpectEqual(log.Text(), records.Text(), "every entry is printed");
 }
 
 void CheckInitialTicket(Keytab& keytab, const Contents& contents) {
@@ -372,12 +373,36 @@ void CheckRequest(Keytab& keytab, const Contents& contents) {
 
 // ---- What writes
 
+// Whatever is wrong with a file: a key that could be read still can be, and none can that nobody
+// wrote.
+void CheckKeys(const Contents& before, const Contents& after, std::string_view file,
+               std::string_view new_file) {
+  const auto broken = [&](const char* rule, const Entry& entry) {
+    Broken(rule, "\n  " + Show(entry) + "\n  before: " + fuzz::Show(file) +
+                     "\n  after:  " + fuzz::Show(new_file));
+  };
+  std::vector<Entry> added = after.entries;
+  for (const Entry& entry : before.entries) {
+    if (!entry.whole) continue;
+    const auto found = std::find(added.begin(), added.end(), entry);
+    if (found == added.end()) broken("a key that could be read is lost", entry);
+    added.erase(found);
+  }
+  int written = 0;
+  for (const Entry& entry : added) {
+    if (!entry.whole) continue;
+    if (entry.IsMachines() && entry.key == TheWorld().new_key && ++written == 1) continue;
+    broken("a key appears that nobody wrote", entry);
+  }
+}
+
 void CheckWriting(Keytab& keytab, const std::string& file) {
   World& world = TheWorld();
   const Contents before = Read(file);
   const std::optional<bool> current = IsCurrent(before, world.new_key);
   std::string error;
-  LogCapture log;
+  Records expected;
+  TheLog().Clear();
 
   const bool written = keytab.WriteKey(kNewPassword, &error);
 
@@ -388,14 +413,15 @@ void CheckWriting(Keytab& keytab, const std::string& file) {
   if ((current && *current) || !written) {
     ExpectEqual(new_file, file, "a key that is current, or cannot be written, changes nothing");
   }
-  ExpectEqual(
-      log.Lines(),
-      written ? Lines{} : Lines{"4 krb-keytab WriteKey: Error adding key to keytab: " + error},
-      "what cannot be written is told");
+  if (!written) {
+    expected.Add(4, "krb-keytab", "WriteKey", "Error adding key to keytab: " + error);
+  }
+  ExpectEqual(TheLog().Text(), expected.Text(), "what cannot be written is told");
   if (!written || new_file == file) return;
 
   const Contents after = Read(new_file);
   CheckQueries(keytab, after, "the walk after a key was written");
+  CheckKeys(before, after, file, new_file);
   if (!before.sound) return;
   if (!after.sound) Broken("a sound keytab stays sound", "\n  " + fuzz::Show(new_file));
   std::vector<Entry> others;
@@ -424,13 +450,13 @@ void CheckWriting(Keytab& keytab, const std::string& file) {
 void CheckClearing(Keytab& keytab, const std::string& file) {
   World& world = TheWorld();
   const Contents before = Read(file);
-  LogCapture log;
+  TheLog().Clear();
 
   const bool cleared = keytab.ClearKeys(nullptr);
 
   const std::string new_file = world.Get();
   const Contents after = Read(new_file);
-  ExpectEqual(log.Lines().size(), cleared ? 0u : 1u, "a failure is told");
+  ExpectEqual(TheLog().Text().empty(), cleared, "a failure is told");
   if (!HasMachine(before)) {
     ExpectEqual(cleared, before.opens, "where there is nothing to clear it is done");
     ExpectEqual(new_file, file, "where there is nothing to clear nothing changes");
@@ -452,6 +478,79 @@ void CheckClearing(Keytab& keytab, const std::string& file) {
 extern "C" int fsync(int) {
   return 0;
 }
+
+#ifdef TAVREL_FUZZ  // a replay takes its inputs as they are
+namespace tavrel::fuzz {
+namespace {
+
+std::int32_t LengthAt(const std::string& file, std::size_t at) {
+  std::uint32_t length = 0;
+  for (std::size_t i = 0; i < 4; ++i)
+    length = length << 8 | static_cast<unsigned char>(file[at + i]);
+  return static_cast<std::int32_t>(length);
+}
+void PutLength(std::string& file, std::size_t at, std::uint32_t length) {
+  for (std::size_t i = 0; i < 4; ++i)
+    file[at + i] = static_cast<char>(length >> (24 - 8 * i));
+}
+
+// An entry with an RC4 key, its length included.
+std::string Packed(std::string_view name, std::uint8_t vno, std::string_view key) {
+  const auto counted = [](std::string_view text) {
+    return std::string{static_cast<char>(text.size() >> 8), static_cast<char>(text.size())}.append(
+        text);
+  };
+  std::string entry(4, '\0');
+  entry.append(1, '\0').append(1, '\1').append(counted(kRealm)).append(counted(name));
+  entry.append(3, '\0').append(1, '\1');                    // a principal
+  entry.append(4, '\7').append(1, static_cast<char>(vno));  // its time, and version
+  entry.append(1, '\0').append(1, static_cast<char>(ENCTYPE_ARCFOUR_HMAC)).append(counted(key));
+  PutLength(entry, 0, static_cast<std::uint32_t>(entry.size() - 4));
+  return entry;
+}
+
+}  // namespace
+}  // namespace tavrel::fuzz
+
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
+
+// Every other time a keytab grows by an entry, or a length in it is damaged: bytes changed at
+// random seldom are a length.
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                               std::size_t most, unsigned seed) {
+  using namespace tavrel::fuzz;
+  std::minstd_rand random(seed);
+  const auto below = [&](std::size_t limit) { return random() % limit; };
+  std::string file(reinterpret_cast<const char*>(data), size);
+  std::vector<std::size_t> lengths;  // where they stand
+  for (std::size_t at = 2; at + 4 <= size;) {
+    lengths.push_back(at);
+    at += 4 + static_cast<std::size_t>(std::abs(std::int64_t{LengthAt(file, at)}));
+  }
+  const std::size_t what = below(6);
+  if (what < 3 || lengths.empty()) return LLVMFuzzerMutate(data, size, most);
+  if (what == 3) {
+    std::string key(below(4) == 0 ? below(40) : 16, '\0');
+    for (char& c : key)
+      c = static_cast<char>('a' + below(26));
+    file += Packed(below(2) == 0 ? kMachine : "OTHER$", static_cast<std::uint8_t>(below(4)), key);
+  } else {
+    const std::size_t at = lengths[below(lengths.size())];
+    const std::int64_t length = LengthAt(file, at);
+    const auto some = static_cast<std::int64_t>(below(100));
+    const std::int64_t others[] = {length - some % 30,
+                                   length + some,
+                                   -some,
+                                   some,
+                                   static_cast<std::int64_t>(file.size()) - some,
+                                   INT32_MAX - some};
+    PutLength(file, at, static_cast<std::uint32_t>(others[below(std::size(others))]));
+  }
+  if (file.size() > most) return LLVMFuzzerMutate(data, size, most);
+  file.copy(reinterpret_cast<char*>(data), file.size());
+  return file.size();
+}
+#endif
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace tavrel::fuzz;

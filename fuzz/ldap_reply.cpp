@@ -1,10 +1,15 @@
 // A directory server's replies. What a peer sends lies ready, and the connection is closed behind
-// it, so nothing ever waits. The first byte of the input chooses: 0 makes the rest of it the bytes
-// sent; anything else makes it a script of messages.
+// it; the clock stands still, and a wait fails at once, so that an input always ends the same way.
+// The first byte of the input chooses: 0 makes the rest of it the bytes sent; anything else makes
+// it a script of messages.
 #include <openldap.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <stdexcept>
@@ -13,7 +18,7 @@
 #include "ForgedRequest.h"
 #include "Interpose.h"
 #include "KnownLeak.h"
-#include "LogCapture.h"
+#include "Records.h"
 #include "Script.h"
 #include "tavrel/DiscoveryService.h"
 #include "tavrel/Join.h"
@@ -22,10 +27,8 @@ namespace tavrel::fuzz {
 namespace {
 
 using tests::Der;
-using tests::LogCapture;
 using tests::StandIn;
 namespace calls = tests::calls;
-using Lines = std::vector<std::string>;
 
 constexpr char kFlags[] = "userAccountControl";
 
@@ -51,9 +54,16 @@ class Peer {
  private:
   enum Stage { kNothing, kBindAnswered, kSearched, kSpoilt };
 
-  static std::string Result(unsigned char kind, unsigned code, const std::string& more = "") {
-    return Der(kind, Der(0x0a, std::string(1, static_cast<char>(code & 0x7f))) + Der(0x04, "") +
-                         Der(0x04, "") + more);
+  // Those of the standard, and some that take more than one byte.
+  static int Code(Script& script) {
+    static constexpr int kLarge[] = {128, 255, 256, 4096, 32768, 65535, 65536, 0x7fffffff};
+    const unsigned byte = script.Byte();
+    return byte < 128 ? static_cast<int>(byte) : kLarge[byte % std::size(kLarge)];
+  }
+  static std::string Result(unsigned char kind, int code, const std::string& more = "") {
+    std::string number = tests::der::Integer(code);
+    number[0] = 0x0a;  // ENUMERATED
+    return Der(kind, number + Der(0x04, "") + Der(0x04, "") + more);
   }
   void Message(unsigned id, const std::string& operation) {
     sent_ += Der(0x30, tests::der::Integer(id) + operation);
@@ -69,7 +79,7 @@ class Peer {
   void Send(Script& script) {
     switch (script.Below(10)) {
       case 0: {
-        const unsigned code = script.Below(128);
+        const int code = Code(script);
         if (stage_ == kNothing) bind_code_ = code;
         Advance(kNothing, kBindAnswered);
         Message(1, Result(0x61, code));
@@ -77,8 +87,8 @@ class Peer {
       }
       case 1: SendEntry(script); break;
       case 2: {
-        const unsigned code = script.Below(128);
-        if (stage_ == kBindAnswered) search_code_ = static_cast<int>(code);
+        const int code = Code(script);
+        if (stage_ == kBindAnswered) search_code_ = code;
         Advance(kBindAnswered, kSearched);
         Message(2, Result(0x65, code));
         break;
@@ -88,7 +98,7 @@ class Peer {
         Spoil();
         next_ = next_ % 8 + 1;
         Message(2 + next_,
-                Result(static_cast<unsigned char>(next_ % 2 != 0 ? 0x67 : 0x69), script.Byte()));
+                Result(static_cast<unsigned char>(next_ % 2 != 0 ? 0x67 : 0x69), Code(script)));
         break;
       case 5:
         Spoil();
@@ -96,7 +106,7 @@ class Peer {
         break;
       case 6:
         Spoil();
-        Message(0, Result(0x78, script.Byte(), Der(0x8a, "1.3.6.1.4.1.1466.20036")));
+        Message(0, Result(0x78, Code(script), Der(0x8a, "1.3.6.1.4.1.1466.20036")));
         break;
       case 7: {
         Spoil();
@@ -138,7 +148,7 @@ class Peer {
 
   std::string sent_;
   Stage stage_ = kNothing;
-  unsigned bind_code_ = 0;
+  int bind_code_ = 0;
   int search_code_ = 0;
   unsigned next_ = 0;
   std::vector<std::vector<std::string>> entries_;
@@ -151,7 +161,7 @@ struct Outcome {
   std::uint32_t flags = 4096;
   bool invalid = false;  // throws std::invalid_argument
   bool out_of_range = false;
-  Lines records;
+  Records records;
 };
 
 void Convert(const std::string& value, Outcome& outcome) {
@@ -178,7 +188,7 @@ void Convert(const std::string& value, Outcome& outcome) {
 Outcome Reference(const Peer& peer) {
   Outcome outcome;
   const auto record = [&](int level, const std::string& function, const std::string& text) {
-    outcome.records.push_back(std::to_string(level) + " ldap-join " + function + ": " + text);
+    outcome.records.Add(level, "ldap-join", function, text);
   };
   record(1, "GetAccountObject", "Getting account object from ldap://peer");
   const int code = peer.SearchCode();
@@ -237,36 +247,90 @@ struct NoDiscovery : DiscoveryService {
   std::list<std::string> GetLDAPHosts(const std::string&) const override { return {}; }
 };
 
-}  // namespace
-}  // namespace tavrel::fuzz
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace tavrel::fuzz;
-  Script script(data, size);
-  const bool raw = script.Byte() == 0;
-  const std::string bytes = raw ? script.Rest().substr(0, 60000) : "";
-  const Peer peer(script);
-  Connection connection(raw ? bytes : peer.Sent());
-  const StandIn initialize(calls::ldap_initialize, [&](LDAP** handle, const char* url) {
-    ExpectEqual(std::string(url), "ldap://peer", "the configured server is connected to");
-    return connection.Open(handle);
-  });
-  // libldap loses requests whose answer it does not understand.
-  const auto may_leak = [&](auto& call) {
-    return [&](auto... arguments) {
-      const tavrel::tests::KnownLeak request(!peer.Answers());
-      return call.Real(arguments...);
-    };
+// A call that libldap may lose memory in: a request whose answer it does not understand, a notice
+// of disconnection that it reads.
+template <typename Call>
+auto MayLose(Call& call) {
+  return [&call](auto... arguments) {
+    const tests::KnownLeak lost;
+    return call.Real(arguments...);
   };
-  const StandIn bind(calls::ldap_sasl_bind_s, may_leak(calls::ldap_sasl_bind_s));
-  const StandIn search(calls::ldap_search_ext_s, may_leak(calls::ldap_search_ext_s));
-  const StandIn add(calls::ldap_add_ext_s, may_leak(calls::ldap_add_ext_s));
-  const StandIn modify(calls::ldap_modify_ext_s, may_leak(calls::ldap_modify_ext_s));
-  const tavrel::JoinParameters params(
+}
+
+// What libldap hands out, in place of its functions that do: all of it is given back by the end,
+// each once.
+class Ledger {
+ public:
+  explicit Ledger(Connection& connection)
+      : initialize_(calls::ldap_initialize,
+                    [&, this](LDAP** handle, const char* url) {
+                      ExpectEqual(std::string_view(url), "ldap://peer",
+                                  "the server is connected to");
+                      const int code = connection.Open(handle);
+                      handles_ += code == LDAP_SUCCESS;
+                      return code;
+                    }),
+        unbind_(calls::ldap_unbind_ext,
+                [this](auto... arguments) {
+                  --handles_;
+                  return calls::ldap_unbind_ext.Real(arguments...);
+                }),
+        bind_(calls::ldap_sasl_bind_s, MayLose(calls::ldap_sasl_bind_s)),
+        search_(calls::ldap_search_ext_s,
+                [this](LDAP* handle, const char* base, int scope, const char* filter, char** names,
+                       int types_only, LDAPControl** server, LDAPControl** client, timeval* limit,
+                       int most, LDAPMessage** found) {
+                  const int code = MayLose(calls::ldap_search_ext_s)(handle, base, scope, filter,
+                                                                     names, types_only, server,
+                                                                     client, limit, most, found);
+                  messages_ += *found != nullptr;
+                  return code;
+                }),
+        free_message_(calls::ldap_msgfree,
+                      [this](LDAPMessage* message) {
+                        messages_ -= message != nullptr;
+                        return calls::ldap_msgfree.Real(message);
+                      }),
+        values_of_(calls::ldap_get_values_len,
+                   [this](auto... arguments) {
+                     berval** const found = calls::ldap_get_values_len.Real(arguments...);
+                     values_ += found != nullptr;
+                     return found;
+                   }),
+        free_values_(calls::ldap_value_free_len,
+                     [this](berval** found) {
+                       values_ -= found != nullptr;
+                       calls::ldap_value_free_len.Real(found);
+                     }),
+        add_(calls::ldap_add_ext_s, MayLose(calls::ldap_add_ext_s)),
+        modify_(calls::ldap_modify_ext_s, MayLose(calls::ldap_modify_ext_s)) {}
+
+  void CheckAllIsGivenBack() const {
+    ExpectEqual(handles_, 0, "every connection is closed once");
+    ExpectEqual(messages_, 0, "every result is freed once");
+    ExpectEqual(values_, 0, "every list of values is freed once");
+  }
+
+ private:
+  int handles_ = 0;
+  int messages_ = 0;
+  int values_ = 0;
+  const decltype(StandIn(calls::ldap_initialize, nullptr)) initialize_;
+  const decltype(StandIn(calls::ldap_unbind_ext, nullptr)) unbind_;
+  const decltype(StandIn(calls::ldap_sasl_bind_s, nullptr)) bind_;
+  const decltype(StandIn(calls::ldap_search_ext_s, nullptr)) search_;
+  const decltype(StandIn(calls::ldap_msgfree, nullptr)) free_message_;
+  const decltype(StandIn(calls::ldap_get_values_len, nullptr)) values_of_;
+  const decltype(StandIn(calls::ldap_value_free_len, nullptr)) free_values_;
+  const decltype(StandIn(calls::ldap_add_ext_s, nullptr)) add_;
+  const decltype(StandIn(calls::ldap_modify_ext_s, nullptr)) modify_;
+};
+
+void Join(const Peer& peer) {
+  static const JoinParameters params(
       "corp.example.com", {{"ldap://peer", vdi::LDAP_ENCRYPTION_NONE, ""}}, "admin", "secret");
-  const NoDiscovery discovery;
-  tavrel::Joiner joiner(&params, &discovery);
-  LogCapture log;
+  static const NoDiscovery discovery;
+  Joiner joiner(&params, &discovery);
   std::string error;
 
   const bool connected = joiner.Connect(&error);
@@ -274,9 +338,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ExpectEqual(joiner.sessions.size(), 1u, "every server tried has a session");
   ExpectEqual(joiner.sessions.front().handle != nullptr, connected, "a session bound has a handle");
 
-  log.Clear();
+  TheLog().Clear();
   Outcome outcome;
-  tavrel::AccountObject account;
+  AccountObject account;
   try {
     account = joiner.GetAccountObject(&error);
   } catch (const std::invalid_argument&) {
@@ -292,7 +356,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (peer.Answers() && connected) {
     const Outcome expected = Reference(peer);
-    ExpectEqual(log.Lines(), expected.records, "records of a lookup");
+    ExpectEqual(TheLog().Text(), expected.records.Text(), "records of a lookup");
     ExpectEqual(outcome.invalid, expected.invalid, "flags that are no number throw");
     ExpectEqual(outcome.out_of_range, expected.out_of_range, "flags beyond 32 bits throw");
     if (answered) {
@@ -306,7 +370,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // Whatever is left is the answer to these.
   error.clear();
-  const tavrel::AccountObject added = joiner.AddAccountObject(account, &error);
+  const AccountObject added = joiner.AddAccountObject(account, &error);
   Expect(added.exists != added.failed, "an account is added or not");
   ExpectEqual(error.empty(), added.exists, "a failed add has a reason");
   error.clear();
@@ -315,7 +379,36 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   error.clear();
   const bool password_set = joiner.SetPassword(account, &error);
   ExpectEqual(error.empty(), password_set, "a password that cannot be set has a reason");
-  for (const std::string& record : log.Lines())
-    Expect(record.find(params.GetMachinePassword()) == std::string::npos, "no record has a secret");
+  Expect(TheLog().Text().find(params.GetMachinePassword()) == std::string::npos,
+         "no record has a secret");
+}
+
+}  // namespace
+}  // namespace tavrel::fuzz
+
+// What lies ready is all that ever comes. libldap alone asks these two.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int timeout) {
+  const auto ready = static_cast<int>(syscall(SYS_poll, descriptors, count, 0));
+  if (ready != 0 || timeout == 0) return ready;
+  errno = ETIMEDOUT;
+  return -1;
+}
+extern "C" int gettimeofday(timeval* __restrict now, void* __restrict) noexcept {
+  *now = {1700000000, 0};
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace tavrel::fuzz;
+  Script script(data, size);
+  const bool raw = script.Byte() == 0;
+  const std::string bytes = raw ? script.Rest().substr(0, 60000) : "";
+  const Peer peer(script);
+  Connection connection(raw ? bytes : peer.Sent());
+  const Ledger ledger(connection);
+
+  Join(peer);
+
+  ledger.CheckAllIsGivenBack();
   return 0;
 }
