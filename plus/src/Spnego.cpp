@@ -107,7 +107,7 @@ InitialToken ReadInitialToken(std::string_view token) {
   if (mechanism == kSpnego) {
     result.negotiated = true;
     ReadNegotiation(content, result);
-  } else if (!IsKerberos(mechanism)) {
+  } else if (mechanism != kKerberos) {  // outside a list nobody uses the other identifier
     result.kind = KindOfOther(mechanism);
   } else if (TakeRequest(content, result.request)) {
     result.kind = Kind::kKerberos;

@@ -49,7 +49,7 @@ TEST(AnInitialToken, IsWhatItsFramingSays) {
       {std::string("NTLMSSP\0\x01", 9), Kind::kNtlm},
       {"NTLMSSP", Kind::kMalformed},
       {Kerberos(), Kind::kKerberos},
-      {Kerberos(kMicrosoftKerberosOid), Kind::kKerberos},
+      {Kerberos(kMicrosoftKerberosOid), Kind::kOther},
       {Kerberos(kNtlmOid), Kind::kNtlm},
       {Kerberos("\x2a\x03"), Kind::kOther},
       {Kerberos(kKerberosOid, ""), Kind::kMalformed},
