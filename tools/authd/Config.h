@@ -13,7 +13,7 @@
 
 namespace tavrel::tools {
 
-// What authd.conf says; authd.conf(5) describes each setting.
+// What authd.conf says; tools/README.md describes each setting.
 struct Config {
   plus::AcceptorOptions acceptor;
   std::string listen, status_listen, squid_listen;  // empty: nobody listens there
