@@ -95,7 +95,7 @@ class Reader {
   }
   bool Text(std::string& text, std::size_t size_of_length) {
     std::uint64_t length = 0;
-    return Number(length, size_of_length) && Bytes(text, length);
+    return Number(length, size_of_length) && Bytes(text, static_cast<std::size_t>(length));
   }
   bool Bytes(std::string& bytes, std::size_t size) {
     if (left_.size() < size) return false;
