@@ -4,6 +4,7 @@
 
 #include <valgrind/callgrind.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -41,6 +42,12 @@ void CountSignIn(const char* name, const std::string& keytab, const TokenShape& 
   JoinedRealm realm(keytab);
   const BareVerifier bare(keytab);
   Token token = Client(shape).NextToken();
+  // The scan of a bare token also stops wherever what is sealed has the identifier's first byte.
+  // One that stops at the identifier alone counts the same in each run.
+  const auto stops = [&] { return std::count(token.bytes.begin(), token.bytes.end(), '\x2A'); };
+  while (!shape.spnego && stops() != 1) {
+    token = Client(shape).NextToken();
+  }
   std::string user;
   const auto sign_in = [&] {
     user = realm.Authenticate(token.bytes.data(), static_cast<int>(token.bytes.size()));
