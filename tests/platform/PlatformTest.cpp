@@ -51,6 +51,7 @@ extern "C" void __syslog_chk(int, int, const char* format, ...) {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::ExitedWithCode;
 
 #define TIME "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z "
@@ -93,6 +94,45 @@ TEST(PlatformLoggerDeathTest, IsSilentAtLevelFive) {
 TEST(PlatformLoggerDeathTest, KeepsARecordOnItsLineWhateverItHolds) {
   EXPECT_EXIT(LogEveryLevel("4", "one\ntwo\r\x1b[31mred \xC2\x9B \xFF caf\xC3\xA9"),
               ExitedWithCode(0), "Method: one\\?two\\?\\?\\[31mred \\? \\? caf\xC3\xA9\n$");
+}
+
+// The length of the printable character that `text` starts with, told by its number (RFC 3629, 3).
+std::size_t Printable(const std::string& text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  if (byte(0) < 0x80) return byte(0) < 0x20 || byte(0) == 0x7F ? 0 : 1;
+  const std::size_t length = byte(0) < 0xE0 ? 2 : byte(0) < 0xF0 ? 3 : 4;
+  if (byte(0) < 0xC0 || byte(0) > 0xF7 || text.size() < length) return 0;
+  unsigned number = byte(0) & (0x7FU >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80) return 0;
+    number = number << 6U | (byte(i) & 0x3FU);
+  }
+  constexpr std::array<unsigned, 5> kFirst = {0, 0, 0xA0, 0x800, 0x10000};  // below A0: controls
+  const bool surrogate = number >= 0xD800 && number <= 0xDFFF;
+  return number < kFirst.at(length) || surrogate || number > 0x10FFFF ? 0 : length;
+}
+
+TEST(PlatformLogger, KeepsEveryCharacterOfUtf8AndNothingElse) {
+  for (int lead = 0x80; lead <= 0xFF; ++lead) {
+    std::string message;
+    for (const char* tail :
+         {"", "\x80", "\xBF", "A", "\x80\x80", "\xBF\xBF", "\xC0\x80", "\x80\xC0"}) {
+      for (const char second : {'\x7E', '\x80', '\x8F', '\x90', '\x9F', '\xA0', '\xBF', '\xC0'})
+        message.append(1, static_cast<char>(lead)).append(1, second).append(tail) += ' ';
+    }
+    std::string kept;
+    for (std::string rest = message; !rest.empty();) {
+      const std::size_t length = Printable(rest);
+      const bool control = length == 0 && rest[0] == '\xC2' && (rest[1] & 0xE0) == 0x80;
+      kept += length == 0 ? "?" : rest.substr(0, length);
+      rest.erase(0, control ? 2 : std::max<std::size_t>(length, 1));
+    }
+    testing::internal::CaptureStderr();
+
+    platformlogger_log("Method", 7, "File.cpp", LOG_LEVEL_ERROR, "some-category", message.c_str());
+
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith(" Method: " + kept + "\n"));
+  }
 }
 
 TEST(PlatformLoggerDeathTest, WritesJsonWhenAskedTo) {

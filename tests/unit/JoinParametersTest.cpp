@@ -217,6 +217,16 @@ TEST(ShortenName, EndsALongerNameInTheDigestOfItsFirst7Characters) {
     EXPECT_EQ(params.ShortenName(name), shortened);
 }
 
+TEST(ShortenName, MakesNamesOfAtMost15CharactersThatStayAsTheyAre) {
+  const JoinParameters params = Of("corp.example.com");
+
+  for (std::size_t length = 0; length < 300; ++length) {
+    const std::string shortened = params.ShortenName(std::string(length, 'n'));
+    EXPECT_EQ(shortened.size(), std::min<std::size_t>(length, 15));
+    EXPECT_EQ(params.ShortenName(shortened), shortened);
+  }
+}
+
 TEST(GetAccountName, IsTheShortenedMachineNameInUpperCaseDigitsIncluded) {
   const std::pair<std::string, std::string> cases[] = {
       {"Appliance.lab", "APPLIANCE"},

@@ -47,6 +47,13 @@ TEST(Encode, FollowsEveryByteWithAZero) {
   EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
+TEST(Encode, TakesEveryByteOfAsciiAndNoOther) {
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    const std::string text = std::string("ab") + static_cast<char>(byte);
+    EXPECT_EQ(Encoded(text), byte < 128 ? "61006200" + Hex(text.substr(2)) + "00" : "refused");
+  }
+}
+
 TEST(Encode, TakesUpTo127Bytes) {
   std::string expected;
   for (int i = 0; i < 127; ++i)
