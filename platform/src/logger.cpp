@@ -162,9 +162,9 @@ void platformlogger_log(const char* function, int line, const char* file, LogLev
   const std::string_view escaped = sink == Sink::kJson ? "\"\\" : "";
   const auto name = [&](const char* text) { return Clean(text, kLongestName, escaped); };
   if (sink == Sink::kJson) {
-    WriteLine("{\"time\":\"" + Time() + "\",\"level\":\"" + style.name + "\",\"category\":\"" +
-                  name(logger) + "\",\"function\":\"" + name(function) + "\",\"file\":\"" +
-                  name(file) + "\",\"line\":" + std::to_string(line) + ",\"message\":\"",
+    WriteLine(R"({"time":")" + Time() + R"(","level":")" + style.name + R"(","category":")" +
+                  name(logger) + R"(","function":")" + name(function) + R"(","file":")" +
+                  name(file) + R"(","line":)" + std::to_string(line) + R"(,"message":")",
               message, "\"}\n", escaped);
     return;
   }

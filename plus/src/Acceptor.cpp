@@ -482,7 +482,7 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   const krb5_context context = exchange.context;
   const krb5_auth_context auth = exchange.auth.Get();
   krb5_data response{};
-  krb5_int32 sequence = exchange.authenticator->seq_number;
+  auto sequence = static_cast<krb5_int32>(exchange.authenticator->seq_number);
   krb5_error_code code = 0;
   if ((exchange.request.options & kMutualRequired) != 0) {
     krb5_auth_con_setflags(context, auth, KRB5_AUTH_CONTEXT_DO_SEQUENCE);

@@ -57,7 +57,8 @@ bool IsHostName(std::string_view name) {
 std::uint32_t Random(std::uint32_t most) {
   std::uint32_t number = 0;
   RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number);  // 0 serves as well
-  return static_cast<std::uint32_t>(std::uint64_t{number} * (std::uint64_t{most} + 1) >> 32U);
+  const std::uint64_t scaled = std::uint64_t{number} * (std::uint64_t{most} + 1);
+  return static_cast<std::uint32_t>(scaled >> 32U);
 }
 
 // Appends what an answer names. What cannot be read, or is no host's name, is passed over.
