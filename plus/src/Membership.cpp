@@ -266,6 +266,8 @@ class Membership::Operation {
   Failure RotateAt(Session& session);
   Failure LeaveAt(Session& session);
   Failure StatusAt(Session& session);
+  Failure LookUpContainer(Session& session);
+  Failure FindConflicts(Session& session);
 
   bool IsMachines(const KeytabKey& key) const;
   std::set<std::uint32_t> Versions() const;
@@ -877,12 +879,56 @@ Result Membership::Operation::Status(MembershipStatus& status) {
   return Run(&Operation::StatusAt, false);
 }
 
+// Where Enrol() would make the account, and whether it may.
+Failure Membership::Operation::LookUpContainer(Session& session) {
+  const std::string container = ContainerOf(settings_.NewDn());
+  std::vector<Entry> found;
+  const Failure failure = session.directory.Search(container, LDAP_SCOPE_BASE, "(objectClass=*)",
+                                                   {"allowedChildClassesEffective"}, found);
+  if (failure.cause == Cause::kNoAccount) return {};  // there is no container
+  if (failure || found.empty()) return failure;
+  status_->container = container;
+  status_->may_be_made = Contains(found.front().All("allowedchildclasseseffective"), "computer");
+  return {};
+}
+
+// Which of the machine's service names, and of those that it is to have, others have.
+Failure Membership::Operation::FindConflicts(Session& session) {
+  MembershipStatus& status = *status_;
+  std::string filter;
+  std::vector<std::string> names = status.service_names;
+  for (const std::string& name : settings_.ServiceNames()) {
+    if (!Contains(names, name)) names.push_back(name);
+  }
+  for (const std::string& name : names)
+    filter += "(servicePrincipalName=" + EscapeForFilter(name) + ')';
+  std::vector<Entry> others;
+  if (Failure failure =
+          session.directory.Search(settings_.base, LDAP_SCOPE_SUBTREE, "(|" + filter + ')',
+                                   {"servicePrincipalName"}, others)) {
+    return failure;
+  }
+  status.conflicts.clear();
+  for (const Entry& other : others) {
+    if (IsSame(other.dn, status.account)) continue;
+    for (const std::string& name : names) {
+      if (Contains(other.All("serviceprincipalname"), name)) {
+        status.conflicts.push_back({name, other.dn});
+      }
+    }
+  }
+  return {};
+}
+
 Failure Membership::Operation::StatusAt(Session& session) {
   std::optional<Entry> account;
   if (Failure failure = LookUp(session, account)) return failure;
   MembershipStatus& status = *status_;
   status.exists = account.has_value();
-  if (!account) return {};
+  if (!account) {
+    if (Failure failure = LookUpContainer(session)) return failure;
+    return FindConflicts(session);
+  }
   status.account = account->dn;
   status.container = ContainerOf(account->dn);
   status.user_account_control = ToNumber<std::uint32_t>(account->First("useraccountcontrol"));
@@ -900,28 +946,7 @@ Failure Membership::Operation::StatusAt(Session& session) {
             std::chrono::microseconds((set - kUnixEpoch) / 10)));
   }
 
-  std::string filter;
-  std::vector<std::string> names = status.service_names;
-  for (const std::string& name : settings_.ServiceNames()) {
-    if (!Contains(names, name)) names.push_back(name);
-  }
-  for (const std::string& name : names)
-    filter += "(servicePrincipalName=" + EscapeForFilter(name) + ')';
-  std::vector<Entry> others;
-  if (Failure failure =
-          session.directory.Search(settings_.base, LDAP_SCOPE_SUBTREE, "(|" + filter + ')',
-                                   {"servicePrincipalName"}, others)) {
-    return failure;
-  }
-  status.conflicts.clear();
-  for (const Entry& other : others) {
-    if (IsSame(other.dn, account->dn)) continue;
-    for (const std::string& name : names) {
-      if (Contains(other.All("serviceprincipalname"), name)) {
-        status.conflicts.push_back({name, other.dn});
-      }
-    }
-  }
+  if (Failure failure = FindConflicts(session)) return failure;
 
   step_ = Step::kProof;
   KrbCache cache;

@@ -190,19 +190,40 @@ TEST_F(Rotation, ShowsAMachineThatIsNone) {
 
   EXPECT_THAT(Member().Status(Administrator(), kLimit, status), ChangesNothing());
   EXPECT_FALSE(status.exists);
+  EXPECT_EQ(status.container, "CN=Computers," + Lab("BASE_DN"));
+  EXPECT_TRUE(status.may_be_made);
+  EXPECT_THAT(status.conflicts, IsEmpty());
 
-  Scene("precreate UNSEEN 4098");
+  options.container = "OU=Nowhere," + Lab("BASE_DN");
+  const auto alice = Credentials::Password(Lab("USER"), Lab("USER_PASSWORD"));
+  EXPECT_THAT(Member().Status(alice, kLimit, status), ChangesNothing());
+  EXPECT_EQ(status.container, "");
+  options.container.clear();
+  EXPECT_THAT(Member().Status(alice, kLimit, status), ChangesNothing());
+  EXPECT_NE(status.container, "");
+  EXPECT_FALSE(status.may_be_made);
+}
+
+TEST_F(Rotation, ShowsAnAccountWhoseNameAnotherHas) {
+  NameMachine("unseen");
   Scene("precreate RIVAL");
   ChangeDatabase("dn: CN=RIVAL,CN=Computers," + Lab("BASE_DN") +
                  "\nchangetype: modify\nadd: servicePrincipalName\n"
                  "servicePrincipalName: HOST/unseen.corp.example.com\n");
-  EXPECT_THAT(Member().Status(Administrator(), kLimit, status), ChangesNothing());
-  EXPECT_TRUE(status.exists);
-  EXPECT_FALSE(status.enabled);
-  EXPECT_FALSE(status.keys_work);
-  ASSERT_THAT(status.conflicts, testing::SizeIs(1));
-  EXPECT_EQ(status.conflicts[0].service_name, "HOST/unseen.corp.example.com");
-  EXPECT_EQ(status.conflicts[0].account, "CN=RIVAL,CN=Computers," + Lab("BASE_DN"));
+  for (const bool exists : {false, true}) {
+    SCOPED_TRACE(exists);
+    if (exists) Scene("precreate UNSEEN 4098");
+    MembershipStatus status;
+
+    EXPECT_THAT(Member().Status(Administrator(), kLimit, status), ChangesNothing());
+
+    EXPECT_EQ(status.exists, exists);
+    EXPECT_FALSE(status.enabled);
+    EXPECT_FALSE(status.keys_work);
+    ASSERT_THAT(status.conflicts, testing::SizeIs(1));
+    EXPECT_EQ(status.conflicts[0].service_name, "HOST/unseen.corp.example.com");
+    EXPECT_EQ(status.conflicts[0].account, "CN=RIVAL,CN=Computers," + Lab("BASE_DN"));
+  }
   EXPECT_FALSE(std::ifstream(keytab));  // nor has it made one
   Scene("delete 'RIVAL$'");
 }

@@ -160,16 +160,19 @@ struct ServiceNameConflict {
 
 /// What Status() saw.
 struct MembershipStatus {
-  bool exists = false;                     ///< there is an account; without one the rest is empty
-  std::string account;                     ///< its distinguished name
-  std::string container;                   ///< that of what it lies in
+  bool exists = false;  ///< there is an account; what follows speaks of it, if nothing else is said
+  std::string account;  ///< its distinguished name
+  /// The distinguished name of what it lies in. Without an account: of what Enrol() would create it
+  /// in, empty when that is not there.
+  std::string container;
+  bool may_be_made = false;  ///< there is none, and the directory lets this user create it
   std::uint32_t user_account_control = 0;  ///< its flags ([MS-ADTS] 2.2.16)
   bool enabled = false;
   std::uint32_t encryption_types = 0;  ///< `msDS-SupportedEncryptionTypes`; 0 when it has none
   std::string dns_name;
   std::vector<std::string> service_names;
-  std::vector<ServiceNameConflict> conflicts;
-  std::uint32_t key_version = 0;                   ///< the directory's
+  std::vector<ServiceNameConflict> conflicts;  ///< without an account: of the names it is to have
+  std::uint32_t key_version = 0;               ///< the directory's
   std::vector<std::uint32_t> keytab_key_versions;  ///< the machine's in the keytab, highest first
   bool keys_work = false;                          ///< the KDC accepted one of these
   std::optional<std::chrono::system_clock::time_point> password_set;
