@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "ApRequest.h"
+#include "Ascii.h"
 #include "ChannelBinding.h"
 #include "GssMic.h"
 #include "KeyRing.h"
@@ -77,14 +78,6 @@ std::string Cleaned(const Principal& principal) {
     text.append(text.empty() ? "" : "/").append(component);
   }
   return Cleaned(text + "@" + principal.realm);
-}
-
-bool SameIgnoringCase(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [&](char x, char y) { return lower(x) == lower(y); });
 }
 
 // True when `allowed` names the service: its first component, or all of them.

@@ -3,10 +3,10 @@
 #include <openldap.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 
+#include "Ascii.h"
 #include "SealedLayer.h"
 
 namespace tavrel::plus {
@@ -298,12 +298,9 @@ Failure Directory::Search(const std::string& base, int scope, const std::string&
     std::unique_ptr<char, FreeLdapMemory> name(ldap_first_attribute(handle_, message, &position));
     const std::unique_ptr<BerElement, FreeElement> owned_position(position);
     for (; name; name.reset(ldap_next_attribute(handle_, message, position))) {
-      std::string small = name.get();
-      std::transform(small.begin(), small.end(), small.begin(),
-                     [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
       const std::unique_ptr<berval*, FreeValues> values(
           ldap_get_values_len(handle_, message, name.get()));
-      std::vector<std::string>& list = entry.attributes[small];
+      std::vector<std::string>& list = entry.attributes[Lower(name.get())];
       for (berval** value = values.get(); value != nullptr && *value != nullptr; ++value)
         list.emplace_back((*value)->bv_val, (*value)->bv_len);
     }

@@ -11,6 +11,7 @@
 #include <set>
 #include <utility>
 
+#include "Ascii.h"
 #include "Controller.h"
 #include "Deadline.h"
 #include "Directory.h"
@@ -45,25 +46,9 @@ const std::vector<std::string> kAttributes = {"objectClass",
                                               "msDS-KeyVersionNumber",
                                               "pwdLastSet"};
 
-std::string Upper(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
-
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-bool IsSame(const std::string& a, const std::string& b) {
-  return Lower(a) == Lower(b);
-}
-
 bool Contains(const std::vector<std::string>& names, const std::string& name) {
   return std::any_of(names.begin(), names.end(),
-                     [&](const std::string& other) { return IsSame(name, other); });
+                     [&](const std::string& other) { return SameIgnoringCase(name, other); });
 }
 
 // The number that an attribute holds; 0 when it holds none.
@@ -98,9 +83,8 @@ std::string ContainerOf(const std::string& dn) {
 
 bool IsDnsName(const std::string& name) {
   return !name.empty() && name.size() <= 253 && name.front() != '.' && name.back() != '.' &&
-         name.find("..") == std::string::npos &&
-         std::all_of(name.begin(), name.end(), [](unsigned char c) {
-           return std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.';
+         name.find("..") == std::string::npos && std::all_of(name.begin(), name.end(), [](char c) {
+           return IsLetterOrDigit(c) || c == '-' || c == '_' || c == '.';
          });
 }
 
@@ -497,7 +481,7 @@ Failure Membership::Operation::Update(Session& session, const Entry& account,
     changes.push_back(
         {Kind::kReplace, "msDS-SupportedEncryptionTypes", {std::to_string(encryption_types)}});
   }
-  if (!IsSame(account.First("dnshostname"), settings_.dns_name)) {
+  if (!SameIgnoringCase(account.First("dnshostname"), settings_.dns_name)) {
     changes.push_back({Kind::kReplace, "dNSHostName", {settings_.dns_name}});
   }
   std::vector<std::string> missing;
@@ -910,7 +894,7 @@ Failure Membership::Operation::FindConflicts(Session& session) {
   }
   status.conflicts.clear();
   for (const Entry& other : others) {
-    if (IsSame(other.dn, status.account)) continue;
+    if (SameIgnoringCase(other.dn, status.account)) continue;
     for (const std::string& name : names) {
       if (Contains(other.All("serviceprincipalname"), name)) {
         status.conflicts.push_back({name, other.dn});
@@ -966,7 +950,9 @@ Membership::Membership(std::string domain, std::string keytab, MembershipOptions
   settings->options = std::move(options);
   const JoinParameters defaults(settings->domain, {}, "", "");
   settings->account_name = Upper(settings->options.account_name);
-  if (settings->account_name.empty()) settings->account_name = defaults.GetAccountName();
+  if (settings->account_name.empty()) {
+    settings->account_name = Upper(defaults.ShortenName(defaults.GetMachineName()));
+  }
   settings->dns_name = settings->options.dns_name;
   if (settings->dns_name.empty()) {
     settings->dns_name = Lower(defaults.GetMachineName()) + '.' + settings->domain;
