@@ -125,9 +125,30 @@ Refusal Because(RefusalReason reason, std::string text) {
 }
 
 // One line, level 3: a user was refused.
-void Record(const Refusal& refusal, Site site = Site::Here()) {
+void Record(const Refusal& refusal, Site site = Site::Here("Accept")) {
   logger.Warning({"Refused a token: ", site}, refusal.text, refusal.service.empty() ? "" : " for ",
                  refusal.service);
+}
+
+// One line, level 2: a user was accepted.
+void Record(const Identity& identity, const std::string& service,
+            Site site = Site::Here("Accept")) {
+  logger.Notice({"Accepted ", site}, Cleaned(identity.client), " for ", service);
+}
+
+constexpr char kNoLibrary[] = "the Kerberos library cannot be set up";
+
+std::string_view BytesOf(const krb5_keyblock& key) {
+  return {reinterpret_cast<const char*>(key.contents), key.length};
+}
+
+// A key for the library, which only reads it.
+krb5_keyblock Borrowed(std::string_view bytes, krb5_enctype enctype) {
+  krb5_keyblock key{};
+  key.enctype = enctype;
+  key.length = static_cast<unsigned>(bytes.size());
+  key.contents = reinterpret_cast<krb5_octet*>(const_cast<char*>(bytes.data()));
+  return key;
 }
 
 Refusal OfToken(const InitialToken& token) {
@@ -181,6 +202,13 @@ Refusal OfCode(krb5_context context, krb5_error_code code) {
   }
 }
 
+// The list of mechanisms is as the client made it.
+std::optional<Refusal> CheckMic(krb5_context context, const krb5_keyblock& key,
+                                std::uint32_t sequence, const InitialToken& token) {
+  if (VerifyMic(context, key, sequence, token.mechanisms, *token.mic)) return std::nullopt;
+  return Because(RefusalReason::kNotGenuine, "the mechListMIC is not of this list");
+}
+
 // The list of a ticket's or an authenticator's data of one type, those in AD-IF-RELEVANT included.
 AuthDataList Find(krb5_context context, krb5_authdata* const* of_ticket,
                   krb5_authdata* const* of_request, krb5_authdatatype type) {
@@ -201,6 +229,21 @@ bool ClaimsToBind(krb5_context context, const krb5_authenticator& authenticator)
 
 }  // namespace
 
+struct Negotiation::State {
+  std::string mechanisms;  // the client's list
+  bool needs_mic = false;  // Kerberos was not its first choice, so both sides sign the list
+  // When nothing but the client's signature is missing: who it is, and the key of the signature.
+  std::optional<Identity> identity;
+  Secret key;
+  krb5_enctype enctype = 0;
+  std::uint32_t sequence = 0;
+};
+
+Negotiation::Negotiation() = default;
+Negotiation::Negotiation(Negotiation&& other) noexcept = default;
+Negotiation& Negotiation::operator=(Negotiation&& other) noexcept = default;
+Negotiation::~Negotiation() = default;
+
 // What an acceptor has; the methods that decide are const, and all state is guarded.
 struct Acceptor::Parts {
   // A session that one thread uses at a time.
@@ -220,12 +263,24 @@ struct Acceptor::Parts {
 
   // What is known of a token on its way through.
   struct Exchange {
-    Exchange(krb5_context context, const InitialToken& token, ApRequest request)
-        : context(context), token(token), request(std::move(request)), auth(context) {}
+    Exchange(krb5_context context, const InitialToken& token, ApRequest request,
+             Negotiation::State* negotiation)
+        : context(context),
+          token(token),
+          request(std::move(request)),
+          negotiation(negotiation),
+          auth(context) {}
+    bool NeedsMic() const { return negotiation != nullptr && negotiation->needs_mic; }
+    // That of signatures of this context.
+    const krb5_keyblock& Key() const {
+      return authenticator->subkey != nullptr ? *authenticator->subkey
+                                              : *ticket->enc_part2->session;
+    }
 
     krb5_context context;
     const InitialToken& token;
     ApRequest request;
+    Negotiation::State* negotiation;  // null: all is decided on this token
     AuthContext auth;
     krb5_keyblock key{};  // that opens the ticket, of a ring in `rings`
     KeyStore::Rings rings;
@@ -333,10 +388,7 @@ std::optional<Refusal> Acceptor::Parts::OpenTicket(Exchange& exchange, const Key
     return Because(RefusalReason::kWrongService, "a ticket for a service of another realm");
   }
   for (const KeyRing::Key* key : ring.Candidates(request.key_version, request.enctype)) {
-    exchange.key.enctype = request.enctype;
-    exchange.key.length = static_cast<unsigned>(key->Size());
-    exchange.key.contents =
-        reinterpret_cast<krb5_octet*>(const_cast<char*>(key->View().data()));  // only read
+    exchange.key = Borrowed(key->View(), request.enctype);
     if (const krb5_error_code code = exchange.auth.Renew(exchange.key); code != 0) {
       return Because(RefusalReason::kInternal, KrbMessage(context, code));
     }
@@ -404,16 +456,13 @@ std::optional<Refusal> Acceptor::Parts::CheckSession(Exchange& exchange) const {
     return Because(RefusalReason::kMalformed, "the client wants a third message (DCE style)");
   }
   exchange.checksum = *checksum;
-  if (!exchange.token.mic) return std::nullopt;
-
-  // The list of mechanisms is as the client made it.
-  const krb5_keyblock& key = subkey != nullptr ? *subkey : *ticket.session;
-  const auto sequence = static_cast<std::uint32_t>(exchange.authenticator->seq_number);
-  if (!HasMic(key)) return Because(RefusalReason::kMalformed, "a mechListMIC of RC4");
-  if (!VerifyMic(exchange.context, key, sequence, exchange.token.mechanisms, *exchange.token.mic)) {
-    return Because(RefusalReason::kNotGenuine, "the mechListMIC is not of this list");
+  if (!exchange.token.mic && !exchange.NeedsMic()) return std::nullopt;
+  if (!HasMic(exchange.Key())) {
+    return Because(RefusalReason::kMalformed, "a mechListMIC of RC4");
   }
-  return std::nullopt;
+  if (!exchange.token.mic) return std::nullopt;
+  return CheckMic(exchange.context, exchange.Key(),
+                  static_cast<std::uint32_t>(exchange.authenticator->seq_number), exchange.token);
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
@@ -477,7 +526,8 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   krb5_data response{};
   auto sequence = static_cast<krb5_int32>(exchange.authenticator->seq_number);
   krb5_error_code code = 0;
-  if ((exchange.request.options & kMutualRequired) != 0) {
+  const bool mutual = (exchange.request.options & kMutualRequired) != 0;
+  if (mutual) {
     krb5_auth_con_setflags(context, auth, KRB5_AUTH_CONTEXT_DO_SEQUENCE);
     code = krb5_mk_rep(context, auth, &response);
     if (code == 0) code = krb5_auth_con_getlocalseqnumber(context, auth, &sequence);
@@ -486,13 +536,15 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
 
   std::string mic;
-  if (exchange.token.mic) {
-    const krb5_keyblock* const subkey = exchange.authenticator->subkey;
-    mic = MakeMic(context, subkey != nullptr ? *subkey : *exchange.ticket->enc_part2->session,
-                  static_cast<std::uint32_t>(sequence), exchange.token.mechanisms);
+  if (exchange.token.mic || exchange.NeedsMic()) {
+    const bool with_key = mutual && exchange.authenticator->subkey != nullptr;
+    mic = MakeMic(context, exchange.Key(), with_key, static_cast<std::uint32_t>(sequence),
+                  exchange.token.mechanisms);
     if (mic.empty()) return Because(RefusalReason::kInternal, "no mechListMIC can be made");
   }
-  exchange.reply = ReplyTo(exchange.token, View(response), mic);
+  const bool complete = exchange.token.mic || !exchange.NeedsMic();
+  exchange.reply = ReplyTo(exchange.token, View(response), mic,
+                           complete ? NegotiationState::kCompleted : NegotiationState::kIncomplete);
   return std::nullopt;
 }
 
@@ -549,14 +601,68 @@ Acceptor::Acceptor(std::unique_ptr<const Parts> parts) : parts_(std::move(parts)
 Acceptor::~Acceptor() = default;
 
 Acceptance Acceptor::Accept(std::string_view token, std::string_view channel) const {
+  return Judge(ReadInitialToken(token), channel, nullptr);
+}
+
+Acceptance Acceptor::Accept(std::string_view token, std::string_view channel,
+                            Negotiation& negotiation) const {
+  auto state = std::move(negotiation.state_);
+  InitialToken read;
   Acceptance result;
-  const InitialToken read = ReadInitialToken(token);
-  if (read.kind != InitialToken::Kind::kKerberos) {
-    result.refusal = OfToken(read);
+  if (state != nullptr) {
+    read = ReadLaterToken(token, state->mechanisms);
+    result = state->identity ? Finish(read, *state) : Judge(read, channel, state.get());
+  } else {
+    read = ReadInitialToken(token);
+    if (read.kind == InitialToken::Kind::kKerberos || read.mechanism.empty()) {
+      return Judge(read, channel, nullptr);
+    }
+    state = std::make_unique<Negotiation::State>();
+    state->mechanisms = read.mechanisms;
+    state->needs_mic = read.kind != InitialToken::Kind::kNothingSent;
+    result.refusal = Because(RefusalReason::kUnfinished, "the client is asked for Kerberos");
+    result.reply =
+        ReplyTo(read, "", "",
+                state->needs_mic ? NegotiationState::kRequestMic : NegotiationState::kIncomplete);
+  }
+  const bool goes_on = result.refusal && result.refusal->reason == RefusalReason::kUnfinished;
+  if (goes_on) negotiation.state_ = std::move(state);
+  return result;
+}
+
+// Nothing but the client's signature of its list was missing.
+Acceptance Acceptor::Finish(const InitialToken& token, Negotiation::State& negotiation) const {
+  Acceptance result;
+  const Parts::Lease lease(*parts_);
+  if (!lease) {
+    result.refusal = Because(RefusalReason::kInternal, kNoLibrary);
+  } else if (token.kind != InitialToken::Kind::kNothingSent || !token.mic) {
+    result.refusal = Because(RefusalReason::kMalformed, "a token in place of a mechListMIC");
+  } else {
+    const krb5_keyblock key = Borrowed(negotiation.key.View(), negotiation.enctype);
+    result.refusal = CheckMic(lease.Context(), key, negotiation.sequence, token);
+  }
+  const std::string service = Cleaned(negotiation.identity->service);
+  if (result.refusal) {
+    result.refusal->service = service;
     Record(*result.refusal);
     return result;
   }
-  auto request = ReadApRequest(read.request);
+  result.identity = std::move(negotiation.identity);
+  Record(*result.identity, service);
+  return result;
+}
+
+// Decides on a token that is to have a request; with `negotiation`, on a later one.
+Acceptance Acceptor::Judge(const InitialToken& token, std::string_view channel,
+                           Negotiation::State* negotiation) const {
+  Acceptance result;
+  if (token.kind != InitialToken::Kind::kKerberos) {
+    result.refusal = OfToken(token);
+    Record(*result.refusal);
+    return result;
+  }
+  auto request = ReadApRequest(token.request);
   if (!request) {
     result.refusal = Because(RefusalReason::kMalformed, "no Kerberos request by the letter");
     Record(*result.refusal);
@@ -568,11 +674,11 @@ Acceptance Acceptor::Accept(std::string_view token, std::string_view channel) co
 
   const Parts::Lease lease(*parts_);
   if (!lease) {
-    result.refusal = Because(RefusalReason::kInternal, "the Kerberos library cannot be set up");
+    result.refusal = Because(RefusalReason::kInternal, kNoLibrary);
     Record(*result.refusal);
     return result;
   }
-  Parts::Exchange exchange(lease.Context(), read, std::move(*request));
+  Parts::Exchange exchange(lease.Context(), token, std::move(*request), negotiation);
   result.refusal = parts_->Decide(exchange, channel);
   if (result.refusal) {
     result.refusal->service = service;
@@ -581,9 +687,17 @@ Acceptance Acceptor::Accept(std::string_view token, std::string_view channel) co
     Record(*result.refusal);
     return result;
   }
-  result.identity = std::move(exchange.identity);
   result.reply = std::move(exchange.reply);
-  logger.Notice("Accepted ", Cleaned(result.identity->client), " for ", service);
+  if (exchange.NeedsMic() && !token.mic) {
+    negotiation->identity = std::move(exchange.identity);
+    negotiation->key = Secret(BytesOf(exchange.Key()));
+    negotiation->enctype = exchange.Key().enctype;
+    negotiation->sequence = static_cast<std::uint32_t>(exchange.authenticator->seq_number);
+    result.refusal = Because(RefusalReason::kUnfinished, "the client is to sign its list");
+    return result;
+  }
+  result.identity = std::move(exchange.identity);
+  Record(*result.identity, service);
   return result;
 }
 
@@ -604,6 +718,7 @@ const char* Name(RefusalReason reason) {
                                     "channel-binding-wrong",
                                     "pac-missing",
                                     "pac-wrong",
+                                    "unfinished",
                                     "internal"};
   static_assert(std::size(kNames) == static_cast<std::size_t>(RefusalReason::kInternal) + 1);
   return kNames[static_cast<std::size_t>(reason)];

@@ -9,7 +9,8 @@
 namespace tavrel::plus {
 namespace {
 
-constexpr char kByAcceptor = 1;  // a flag
+constexpr char kByAcceptor = 1;  // flags
+constexpr char kAcceptorSubkey = 4;
 constexpr krb5_keyusage kAcceptorSigns = 23;
 constexpr krb5_keyusage kInitiatorSigns = 25;
 
@@ -44,14 +45,17 @@ bool HasMic(const krb5_keyblock& key) {
 
 bool VerifyMic(krb5_context context, const krb5_keyblock& key, std::uint32_t sequence,
                std::string_view message, std::string_view mic) {
-  const std::string right = Make(context, key, kInitiatorSigns, Header(0, sequence), message);
+  // A client that got a key in the reply says so; it is the one that it had sent.
+  const char flags = mic.size() > 2 ? static_cast<char>(mic[2] & kAcceptorSubkey) : '\0';
+  const std::string right = Make(context, key, kInitiatorSigns, Header(flags, sequence), message);
   return !right.empty() && right.size() == mic.size() &&
          CRYPTO_memcmp(right.data(), mic.data(), mic.size()) == 0;
 }
 
-std::string MakeMic(krb5_context context, const krb5_keyblock& key, std::uint32_t sequence,
-                    std::string_view message) {
-  return Make(context, key, kAcceptorSigns, Header(kByAcceptor, sequence), message);
+std::string MakeMic(krb5_context context, const krb5_keyblock& key, bool replied_with_key,
+                    std::uint32_t sequence, std::string_view message) {
+  const char flags = replied_with_key ? kByAcceptor | kAcceptorSubkey : kByAcceptor;
+  return Make(context, key, kAcceptorSigns, Header(flags, sequence), message);
 }
 
 }  // namespace tavrel::plus

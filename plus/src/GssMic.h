@@ -19,9 +19,10 @@ bool HasMic(const krb5_keyblock& key);
 bool VerifyMic(krb5_context context, const krb5_keyblock& key, std::uint32_t sequence,
                std::string_view message, std::string_view mic);
 
-// The acceptor's of `message`; empty on failure.
-std::string MakeMic(krb5_context context, const krb5_keyblock& key, std::uint32_t sequence,
-                    std::string_view message);
+// The acceptor's of `message`; empty on failure. `replied_with_key` says whether the reply to the
+// client has a key in it.
+std::string MakeMic(krb5_context context, const krb5_keyblock& key, bool replied_with_key,
+                    std::uint32_t sequence, std::string_view message);
 
 }  // namespace tavrel::plus
 

@@ -19,7 +19,7 @@ constexpr std::string_view kNtlmMessage("NTLMSSP\0", 8);
 constexpr unsigned char kInitialContextToken = der::Application(0);
 constexpr std::string_view kApReq("\x01\x00", 2);  // token identifiers (RFC 4121, 4.1)
 constexpr std::string_view kApRep("\x02\x00", 2);
-constexpr char kAcceptCompleted = 0;
+constexpr char kReject = 2;  // of a negotiation
 
 bool IsKerberos(std::string_view mechanism) {
   return mechanism == kKerberos || mechanism == kMicrosoftKerberos;
@@ -47,6 +47,18 @@ bool TakeRequest(std::string_view content, std::string_view& request) {
   return !request.empty();
 }
 
+// The token that a list or a later token has for Kerberos.
+void ReadOffered(std::string_view token, InitialToken& result) {
+  std::string_view mechanism;
+  std::string_view kerberos;
+  if (token.substr(0, kNtlmMessage.size()) == kNtlmMessage) {
+    result.kind = Kind::kNtlm;
+  } else if (Unframe(token, mechanism, kerberos) && IsKerberos(mechanism) &&
+             TakeRequest(kerberos, result.request)) {
+    result.kind = Kind::kKerberos;
+  }
+}
+
 // NegTokenInit (RFC 4178, 4.2.1).
 void ReadNegotiation(std::string_view content, InitialToken& result) {
   std::string_view init;
@@ -56,10 +68,13 @@ void ReadNegotiation(std::string_view content, InitialToken& result) {
   std::string_view list;
   if (!fields.TakeField(0, der::kSequence, list, &result.mechanisms)) return;
   Reader mechanisms(list);
-  if (!mechanisms.Take(der::kObjectIdentifier, result.mechanism)) return;
+  std::string_view first;
+  if (!mechanisms.Take(der::kObjectIdentifier, first)) return;
+  std::string_view kerberos = IsKerberos(first) ? first : std::string_view();
   while (!mechanisms.Empty()) {
     std::string_view other;
     if (!mechanisms.Take(der::kObjectIdentifier, other)) return;
+    if (kerberos.empty() && IsKerberos(other)) kerberos = other;
   }
   std::string_view flags;
   if (fields.NextIs(Context(1)) && !fields.TakeField(1, der::kBitString, flags)) return;
@@ -71,21 +86,14 @@ void ReadNegotiation(std::string_view content, InitialToken& result) {
   }
   if (!fields.Empty()) return;
 
-  if (!IsKerberos(result.mechanism)) {
-    result.kind = KindOfOther(result.mechanism);
-    return;
-  }
-  if (!sent) {
+  result.mechanism = kerberos;
+  if (!IsKerberos(first)) {
+    result.kind = KindOfOther(first);
+  } else if (!sent) {
     result.kind = Kind::kNothingSent;
-    return;
-  }
-  std::string_view mechanism;
-  std::string_view kerberos;
-  if (token.substr(0, kNtlmMessage.size()) == kNtlmMessage) {
-    result.kind = Kind::kNtlm;
-  } else if (Unframe(token, mechanism, kerberos) && IsKerberos(mechanism) &&
-             TakeRequest(kerberos, result.request)) {
-    result.kind = Kind::kKerberos;
+  } else {
+    ReadOffered(token, result);
+    if (result.kind != Kind::kKerberos) result.mechanism = {};  // it cannot be asked for once more
   }
 }
 
@@ -115,7 +123,41 @@ InitialToken ReadInitialToken(std::string_view token) {
   return result;
 }
 
-std::string ReplyTo(const InitialToken& token, std::string_view response, std::string_view mic) {
+InitialToken ReadLaterToken(std::string_view token, std::string_view mechanisms) {
+  InitialToken result;
+  result.negotiated = true;
+  result.mechanisms = mechanisms;
+  Reader choice(token);
+  std::string_view response;
+  if (!choice.TakeField(1, der::kSequence, response) || !choice.Empty()) return result;
+  Reader fields(response);
+  std::string_view content;
+  if (fields.NextIs(Context(0)) && (!fields.TakeField(0, der::kEnumerated, content) ||
+                                    content.size() != 1 || content[0] == kReject)) {
+    return result;
+  }
+  if (fields.NextIs(Context(1)) && !fields.TakeField(1, der::kObjectIdentifier, content)) {
+    return result;
+  }
+  const bool sent = fields.NextIs(Context(2));
+  std::string_view offered;
+  if (sent && !fields.TakeField(2, der::kOctetString, offered)) return result;
+  std::string_view mic;
+  const bool has_mic = fields.NextIs(Context(3));
+  if (has_mic && !fields.TakeField(3, der::kOctetString, mic)) return result;
+  if (!fields.Empty()) return result;
+
+  if (has_mic) result.mic = mic;
+  if (!sent) {
+    result.kind = Kind::kNothingSent;
+  } else {
+    ReadOffered(offered, result);
+  }
+  return result;
+}
+
+std::string ReplyTo(const InitialToken& token, std::string_view response, std::string_view mic,
+                    NegotiationState state) {
   std::string kerberos;
   if (!response.empty()) {
     kerberos = der::Value(der::kObjectIdentifier, kKerberos);
@@ -127,8 +169,9 @@ std::string ReplyTo(const InitialToken& token, std::string_view response, std::s
   const auto field = [](unsigned number, unsigned char tag, std::string_view content) {
     return der::Value(Context(number), der::Value(tag, content));
   };
-  std::string answer = field(0, der::kEnumerated, {&kAcceptCompleted, 1});
-  answer += field(1, der::kObjectIdentifier, token.mechanism);
+  const char code = static_cast<char>(state);
+  std::string answer = field(0, der::kEnumerated, {&code, 1});
+  if (!token.mechanism.empty()) answer += field(1, der::kObjectIdentifier, token.mechanism);
   if (!kerberos.empty()) answer += field(2, der::kOctetString, kerberos);
   if (!mic.empty()) answer += field(3, der::kOctetString, mic);
   return der::Value(Context(1), der::Value(der::kSequence, answer));

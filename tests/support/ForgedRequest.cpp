@@ -160,9 +160,8 @@ krb5_keyblock ServiceKey(krb5_context context, const ForgedTicket& ticket) {
   return service;
 }
 
-namespace {
-
-std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_keyblock& session) {
+std::string SealedTicket(krb5_context context, const ForgedTicket& ticket,
+                         const krb5_keyblock& session) {
   krb5_keyblock service = ServiceKey(context, ticket);
   const Key owned_service(&service, {context});
 
@@ -175,6 +174,8 @@ std::string Seal(krb5_context context, const ForgedTicket& ticket, const krb5_ke
       Der(kSequence, Field(0, Integer(5)) + Field(1, Der(kGeneralString, ticket.server_realm)) +
                          Field(2, PrincipalName(ticket.server)) + Field(3, encrypted)));
 }
+
+namespace {
 
 // A principal that points into the strings it is made of.
 struct BorrowedPrincipal {
@@ -212,7 +213,7 @@ std::vector<char> ApReq(const ForgedTicket& ticket) {
   ForgedTicket names = ticket;
   BorrowedPrincipal client(names.client_realm, names.client);
   BorrowedPrincipal server(names.server_realm, names.server);
-  std::string sealed = Seal(made, ticket, session);
+  std::string sealed = SealedTicket(made, ticket, session);
   krb5_creds creds{};
   creds.client = &client.principal;
   creds.server = &server.principal;

@@ -74,6 +74,10 @@ inline constexpr krb5_keyusage kAuthenticatorKeyUsage = 11;
 std::string Encrypt(krb5_context context, const krb5_keyblock& key, krb5_keyusage usage,
                     std::string plain);
 
+// The ticket as the client gets it (RFC 4120, 5.3), with `session` sealed in it.
+std::string SealedTicket(krb5_context context, const ForgedTicket& ticket,
+                         const krb5_keyblock& session);
+
 // The AP-REQ of a client that was given that ticket (RFC 4120, 5.5.1), another one at each call.
 // Throws std::runtime_error when the Kerberos library refuses something.
 std::vector<char> ApReq(const ForgedTicket& ticket);

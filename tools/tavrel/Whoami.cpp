@@ -46,6 +46,7 @@ std::string_view Remedy(plus::RefusalReason reason) {
       return "the token was made for another TLS connection: somebody may relay it";
     case Reason::kPacMissing: return "the account is marked NO_AUTH_DATA_REQUIRED: unmark it";
     case Reason::kPacWrong: return "the ticket does not come from a controller of this domain";
+    case Reason::kUnfinished:
     case Reason::kInternal: break;
   }
   return "see this machine's log, memory and disk";

@@ -17,6 +17,8 @@
 
 namespace tavrel::plus {
 
+struct InitialToken;
+
 /// Encryption types by their number (RFC 3961, RFC 8009, RFC 4757).
 inline constexpr std::int32_t kAes128Sha1 = 17;
 inline constexpr std::int32_t kAes256Sha1 = 18;
@@ -84,6 +86,7 @@ enum class RefusalReason {
   kChannelBindingWrong,    ///< the token was made for another channel
   kPacMissing,             ///< the ticket has no PAC
   kPacWrong,               ///< not signed with the service's key, of another user, or out of bounds
+  kUnfinished,             ///< not decided: the client is to send another token (Negotiation)
   kInternal,               ///< of this machine: memory, files, the Kerberos library
 };
 
@@ -107,11 +110,27 @@ struct Refusal {
 struct Acceptance {
   std::optional<Identity> identity;
   std::optional<Refusal> refusal;
-  /// To be sent to the client with the answer, when not empty: it completes the negotiation, and
-  /// proves this service to a client that asked for that.
+  /// To be sent to the client with the answer, when not empty: it completes the negotiation or goes
+  /// on with it, and proves this service to a client that asked for that.
   std::string reply;
 
   explicit operator bool() const { return identity.has_value(); }
+};
+
+/// What is kept between the tokens of one client when its negotiation takes several (RFC 4178): it
+/// prefers another mechanism to Kerberos, or sent no token with its list. One connection has one,
+/// and one thread at a time uses it.
+class TAVREL_EXPORT Negotiation {
+ public:
+  Negotiation();
+  Negotiation(Negotiation&& other) noexcept;
+  Negotiation& operator=(Negotiation&& other) noexcept;
+  ~Negotiation();
+
+ private:
+  friend class Acceptor;
+  struct State;
+  std::unique_ptr<State> state_;  // null: the next token is a first one
 };
 
 /// Accepts users by the keys of a keytab. It needs no network and no administrator, and writes the
@@ -136,8 +155,17 @@ class TAVREL_EXPORT Acceptor {
   /// empty when that is not known, and then nothing is checked unless binding is required
   Acceptance Accept(std::string_view token, std::string_view channel = {}) const;
 
+  /// Likewise, for a connection on which a client can send more than one token. When the refusal is
+  /// kUnfinished, which leaves no record, the client gets `reply`, and its next token comes here
+  /// with the same `negotiation`. With any other result `negotiation` is as new.
+  Acceptance Accept(std::string_view token, std::string_view channel,
+                    Negotiation& negotiation) const;
+
  private:
   struct Parts;
+  Acceptance Judge(const InitialToken& token, std::string_view channel,
+                   Negotiation::State* negotiation) const;
+  Acceptance Finish(const InitialToken& token, Negotiation::State& negotiation) const;
   explicit Acceptor(std::unique_ptr<const Parts> parts);
 
   std::unique_ptr<const Parts> parts_;
