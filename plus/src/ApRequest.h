@@ -24,8 +24,8 @@ struct ApRequest {
 inline constexpr std::uint32_t kUseSessionKey = 0x40000000;
 inline constexpr std::uint32_t kMutualRequired = 0x20000000;
 
-// Nothing when `request` is not exactly one request by the letter.
-std::optional<ApRequest> ReadApRequest(std::string_view request);
+// Nothing when `bytes` are not exactly one request by the letter.
+std::optional<ApRequest> ReadApRequest(std::string_view bytes);
 
 }  // namespace tavrel::plus
 

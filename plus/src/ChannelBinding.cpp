@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -30,7 +31,7 @@ std::uint32_t LittleEndian(std::string_view bytes, std::size_t at, std::size_t s
 
 std::string EndPointOf(std::string_view certificate) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(certificate.data());
-  const auto size = static_cast<long>(certificate.size());
+  const auto size = static_cast<std::ptrdiff_t>(certificate.size());
   const std::unique_ptr<X509, decltype(&X509_free)> parsed(d2i_X509(nullptr, &bytes, size),
                                                            X509_free);
   if (!parsed || bytes != reinterpret_cast<const unsigned char*>(certificate.data()) + size) {

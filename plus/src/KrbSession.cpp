@@ -10,8 +10,16 @@
 namespace tavrel::plus {
 namespace {
 
-// A list of texts for FreeValues() to free.
-long Copy(const char* const* texts, char*** copy) {
+// Where the library finds its settings.
+std::string SettingsFile() {
+  const char* const named = std::getenv("KRB5_CONFIG");
+  return named != nullptr ? named : "/etc/krb5.conf";
+}
+
+}  // namespace
+
+// For FreeValues() to free.
+KrbSession::Code KrbSession::CopyValues(const char* const* texts, char*** copy) {
   std::size_t count = 0;
   while (texts[count] != nullptr) {
     ++count;
@@ -24,8 +32,6 @@ long Copy(const char* const* texts, char*** copy) {
   *copy = made;
   return 0;
 }
-
-}  // namespace
 
 KrbOverrides OverridesFor(const std::vector<std::int32_t>& enctypes) {
   KrbOverrides overrides;
@@ -40,9 +46,11 @@ KrbOverrides OverridesFor(const std::vector<std::int32_t>& enctypes) {
 
 std::unique_ptr<KrbSession> KrbSession::Make(const KrbOverrides& overrides, std::string& error) {
   std::unique_ptr<KrbSession> session(new KrbSession(overrides));
-  const auto failed = [&](long code) {
-    if (code != 0) error = KrbMessage(session->base_, static_cast<krb5_error_code>(code));
-    return code != 0;
+  const auto failed = [&](Code code) {
+    if (code == 0) return false;
+    error = "Kerberos settings " + SettingsFile() + ": " +
+            KrbMessage(session->base_, static_cast<krb5_error_code>(code));
+    return true;
   };
   if (failed(krb5_init_context(&session->base_)) ||
       failed(krb5_get_profile(session->base_, &session->settings_))) {
@@ -66,7 +74,7 @@ KrbSession::~KrbSession() {
   if (base_ != nullptr) krb5_free_context(base_);
 }
 
-long KrbSession::GetValues(void* data, const char* const* names, char*** values) {
+KrbSession::Code KrbSession::GetValues(void* data, const char* const* names, char*** values) {
   const auto* const session = static_cast<const KrbSession*>(data);
   const struct {
     std::string_view name;
@@ -78,13 +86,13 @@ long KrbSession::GetValues(void* data, const char* const* names, char*** values)
                           names[1] != nullptr && names[2] == nullptr;
   for (const auto& item : overrides) {
     const char* const list[] = {item.value, nullptr};
-    if (is_default && item.name == names[1]) return Copy(list, values);
+    if (is_default && item.name == names[1]) return CopyValues(list, values);
   }
   char** found = nullptr;
-  if (const long code = profile_get_values(session->settings_, names, &found); code != 0) {
+  if (const Code code = profile_get_values(session->settings_, names, &found); code != 0) {
     return code;
   }
-  const long code = Copy(found, values);
+  const Code code = CopyValues(found, values);
   profile_free_list(found);
   return code;
 }

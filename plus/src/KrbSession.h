@@ -39,7 +39,9 @@ class KrbSession {
  private:
   explicit KrbSession(const KrbOverrides& overrides) : overrides_(overrides) {}
 
-  static long GetValues(void* session, const char* const* names, char*** values);
+  using Code = decltype(profile_flush(nullptr));  // libprofile's, wider than Kerberos' own
+  static Code CopyValues(const char* const* texts, char*** copy);
+  static Code GetValues(void* session, const char* const* names, char*** values);
   static void FreeValues(void* session, char** values);
 
   const KrbOverrides overrides_;

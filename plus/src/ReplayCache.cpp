@@ -168,12 +168,12 @@ ReplayCache::Verdict ReplayCache::Remember(std::string_view request, std::uint32
 
   for (;;) {
     // Room is made by the record that was made first; an empty place is older than all.
-    Record* room = nullptr;
-    std::uint64_t oldest = 0;
+    Record* room = row;
+    std::uint64_t oldest = UINT64_MAX;
     for (Record* at = row; at != row + kRowSize; ++at) {
       const std::uint64_t word = at->load();
       if (word == record) return Verdict::kSeen;
-      if (room == nullptr || word < oldest) {
+      if (word < oldest) {
         room = at;
         oldest = word;
       }

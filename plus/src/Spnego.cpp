@@ -53,7 +53,7 @@ void ReadOffered(std::string_view token, InitialToken& result) {
   std::string_view kerberos;
   if (token.substr(0, kNtlmMessage.size()) == kNtlmMessage) {
     result.kind = Kind::kNtlm;
-  } else if (Unframe(token, mechanism, kerberos) && IsKerberos(mechanism) &&
+  } else if (Unframe(token, mechanism, kerberos) && mechanism == kKerberos &&
              TakeRequest(kerberos, result.request)) {
     result.kind = Kind::kKerberos;
   }

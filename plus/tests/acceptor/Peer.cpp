@@ -1,5 +1,6 @@
-// An acceptor behind a pipe: a line in, `TOKEN [CHANNEL]` in hexadecimal digits, a JSON object out.
-// Beside what the acceptor says it shows the PAC as it came, so that others can decode it too.
+// An acceptor behind a pipe: a line in, `TOKEN [CHANNEL | cert:CERTIFICATE]` in hexadecimal digits,
+// a JSON object out. `CERTIFICATE` is that of the TLS server that the token came through. Beside
+// what the acceptor says it shows the PAC as it came, so that others can decode it too.
 #include <krb5.h>
 
 #include <iostream>
@@ -143,6 +144,8 @@ int main(int argc, char** argv) {
     std::string channel;
     words >> token >> channel;
     token = FromHex(token);
-    Show(acceptor->Accept(token, FromHex(channel)), Pac(options.keytab, token));
+    channel = channel.substr(0, 5) == "cert:" ? TlsServerEndPoint(FromHex(channel.substr(5)))
+                                              : FromHex(channel);
+    Show(acceptor->Accept(token, channel), Pac(options.keytab, token));
   }
 }

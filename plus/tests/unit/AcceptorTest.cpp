@@ -486,5 +486,14 @@ TEST(AnAcceptor, IsNotMadeOfWhatCannotWork) {
               HasSubstr("replay file "));
 }
 
+TEST(AnAcceptor, NamesTheSettingsThatTheKerberosLibraryCannotRead) {
+  const Service service;
+  std::ofstream(service.settings / "krb5.conf") << "[libdefaults\n";
+  std::string error;
+
+  EXPECT_EQ(Acceptor::Make(service.options, &error), nullptr);
+  EXPECT_THAT(error, StartsWith("Kerberos settings " + service.settings / "krb5.conf" + ": "));
+}
+
 }  // namespace
 }  // namespace tavrel::plus::tests

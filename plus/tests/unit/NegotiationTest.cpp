@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "Der.h"
-#include "GssClient.h"
 #include "LogCapture.h"
 #include "Service.h"
 #include "Spnego.h"
+#include "TicketHolder.h"
 
 namespace tavrel::plus::tests {
 namespace {
@@ -103,7 +103,7 @@ class ANegotiation : public testing::Test {
 };
 
 TEST_F(ANegotiation, WithKerberosSecondTakesTwoTokens) {
-  GssClient client(TicketWithPac());
+  TicketHolder client(TicketWithPac());
   LogCapture log;
 
   const Acceptance first = Accept(first_token);
@@ -121,7 +121,7 @@ TEST_F(ANegotiation, WithKerberosSecondTakesTwoTokens) {
 }
 
 TEST_F(ANegotiation, OfAMutualClientEndsWithItsSignature) {
-  GssClient client(TicketWithPac(), GSS_C_MUTUAL_FLAG);
+  TicketHolder client(TicketWithPac(), GSS_C_MUTUAL_FLAG);
   LogCapture log;
 
   Accept(first_token);
@@ -144,7 +144,7 @@ TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {
   for (const std::string& last :
        {Response(Signature(std::string(28, 'x'))), Response(""), std::string("nonsense"),
         Response(Offer(Token(TicketWithPac())))}) {
-    GssClient client(TicketWithPac());
+    TicketHolder client(TicketWithPac());
     Accept(first_token);
     const Acceptance second = Accept(Response(Offer(client.Step())));
     EXPECT_EQ(Reason(second), RefusalReason::kUnfinished);
@@ -156,7 +156,7 @@ TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {
 
 // Somebody on the way made Kerberos look like the second choice.
 TEST_F(ANegotiation, WhoseListWasChangedOnTheWayEndsWithNobody) {
-  GssClient client(TicketWithPac());
+  TicketHolder client(TicketWithPac());
   Accept(first_token);
   const std::string request = client.Step();
   const std::string mic = client.Mic(kerberos_list);
@@ -204,7 +204,7 @@ TEST_F(ANegotiation, IsNotBegunWithWhoHasNoKerberos) {
 }
 
 TEST_F(ANegotiation, CanMoveToAnotherConnectionsState) {
-  GssClient client(TicketWithPac());
+  TicketHolder client(TicketWithPac());
   Accept(first_token);
 
   Negotiation moved = std::move(negotiation);
@@ -217,7 +217,7 @@ TEST_F(ANegotiation, CanMoveToAnotherConnectionsState) {
 // A first token may have the signature as well; no client is known that sends it.
 TEST_F(ANegotiation, TakesTheSignatureOfItsListWithTheFirstToken) {
   const auto decision = [&](const std::string& signed_list) {
-    GssClient client(TicketWithPac());
+    TicketHolder client(TicketWithPac());
     const std::string token = Offer(client.Step());
     return acceptor->Accept(Init(kerberos_list, token + Signature(client.Mic(signed_list))));
   };

@@ -70,6 +70,8 @@ TEST(AnInitialToken, IsWhatItsFramingSays) {
       {Negotiation(kList + Field(2, der::kOctetString, std::string("NTLMSSP\0\x01", 9))),
        Kind::kNtlm},
       {Negotiation(kList + Field(2, der::kOctetString, Kerberos(kNtlmOid))), Kind::kMalformed},
+      {Negotiation(kList + Field(2, der::kOctetString, Kerberos(kMicrosoftKerberosOid))),
+       Kind::kMalformed},
       {Negotiation(kList + Field(2, der::kOctetString, "")), Kind::kMalformed},
       {Negotiation(kList + Field(1, der::kBitString, std::string("\x00\x40", 2)) + kOfKerberos +
                    Field(3, der::kOctetString, "mic")),

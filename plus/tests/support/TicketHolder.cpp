@@ -1,4 +1,4 @@
-#include "GssClient.h"
+#include "TicketHolder.h"
 
 #include <gssapi/gssapi_krb5.h>
 
@@ -35,8 +35,8 @@ OM_uint32 Checked(OM_uint32 major, OM_uint32 minor) {
 
 }  // namespace
 
-GssClient::GssClient(const tavrel::tests::ForgedTicket& ticket, OM_uint32 flags,
-                     std::string channel)
+TicketHolder::TicketHolder(const tavrel::tests::ForgedTicket& ticket, OM_uint32 flags,
+                           std::string channel)
     : flags_(flags), channel_(std::move(channel)) {
   Check(krb5_init_context(&krb_), "context");
   Check(krb5_cc_new_unique(krb_, "MEMORY", nullptr, &cache_), "cache");
@@ -65,7 +65,7 @@ GssClient::GssClient(const tavrel::tests::ForgedTicket& ticket, OM_uint32 flags,
       minor);
 }
 
-GssClient::~GssClient() {
+TicketHolder::~TicketHolder() {
   OM_uint32 minor = 0;
   gss_delete_sec_context(&minor, &context_, GSS_C_NO_BUFFER);
   gss_release_name(&minor, &service_);
@@ -74,7 +74,7 @@ GssClient::~GssClient() {
   krb5_free_context(krb_);
 }
 
-std::string GssClient::Step(const std::string& reply) {
+std::string TicketHolder::Step(const std::string& reply) {
   OM_uint32 minor = 0;
   gss_OID_desc mechanism = *gss_mech_krb5;
   gss_channel_bindings_struct bindings{};
@@ -89,7 +89,7 @@ std::string GssClient::Step(const std::string& reply) {
   return Taken(output);
 }
 
-std::string GssClient::Mic(const std::string& message) {
+std::string TicketHolder::Mic(const std::string& message) {
   OM_uint32 minor = 0;
   gss_buffer_desc input = Buffer(message);
   gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
@@ -97,7 +97,7 @@ std::string GssClient::Mic(const std::string& message) {
   return Taken(output);
 }
 
-bool GssClient::Verifies(const std::string& message, const std::string& mic) {
+bool TicketHolder::Verifies(const std::string& message, const std::string& mic) {
   OM_uint32 minor = 0;
   gss_buffer_desc input = Buffer(message);
   gss_buffer_desc signature = Buffer(mic);

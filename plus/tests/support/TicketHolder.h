@@ -1,6 +1,6 @@
 // The system's GSS-API library as a client that has a ticket for the service.
-#ifndef TAVREL_PLUS_TESTS_GSSCLIENT_H
-#define TAVREL_PLUS_TESTS_GSSCLIENT_H
+#ifndef TAVREL_PLUS_TESTS_TICKETHOLDER_H
+#define TAVREL_PLUS_TESTS_TICKETHOLDER_H
 
 #include <gssapi/gssapi.h>
 #include <krb5.h>
@@ -12,13 +12,13 @@
 namespace tavrel::plus::tests {
 
 // Its tokens are bare Kerberos. What goes wrong throws std::runtime_error with GSS-API's text.
-class GssClient {
+class TicketHolder {
  public:
-  GssClient(const tavrel::tests::ForgedTicket& ticket, OM_uint32 flags = 0,
-            std::string channel = "");
-  GssClient(const GssClient&) = delete;
-  GssClient& operator=(const GssClient&) = delete;
-  ~GssClient();
+  TicketHolder(const tavrel::tests::ForgedTicket& ticket, OM_uint32 flags = 0,
+               std::string channel = "");
+  TicketHolder(const TicketHolder&) = delete;
+  TicketHolder& operator=(const TicketHolder&) = delete;
+  ~TicketHolder();
 
   // The next token, after the service's `reply`.
   std::string Step(const std::string& reply = "");
