@@ -22,9 +22,8 @@ constexpr int kTargetOffset = 6;       // behind priority, weight and port (RFC 
 // where there is time; as before when it goes.
 class ImpatientResolver {
  public:
-  explicit ImpatientResolver(const Deadline& deadline) : is_ready_(InitOnce()) {
-    retrans_ = _res.retrans;
-    retry_ = _res.retry;
+  explicit ImpatientResolver(const Deadline& deadline)
+      : is_ready_(InitOnce()), retrans_(_res.retrans), retry_(_res.retry) {
     _res.retrans = 1;
     _res.retry = deadline.Left() > std::chrono::seconds(10) ? 2 : 1;
   }

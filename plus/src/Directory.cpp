@@ -278,6 +278,7 @@ Failure Directory::BindSimple(const std::string& name, const Secret& password,
 Failure Directory::Search(const std::string& base, int scope, const std::string& filter,
                           const std::vector<std::string>& attributes, std::vector<Entry>& entries) {
   std::vector<char*> names;
+  names.reserve(attributes.size() + 1);
   for (const std::string& attribute : attributes)
     names.push_back(const_cast<char*>(attribute.c_str()));  // only read
   names.push_back(nullptr);

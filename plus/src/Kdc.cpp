@@ -47,7 +47,7 @@ char** Values(const std::string& value) {
   return nullptr;
 }
 
-long GetValues(void* data, const char* const* names, char*** values) {
+errcode_t GetValues(void* data, const char* const* names, char*** values) {
   const auto& pinned = *static_cast<const PinnedProfile*>(data);
   const auto is = [&](std::size_t i, std::string_view name) {
     return names[i] != nullptr && name == names[i];
@@ -58,7 +58,7 @@ long GetValues(void* data, const char* const* names, char*** values) {
     return *values != nullptr ? 0 : ENOMEM;
   }
   char** found = nullptr;
-  const long code = profile_get_values(pinned.machine, names, &found);
+  const errcode_t code = profile_get_values(pinned.machine, names, &found);
   if (code != 0) return code;
   // Their owner frees them in a way of its own, and libkrb5 would not ask it.
   std::size_t count = 0;
@@ -86,7 +86,7 @@ void Cleanup(void* data) {
 }
 
 // A copy is the same one, with an owner more.
-long CopyProfile(void* data, void** copy) {
+errcode_t CopyProfile(void* data, void** copy) {
   ++static_cast<PinnedProfile*>(data)->owners;
   *copy = data;
   return 0;
@@ -141,13 +141,17 @@ bool IsAsn1Error(krb5_error_code code) {
   return code >= ASN1_BAD_TIMEFORMAT && code < ASN1_BAD_TIMEFORMAT + 256;
 }
 
-std::uint16_t Number16(const std::string& bytes, std::size_t at) {
+std::uint16_t Number16(std::string_view bytes, std::size_t at) {
   return static_cast<std::uint16_t>(static_cast<unsigned char>(bytes[at]) << 8U |
                                     static_cast<unsigned char>(bytes[at + 1]));
 }
 
 std::string Bytes16(std::size_t number) {
   return {static_cast<char>(number >> 8U & 0xFFU), static_cast<char>(number & 0xFFU)};
+}
+
+Failure Nonsense() {
+  return {Cause::kProtocol, "The password service's answer cannot be read"};
 }
 
 krb5_data Data(std::string_view bytes) {
@@ -182,11 +186,11 @@ Failure Kdc::Open() {
   calls.cleanup = Cleanup;
   calls.copy = CopyProfile;
   profile_t profile = nullptr;
-  if (const long code = profile_init_vtable(&calls, pinned.get(), &profile)) {
+  if (const errcode_t code = profile_init_vtable(&calls, pinned.get(), &profile)) {
     profile_abandon(pinned->machine);
     return {Cause::kLibrary, KrbMessage(nullptr, static_cast<krb5_error_code>(code))};
   }
-  pinned.release();  // the profile's
+  static_cast<void>(pinned.release());  // the profile's
   const krb5_error_code code = krb5_init_context_profile(profile, 0, &context_);
   profile_release(profile);
   if (code != 0) return Explain(code);
@@ -457,32 +461,32 @@ Failure Kdc::ChangePassword(krb5_ccache cache, const Secret& password, bool& is_
     is_unknown = errno != ECONNREFUSED;
     return ConnectionFailure(errno);
   }
-  const Failure nonsense(Cause::kProtocol, "The password service's answer cannot be read");
   is_unknown = true;  // until the answer has been proven to be the service's
-  if (reply.size() < kHeader) return nonsense;
+  if (reply.size() < kHeader) return Nonsense();
   const std::size_t proof_size = Number16(reply, 4);
   // A refusal before anything could be proven has no AP-REP, or is a bare KRB-ERROR.
-  if (proof_size == 0 || kHeader + proof_size > reply.size()) return nonsense;
-  krb5_data proof = Data(std::string_view(reply).substr(kHeader, proof_size));
+  if (proof_size == 0 || kHeader + proof_size > reply.size()) return Nonsense();
+  const std::string_view whole = reply;
+  krb5_data proof = Data(whole.substr(kHeader, proof_size));
   krb5_ap_rep_enc_part* proven = nullptr;
   code = krb5_rd_rep(context_, auth, &proof, &proven);
   if (code != 0) return {Cause::kNotTrusted, KrbMessage(context_, code)};
   krb5_free_ap_rep_enc_part(context_, proven);
 
-  krb5_data answer = Data(std::string_view(reply).substr(kHeader + proof_size));
+  krb5_data answer = Data(whole.substr(kHeader + proof_size));
   // The sender's address is none that could be compared.
   code = krb5_auth_con_setaddrs(context_, auth, nullptr, nullptr);
   krb5_data content{};
   if (code == 0) code = krb5_rd_priv(context_, auth, &answer, &content, nullptr);
   if (code != 0) return {Cause::kNotTrusted, KrbMessage(context_, code)};
   const KrbContents owned_content(&content, {context_});
-  const std::string result(View(content));
-  if (result.size() < 2) return nonsense;
+  const std::string_view result = View(content);
+  if (result.size() < 2) return Nonsense();
   is_unknown = false;
   const unsigned number = Number16(result, 0);
   if (number == KRB5_KPASSWD_SUCCESS) return {};
   char* words = nullptr;
-  krb5_data rest = Data(std::string_view(result).substr(2));
+  krb5_data rest = Data(result.substr(2));
   if (krb5_chpw_message(context_, &rest, &words) != 0) words = nullptr;
   const std::unique_ptr<char, KrbFree<krb5_free_string>> owned_words(words, {context_});
   const Cause cause = number == KRB5_KPASSWD_ACCESSDENIED ? Cause::kAccessDenied : Cause::kRefused;

@@ -199,21 +199,13 @@ void MachineKeytab::DropNew() {
   new_ = -1;
 }
 
-// Makes an empty keytab, all of it at once. One that somebody else has made meanwhile is as good.
-Failure MachineKeytab::Create() {
-  status_ = {};
-  status_.st_uid = geteuid();
-  status_.st_gid = getegid();
-  status_.st_mode = S_IRUSR | S_IWUSR;
-  // A name of its own: whoever has the usual one holds the keytab, and there is none to hold.
-  std::string name = path_ + ".XXXXXX";
-  const int file = mkostemp(name.data(), O_CLOEXEC);
-  if (file == -1) return FileFailure(path_, errno);
+// Makes an empty keytab. One that somebody else has made meanwhile is as good, and so is one
+// without a byte, which is what an end in the middle leaves.
+Failure MachineKeytab::Create() const {
+  const int file = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file == -1) return errno == EEXIST ? Failure() : FileFailure(path_, errno);
   Failure failure;
-  if (!WriteAll(file, kVersion) || (link(name.c_str(), path_.c_str()) == -1 && errno != EEXIST)) {
-    failure = FileFailure(path_, errno);
-  }
-  unlink(name.c_str());
+  if (!WriteAll(file, kVersion)) failure = FileFailure(path_, errno);
   close(file);
   return failure;
 }
@@ -309,7 +301,7 @@ Failure MachineKeytab::Reserve(std::size_t count) {
   return {};
 }
 
-bool MachineKeytab::WriteNew(const std::vector<KeytabKey>& keys) {
+bool MachineKeytab::WriteNew(const std::vector<KeytabKey>& keys) const {
   const Secret bytes = FormatKeytab(keys);
   return WriteAll(new_, bytes.View()) && ftruncate(new_, static_cast<off_t>(bytes.Size())) == 0 &&
          fsync(new_) == 0;

@@ -65,9 +65,9 @@ class MachineKeytab {
   Failure Replace(std::vector<KeytabKey> keys, const Deadline& deadline);
 
  private:
-  Failure Create();
+  Failure Create() const;
   Failure Load(int file, const Deadline& deadline, std::vector<KeytabKey>& keys);
-  bool WriteNew(const std::vector<KeytabKey>& keys);
+  bool WriteNew(const std::vector<KeytabKey>& keys) const;
   Failure OpenNew();
   void DropNew();
 

@@ -371,7 +371,7 @@ Failure Membership::Operation::SignIn(Session& session) {
   const auto types = TypesOf(settings_.EncryptionTypes());
   Kdc& kdc = session.kdc;
   switch (credentials_.kind) {
-    case Kind::kMachine: return SignInAsMachine(session, nullptr, session.cache);
+    case Kind::kMachine:
     case Kind::kOneTimePassword: return SignInAsMachine(session, nullptr, session.cache);
     case Kind::kCache: return kdc.Copy(credentials_.name, session.cache);
     case Kind::kPassword:

@@ -172,7 +172,8 @@ struct SealedIo {
       size = ntohl(size);
       errno = EMSGSIZE;
       if (size > kLargestToken || !Receive(io, self.received_, kLengthSize + size)) return -1;
-      gss_buffer_desc token = Given(std::string_view(self.received_).substr(kLengthSize));
+      const std::string_view received = self.received_;
+      gss_buffer_desc token = Given(received.substr(kLengthSize));
       Buffer opened;
       OM_uint32 minor = 0;
       int is_sealed = 0;

@@ -20,7 +20,7 @@ Socket::~Socket() {
   if (descriptor_ != -1) close(descriptor_);
 }
 
-bool Socket::Await(short event, const Deadline& deadline) {
+bool Socket::Await(std::int16_t event, const Deadline& deadline) {
   for (;;) {
     pollfd poll_descriptor{descriptor_, event, 0};
     const int ready = poll(&poll_descriptor, 1, static_cast<int>(deadline.Left().count()));

@@ -44,7 +44,7 @@ class Socket {
   bool LocalAddress(Address& address) const;
 
  private:
-  bool Await(short event, const Deadline& deadline);
+  bool Await(std::int16_t event, const Deadline& deadline);
 
   int descriptor_ = -1;
 };

@@ -127,7 +127,8 @@ std::string Child::Result() {
   return text + end;
 }
 
-bool KilledBefore(int nth, const std::function<void()>& work, long* number) {
+bool KilledBefore(int nth, const std::function<void()>& work, long* number,
+                  const std::function<bool(long number)>& counts) {
   const pid_t id = fork();
   if (id == -1) throw std::runtime_error("no child");
   if (id == 0) {
@@ -144,8 +145,11 @@ bool KilledBefore(int nth, const std::function<void()>& work, long* number) {
     if (!WIFSTOPPED(status)) return false;
     __ptrace_syscall_info info{};
     ptrace(PTRACE_GET_SYSCALL_INFO, id, sizeof info, &info);
-    if (info.op != PTRACE_SYSCALL_INFO_ENTRY || ++calls < nth) continue;
-    *number = static_cast<long>(info.entry.nr);
+    const auto called = static_cast<long>(info.entry.nr);
+    if (info.op != PTRACE_SYSCALL_INFO_ENTRY || (counts && !counts(called)) || ++calls < nth) {
+      continue;
+    }
+    *number = called;
     kill(id, SIGKILL);
     StatusOf(id);
     return true;

@@ -44,9 +44,11 @@ class Child {
 };
 
 // Runs `work` in a child process that is killed before the system call number `nth` that it makes
-// there (the first is 1). Returns false when it ended before it made so many; `*name` is then left
-// alone, and else gets the number of the system call.
-bool KilledBefore(int nth, const std::function<void()>& work, long* number);
+// there (the first is 1), of those that `counts` (all, when it is empty). Returns false when it
+// ended before it made so many; `*number` is then left alone, and else gets the number of the
+// system call.
+bool KilledBefore(int nth, const std::function<void()>& work, long* number,
+                  const std::function<bool(long number)>& counts = {});
 
 }  // namespace tavrel::tests
 
