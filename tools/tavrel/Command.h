@@ -13,7 +13,9 @@ struct Command {
   int (*run)(int argc, char** argv);
 };
 
+int RunCheck(int argc, char** argv);
 int RunEnrol(int argc, char** argv);
+int RunJoin(int argc, char** argv);
 int RunRotate(int argc, char** argv);
 int RunLeave(int argc, char** argv);
 int RunStatus(int argc, char** argv);

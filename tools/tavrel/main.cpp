@@ -10,7 +10,9 @@ namespace {
 using namespace tavrel::tools;
 
 constexpr Command kCommands[] = {
+    {"check", "looks at all that a membership needs, and changes nothing", RunCheck},
     {"enrol", "makes this machine a member of its domain, with AES keys", RunEnrol},
+    {"join", "makes this machine a member as the core's Join() does, with an RC4 key", RunJoin},
     {"rotate", "gives the machine a new password, and its keytab the keys", RunRotate},
     {"status", "shows the account, and whether its keys work", RunStatus},
     {"leave", "ends the membership", RunLeave},

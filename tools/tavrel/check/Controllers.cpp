@@ -1,10 +1,9 @@
 // Checks of the way to the domain's controllers: ldap.conf, DNS, connections, clocks.
-#include <arpa/nameser.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <resolv.h>
 #include <sys/socket.h>
+#include <tavrel/DiscoveryService.h>
 #include <tavrel/KrbContext.h>
 #include <unistd.h>
 
@@ -14,12 +13,16 @@
 #include <cstring>
 #include <ctime>
 
-#include "Checks.h"
-#include "Session.h"
+#include "tavrel/check/Checks.h"
+#include "tavrel/check/Session.h"
 
+namespace tavrel::tools {
 namespace {
 
-Controller FromServer(const tavrel::LdapServer& server) {
+constexpr int kKerberosPort = 88;
+constexpr int kPasswordPort = 464;
+
+Controller FromServer(const LdapServer& server) {
   const auto& [url, encryption, ca_file] = server;
   Controller controller;
   controller.url = url;
@@ -72,15 +75,15 @@ std::string WhyUnreachable(const std::string& host, int port) {
 
 }  // namespace
 
-void CheckLdapCertificates(Subject& subject, Report& report) {
+void CheckLdapCertificates(Subject& subject, Findings& findings) {
   const std::string check = "ldap.conf TLS_REQCERT";
   int require = 0;
   if (ldap_get_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &require) != LDAP_OPT_SUCCESS) {
-    report.Fail(check, "cannot be had", "see that ldap.conf is well-formed");
+    findings.Fail(check, "cannot be had", "see that ldap.conf is well-formed");
     return;
   }
   if (require != LDAP_OPT_X_TLS_NEVER && require != LDAP_OPT_X_TLS_ALLOW) {
-    report.Ok(check, "certificates are verified where there is a CA file");
+    findings.Ok(check, "certificates are verified where there is a CA file");
     return;
   }
   const std::string found = std::string(require == LDAP_OPT_X_TLS_NEVER ? "never" : "allow") +
@@ -89,81 +92,64 @@ void CheckLdapCertificates(Subject& subject, Report& report) {
   for (const auto& [url, encryption, ca_file] : *subject.join.servers)
     verified = verified || !ca_file.empty();
   if (verified) {
-    report.Fail(check, found, "set TLS_REQCERT demand, or leave it out");
+    findings.Fail(check, found, "set TLS_REQCERT demand, or leave it out");
   } else {
-    report.Warn(check, found, "set TLS_REQCERT demand, or leave it out");
+    findings.Warn(check, found, "set TLS_REQCERT demand, or leave it out");
   }
 }
 
-void CheckLdapTimeLimit(Subject&, Report& report) {
+void CheckLdapTimeLimit(Subject&, Findings& findings) {
   const std::string check = "ldap.conf TIMEOUT";
   timeval* limit = nullptr;
   ldap_get_option(nullptr, LDAP_OPT_TIMEOUT, &limit);
   const std::unique_ptr<timeval, FreeWith<ldap_memfree>> owned(limit);
   // NETWORK_TIMEOUT is the library's own business: it bounds each connection with 10 s.
   if (limit == nullptr || limit->tv_sec < 0) {
-    report.Warn(check, "none: a controller that accepts and stays silent holds a join up for ever",
-                "set TIMEOUT 10");
+    findings.Warn(check,
+                  "none: a controller that accepts and stays silent holds a join up for ever",
+                  "set TIMEOUT 10");
   } else {
-    report.Ok(check, std::to_string(limit->tv_sec) + " s");
+    findings.Ok(check, std::to_string(limit->tv_sec) + " s");
   }
 }
 
-void CheckDiscovery(Subject& subject, Report& report) {
-  if (!subject.join.servers->empty()) {
-    for (const tavrel::LdapServer& server : *subject.join.servers)
+void CheckDiscovery(Subject& subject, Findings& findings) {
+  std::list<LdapServer> servers = *subject.join.servers;
+  if (!subject.call.join) {
+    for (const std::string& host : subject.call.config->membership.controllers)
+      servers.emplace_back("ldap://" + host, vdi::LDAP_ENCRYPTION_STARTTLS, "");
+  }
+  if (!servers.empty()) {
+    for (const LdapServer& server : servers)
       subject.controllers.push_back(FromServer(server));
-    report.Ok("discovery", "not needed, servers are configured");
+    findings.Ok("discovery", "not needed, controllers are configured");
     return;
   }
-  const std::string name = "_ldap._tcp.dc._msdcs." + subject.join.domain;
-  const std::string check = "discovery " + name;
-  const char* const remedy = "give this machine the domain's own name servers (resolv.conf)";
-  struct __res_state resolver = {};
-  if (res_ninit(&resolver) != 0) {
-    report.Fail(check, "no resolver", remedy);
-    return;
-  }
-  std::vector<unsigned char> answer(NS_MAXMSG);
-  const int length = res_nsearch(&resolver, name.c_str(), ns_c_in, ns_t_srv, answer.data(),
-                                 static_cast<int>(answer.size()));
-  const std::string why = length < 0 ? hstrerror(resolver.res_h_errno) : "";
-  res_nclose(&resolver);
-  ns_msg message;
-  if (length < 0 || ns_initparse(answer.data(), length, &message) != 0) {
-    report.Fail(check, why.empty() ? "the answer is broken" : why, remedy);
-    return;
-  }
+  const std::string check = "discovery _ldap._tcp.dc._msdcs." + subject.join.domain;
+  h_errno = 0;
+  const auto hosts = DNSDiscoveryService().GetLDAPHosts(subject.join.domain);
   std::vector<std::string> names;
-  for (int i = 0; i < ns_msg_count(message, ns_s_an); ++i) {
-    ns_rr record;
-    char target[NS_MAXDNAME];
-    constexpr int kFixed = 6;  // priority, weight, port
-    if (ns_parserr(&message, ns_s_an, i, &record) != 0 || ns_rr_type(record) != ns_t_srv ||
-        ns_rr_rdlen(record) <= kFixed ||
-        dn_expand(ns_msg_base(message), ns_msg_end(message), ns_rr_rdata(record) + kFixed, target,
-                  sizeof target) < 0) {
-      continue;
-    }
-    const std::string host = target;
-    const unsigned port = ns_get16(ns_rr_rdata(record) + 4);
-    subject.controllers.push_back(FromServer(
-        {"ldap://" + host + ":" + std::to_string(port), vdi::LDAP_ENCRYPTION_STARTTLS, ""}));
+  for (const std::string& host : hosts) {
+    subject.controllers.push_back(
+        FromServer({"ldap://" + host, vdi::LDAP_ENCRYPTION_STARTTLS, ""}));
     names.push_back(Name(subject.controllers.back()));
   }
   if (names.empty()) {
-    report.Fail(check, "no controller in the answer", remedy);
+    findings.Fail(check, h_errno != 0 ? hstrerror(h_errno) : "no controller in the answer",
+                  "give this machine the domain's own name servers (resolv.conf)");
   } else {
-    report.Ok(check, Join(names));
+    findings.Ok(check, Listed(names));
   }
 }
 
-void CheckReach(Subject& subject, Report& report) {
-  std::vector<std::string> findings;
+void CheckReach(Subject& subject, Findings& findings) {
+  std::vector<std::string> states_of;
   bool any = false;
   for (Controller& controller : subject.controllers) {
     std::vector<int> ports = {controller.port};
-    if (controller.port == LDAP_PORT || controller.port == LDAPS_PORT) {
+    if (!subject.call.join) {
+      ports = {kKerberosPort, LDAP_PORT, kPasswordPort};
+    } else if (controller.port == LDAP_PORT || controller.port == LDAPS_PORT) {
       ports = {LDAP_PORT, LDAPS_PORT};
     }
     std::vector<std::string> states;
@@ -173,23 +159,23 @@ void CheckReach(Subject& subject, Report& report) {
       if (port == controller.port) controller.reached = why.empty();
     }
     any = any || controller.reached;
-    findings.push_back(Join(states));
+    states_of.push_back(Listed(states));
   }
   std::size_t i = 0;
   for (const Controller& controller : subject.controllers) {
     const std::string check = "reach " + Name(controller);
-    const std::string& found = findings[i++];
+    const std::string& found = states_of[i++];
     if (controller.reached) {
-      report.Ok(check, found);
+      findings.Ok(check, found);
     } else if (any) {
-      report.Warn(check, found, "a join uses the other controllers, after it has tried this one");
+      findings.Warn(check, found, "the other controllers are used, after this one was tried");
     } else {
-      report.Fail(check, found, "see to the name, the route and the firewall between");
+      findings.Fail(check, found, "see to the name, the route and the firewall between");
     }
   }
 }
 
-void CheckClock(Subject& subject, Report& report) {
+void CheckClock(Subject& subject, Findings& findings) {
   for (const Controller& controller : subject.controllers) {
     if (!controller.reached) continue;
     // Before anything is protected: with a clock that is off, no certificate may be valid.
@@ -209,8 +195,8 @@ void CheckClock(Subject& subject, Report& report) {
     }
     const std::time_t now = std::time(nullptr);
     if (strptime(text.c_str(), "%Y%m%d%H%M%S", &parts) == nullptr) {
-      report.Warn(check, "cannot be had: " + (why.empty() ? "no currentTime" : why),
-                  "compare the clocks by hand");
+      findings.Warn(check, "cannot be had: " + (why.empty() ? "no currentTime" : why),
+                    "compare the clocks by hand");
       continue;
     }
     const std::int64_t behind = now - timegm(&parts);
@@ -218,15 +204,17 @@ void CheckClock(Subject& subject, Report& report) {
     std::string found =
         std::to_string(offset) + " s " + (behind < 0 ? "ahead of" : "behind") + " this machine's";
     constexpr char kRemedy[] = "set the clock from the domain (NTP)";
-    const std::int64_t most = tavrel::KrbTicketValidator::kMaxOffsetSeconds;
+    const std::int64_t most = KrbTicketValidator::kMaxOffsetSeconds;
     if (offset == 0) found = "the same as this machine's";
     if (offset > most / 2) found += ", " + std::to_string(most) + " s is the most";
     if (offset > most) {
-      report.Fail(check, found, kRemedy);
+      findings.Fail(check, found, kRemedy);
     } else if (offset > most / 2) {
-      report.Warn(check, found, kRemedy);
+      findings.Warn(check, found, kRemedy);
     } else {
-      report.Ok(check, found);
+      findings.Ok(check, found);
     }
   }
 }
+
+}  // namespace tavrel::tools

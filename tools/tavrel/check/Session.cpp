@@ -1,5 +1,6 @@
-#include "Session.h"
+#include "tavrel/check/Session.h"
 
+namespace tavrel::tools {
 namespace {
 
 constexpr int kAnswerSeconds = 10;
@@ -12,7 +13,7 @@ std::string Name(const Controller& controller) {
   return controller.host + ":" + std::to_string(controller.port);
 }
 
-std::string Join(const std::vector<std::string>& parts) {
+std::string Listed(const std::vector<std::string>& parts) {
   std::string text;
   for (const std::string& part : parts)
     text += (text.empty() ? "" : ", ") + part;
@@ -89,3 +90,5 @@ std::string GetValue(LDAP* session, LDAPMessage* entry, const char* attribute) {
   const std::vector<std::string> values = GetValues(session, entry, attribute);
   return values.empty() ? "" : values.front();
 }
+
+}  // namespace tavrel::tools

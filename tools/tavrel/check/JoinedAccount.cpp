@@ -1,13 +1,14 @@
-// Checks of the administrator, and of the account to be made.
+// Checks of the administrator who joins, and of the account that a join uses or makes.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
-#include "Checks.h"
-#include "Session.h"
+#include "tavrel/check/Checks.h"
+#include "tavrel/check/Session.h"
 
+namespace tavrel::tools {
 namespace {
 
 // Why a controller refuses a bind that it calls "Invalid credentials" only: the code stands in its
@@ -52,40 +53,40 @@ std::string FilterValue(const std::string& text) {
 
 // With which of the account's keys the KDC seals users' tickets. A controller takes the strongest
 // that it may, so AES beside RC4 is as good as AES alone.
-void CheckAccountEnctypes(const std::string& value, Report& report) {
+void CheckAccountEnctypes(const std::string& value, Findings& findings) {
   constexpr long kRc4 = 0x4, kAes = 0x18;
   const std::string check = "account enctypes";
   const std::string remedy = "set msDS-SupportedEncryptionTypes of the account to 4 or 36";
   const long types = std::atol(value.c_str());
   if (types == 0) {
-    report.Warn(check, "not set: users can sign in where controllers then take arcfour-hmac",
-                remedy);
+    findings.Warn(check, "not set: users can sign in where controllers then take arcfour-hmac",
+                  remedy);
   } else if ((types & kRc4) == 0 || (types & kAes) != 0) {
-    report.Fail(check,
-                value +
-                    ": users' tickets are not of the machine's arcfour-hmac key, so nobody "
-                    "can sign in",
-                remedy);
+    findings.Fail(check,
+                  value +
+                      ": users' tickets are not of the machine's arcfour-hmac key, so nobody "
+                      "can sign in",
+                  remedy);
   } else {
-    report.Ok(check, value);
+    findings.Ok(check, value);
   }
 }
 
 }  // namespace
 
-void CheckBind(Subject& subject, Report& report) {
+void CheckBind(Subject& subject, Findings& findings) {
   const std::string& user = subject.join.user;
   bool refused = false;
   for (Controller& controller : subject.controllers) {
     if (!controller.session) continue;
     const std::string check = "bind to " + Name(controller);
     if (subject.join.password.empty()) {
-      report.Warn(check, "not tried, there is no password", "give it on standard input");
+      findings.Warn(check, "not tried, there is no password", "give it on standard input");
       continue;
     }
     if (refused) {
-      report.Warn(check, "not tried, another controller has refused",
-                  "every try counts towards a lockout");
+      findings.Warn(check, "not tried, another controller has refused",
+                    "every try counts towards a lockout");
       continue;
     }
     berval credentials;
@@ -95,21 +96,21 @@ void CheckBind(Subject& subject, Report& report) {
                                       &credentials, nullptr, nullptr, nullptr);
     controller.bound = code == LDAP_SUCCESS;
     if (controller.bound) {
-      report.Ok(check, user + " is accepted");
+      findings.Ok(check, user + " is accepted");
       continue;
     }
     refused = code == LDAP_INVALID_CREDENTIALS;
     const std::string explanation = Explain(controller.session.get(), code);
     const Refusal* const refusal = FindRefusal(explanation);
     if (refusal != nullptr) {
-      report.Fail(check, user + ": " + refusal->meaning + ": " + explanation, refusal->remedy);
+      findings.Fail(check, user + ": " + refusal->meaning + ": " + explanation, refusal->remedy);
     } else {
-      report.Fail(check, user + ": " + explanation, "see what the controller says");
+      findings.Fail(check, user + ": " + explanation, "see what the controller says");
     }
   }
 }
 
-void CheckAccount(Subject& subject, Report& report) {
+void CheckJoinedAccount(Subject& subject, Findings& findings) {
   LDAP* session = nullptr;
   for (const Controller& controller : subject.controllers) {
     if (controller.bound && session == nullptr) session = controller.session.get();
@@ -131,18 +132,18 @@ void CheckAccount(Subject& subject, Report& report) {
     if (!host.empty()) found += ", for " + host;
     if ((flags & 2) != 0) found += ", disabled: a join enables it";
     if (subject.keytab_has_key) {
-      report.Ok(check, found + "; the keytab has a key of it");
+      findings.Ok(check, found + "; the keytab has a key of it");
     } else {
-      report.Warn(check,
-                  found + "; no key of it was found in the keytab, so a join gives it a new one",
-                  "see that no other machine uses it: that one would be out of the domain");
+      findings.Warn(check,
+                    found + "; no key of it was found in the keytab, so a join gives it a new one",
+                    "see that no other machine uses it: that one would be out of the domain");
     }
-    CheckAccountEnctypes(GetValue(session, entry, "msDS-SupportedEncryptionTypes"), report);
+    CheckAccountEnctypes(GetValue(session, entry, "msDS-SupportedEncryptionTypes"), findings);
     return;
   }
   if (code != LDAP_NO_SUCH_OBJECT) {
-    report.Fail(check, "cannot be looked up: " + Explain(session, code),
-                "let the administrator read the Computers container");
+    findings.Fail(check, "cannot be looked up: " + Explain(session, code),
+                  "let the administrator read the Computers container");
     return;
   }
 
@@ -156,16 +157,16 @@ void CheckAccount(Subject& subject, Report& report) {
   entry = FirstEntry(session, other);
   if (entry != nullptr) {
     char* const dn = ldap_get_dn(session, entry);
-    report.Fail(check,
-                "cannot be made: its name or service names belong to " + std::string(dn ? dn : "?"),
-                "remove that account, move it to the Computers container, or name the machine "
-                "differently");
+    findings.Fail(
+        check, "cannot be made: its name or service names belong to " + std::string(dn ? dn : "?"),
+        "remove that account, move it to the Computers container, or name the machine "
+        "differently");
     ldap_memfree(dn);
     return;
   }
   if (code != LDAP_SUCCESS) {
-    report.Fail(check, "cannot be looked up: " + Explain(session, code),
-                "let the administrator read the domain");
+    findings.Fail(check, "cannot be looked up: " + Explain(session, code),
+                  "let the administrator read the domain");
     return;
   }
 
@@ -178,12 +179,14 @@ void CheckAccount(Subject& subject, Report& report) {
       entry != nullptr ? GetValues(session, entry, "allowedChildClassesEffective")
                        : std::vector<std::string>();
   if (std::find(classes.begin(), classes.end(), "computer") == classes.end()) {
-    report.Warn(
+    findings.Warn(
         check,
         "does not exist, and " + subject.join.user + " has no right to make computers in " +
             container,
         "use an administrator; others are at best allowed a few by ms-DS-MachineAccountQuota");
   } else {
-    report.Ok(check, "does not exist; a join makes it");
+    findings.Ok(check, "does not exist; a join makes it");
   }
 }
+
+}  // namespace tavrel::tools

@@ -8,9 +8,10 @@
 #include <ctime>
 #include <utility>
 
-#include "Checks.h"
-#include "Session.h"
+#include "tavrel/check/Checks.h"
+#include "tavrel/check/Session.h"
 
+namespace tavrel::tools {
 namespace {
 
 using Certificate = std::unique_ptr<X509, FreeWith<X509_free>>;
@@ -47,7 +48,7 @@ std::string Names(X509* certificate) {
     }
   }
   GENERAL_NAMES_free(list);
-  return names.empty() ? "nobody" : Join(names);
+  return names.empty() ? "nobody" : Listed(names);
 }
 
 std::string Date(const ASN1_TIME* time) {
@@ -75,40 +76,43 @@ std::string Flaw(X509* certificate, const std::string& host) {
 
 }  // namespace
 
-void CheckCertificate(Subject& subject, Report& report) {
+void CheckCertificate(Subject& subject, Findings& findings) {
   for (Controller& controller : subject.controllers) {
     if (!controller.reached) continue;
     const std::string check = "certificate of " + Name(controller);
     std::string why;
     Session unverified = Open(controller, Protection::kUnverified, why);
     if (!unverified) {
-      report.Fail(check, why, "give the controller a certificate");
+      findings.Fail(check, why, "give the controller a certificate");
       continue;
     }
     const Certificate certificate = PeerCertificate(unverified.get());
     if (!certificate) {
-      report.Fail(check, "none", "give the controller a certificate");
+      findings.Fail(check, "none", "give the controller a certificate");
       continue;
     }
     const std::string flaw = Flaw(certificate.get(), controller.host);
     const std::string found = Describe(certificate.get());
     if (controller.ca_file.empty()) {
       controller.session = std::move(unverified);
-      report.Warn(check, "not verified; " + found + (flaw.empty() ? "" : "; " + flaw),
-                  "configure the controllers with a CA file: anybody could answer in their place");
+      findings.Warn(
+          check, "not verified; " + found + (flaw.empty() ? "" : "; " + flaw),
+          "configure the controllers with a CA file: anybody could answer in their place");
       continue;
     }
     controller.session = Open(controller, Protection::kVerified, why);
     if (controller.session) {
-      report.Ok(check, "verified; " + found);
+      findings.Ok(check, "verified; " + found);
     } else if (access(controller.ca_file.c_str(), R_OK) != 0) {
-      report.Fail(check, controller.ca_file + ": " + std::strerror(errno), "name the CA file");
+      findings.Fail(check, controller.ca_file + ": " + std::strerror(errno), "name the CA file");
     } else if (!flaw.empty()) {
-      report.Fail(check, flaw + "; " + found,
-                  "use a name that the certificate has, or renew it; see the clock as well");
+      findings.Fail(check, flaw + "; " + found,
+                    "use a name that the certificate has, or renew it; see the clock as well");
     } else {
-      report.Fail(check, "not signed by " + controller.ca_file + "; " + found,
-                  "name the file of the authority that signed it");
+      findings.Fail(check, "not signed by " + controller.ca_file + "; " + found,
+                    "name the file of the authority that signed it");
     }
   }
 }
+
+}  // namespace tavrel::tools

@@ -1,6 +1,6 @@
 // Sessions with controllers, and what they answer.
-#ifndef EXAMPLES_PREFLIGHT_SESSION_H
-#define EXAMPLES_PREFLIGHT_SESSION_H
+#ifndef TAVREL_TOOLS_TAVREL_CHECK_SESSION_H
+#define TAVREL_TOOLS_TAVREL_CHECK_SESSION_H
 
 #include <ldap.h>
 
@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Checks.h"
+#include "tavrel/check/Checks.h"
+
+namespace tavrel::tools {
 
 // Frees what a C library handed out.
 template <auto Free>
@@ -32,7 +34,7 @@ enum class Protection {
 std::string Name(const Controller& controller);
 
 // The parts, with commas between.
-std::string Join(const std::vector<std::string>& parts);
+std::string Listed(const std::vector<std::string>& parts);
 
 // What the library says of the last operation, and behind it what the server said.
 std::string Explain(LDAP* session, int code);
@@ -51,5 +53,7 @@ std::vector<std::string> GetValues(LDAP* session, LDAPMessage* entry, const char
 
 // The first of them; empty when there is none.
 std::string GetValue(LDAP* session, LDAPMessage* entry, const char* attribute);
+
+}  // namespace tavrel::tools
 
 #endif
