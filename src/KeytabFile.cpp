@@ -65,17 +65,18 @@ std::uint32_t HostOrder(std::uint32_t number) {
   return ntohl(number);
 }
 
-// Reads the numbers of a file, a block at a time.
+// Reads the numbers of a file, from its start to its end, a block at a time.
 class Numbers {
  public:
   Numbers(const File& file, std::int64_t size) : file_(file), size_(size) {}
 
-  // False when the file ends first, or when it cannot be read; Error() is then not 0.
+  // False when the file ends first, or when it cannot be read; Error() is then not 0. `at` is never
+  // before that of an earlier call.
   template <typename Number>
   bool Read(std::int64_t at, Number& number) {
     constexpr auto kWidth = static_cast<std::int64_t>(sizeof number);
     if (at + kWidth > size_) return false;
-    if (at < first_ || at + kWidth > last_) {
+    if (at + kWidth > last_) {
       first_ = at;
       last_ = std::min(at + static_cast<std::int64_t>(block_.size()), size_);
       const auto wanted = static_cast<std::size_t>(last_ - first_);

@@ -21,10 +21,12 @@
 
 namespace {
 
-bool is_terminal = false;  // what the platform takes standard error for
+bool is_terminal = false;     // what the platform takes standard error for
+bool shows_priority = false;  // of what syslog gets
 
 // What syslog gets goes to standard error where a test looks at it.
-void ToStandardError(const char* format, va_list arguments) {
+void ToStandardError(int priority, const char* format, va_list arguments) {
+  if (shows_priority) std::fprintf(stderr, "<%d>", priority);
   std::vfprintf(stderr, format, arguments);
   std::fputc('\n', stderr);
 }
@@ -34,17 +36,17 @@ void ToStandardError(const char* format, va_list arguments) {
 extern "C" int isatty(int) {
   return is_terminal ? 1 : 0;
 }
-extern "C" void syslog(int, const char* format, ...) {
+extern "C" void syslog(int priority, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  ToStandardError(format, arguments);
+  ToStandardError(priority, format, arguments);
   va_end(arguments);
 }
 // What the library calls in its place where it is fortified.
-extern "C" void __syslog_chk(int, int, const char* format, ...) {
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  ToStandardError(format, arguments);
+  ToStandardError(priority, format, arguments);
   va_end(arguments);
 }
 
@@ -192,9 +194,22 @@ TEST(PlatformLoggerDeathTest, CutsNoRecordThatFits) {
               "x\\.\\.\\. \\(cut, of " + std::to_string(text.size() + 1) + " bytes\\)\n$");
 }
 
+// 80 is the facility of authentication; 7, 5, 4 and 3 are the priorities (RFC 5424, 6.2.1).
 TEST(PlatformLoggerDeathTest, HandsSyslogTheRecordWithoutTheTime) {
-  EXPECT_EXIT(LogEveryLevel("4", "te%sxt", "syslog"), ExitedWithCode(0),
-              "^some-category File.cpp:7 Method: te%sxt\n$");
+  const std::string record = ">some-category File.cpp:7 Method: te%sxt\n";
+  shows_priority = true;
+  EXPECT_EXIT(LogEveryLevel("1", "te%sxt", "syslog"), ExitedWithCode(0),
+              "^<87" + record + "<85" + record + "<84" + record + "<83" + record + "$");
+  shows_priority = false;
+}
+
+TEST(PlatformLoggerDeathTest, ColoursTheLinesOfATerminal) {
+  is_terminal = true;
+  EXPECT_EXIT(LogEveryLevel("1", "text"), ExitedWithCode(0),
+              "^\x1b\\[2m" TIME "detail .* text\x1b\\[0m\n" TIME
+              "notice .* text\x1b\\[0m\n\x1b\\[33m" TIME "warning .* text\x1b\\[0m\n\x1b\\[31m" TIME
+              "error .* text\x1b\\[0m\n$");
+  is_terminal = false;
 }
 
 TEST(PlatformLoggerDeathTest, TakesALevelThatItDoesNotKnowForAnError) {

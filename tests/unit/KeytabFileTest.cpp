@@ -216,6 +216,13 @@ TEST_F(ADamagedFile, WithALengthThatIsTooSmallIsLeftAlone) {
 TEST_F(ADamagedFile, WithAnEntryInItsMidstThatCannotBeReadIsLeftAlone) {
   RefusesToAddTo(kVersion + Length(30) + std::string(30, '\0') + EntryOf(kHere));
   RefusesToAddTo(kVersion + EntryOf(kHere) + Length(30) + "\x7F" + std::string(29, '\x7F'));
+  const std::string entry =
+      EntryOf(kHere).substr(4);  // the realm's length at 2, the key's 22 from its end
+  const std::string unreadable[] = {
+      entry.substr(0, 2) + std::string("\x80\0", 2) + std::string(0x8000, 'r') + entry.substr(20),
+      entry.substr(0, entry.size() - 22) + std::string(6, '\0')};
+  for (const std::string& content : unreadable)
+    RefusesToAddTo(kVersion + Length(static_cast<std::int32_t>(content.size())) + content);
 }
 
 // libkrb5 reckons in 32 bits where the next entry starts.
@@ -286,7 +293,7 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
     EXPECT_EQ(scratch.Bytes(), bytes);
   };
   const auto broken = [](auto...) {
-    errno = EIO;
+    errno = ENODEV;
     return -1;
   };
 
@@ -304,15 +311,22 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
   }
   {
     const StandIn locked(calls::fcntl, broken);
-    fails("Input/output error");
+    fails("No such device");
+  }
+  {
+    const StandIn locked(calls::fcntl, [](auto...) {
+      errno = EINVAL;
+      return -1;
+    });
+    fails("Invalid argument");
   }
   {
     const StandIn measured(calls::lseek, broken);
-    fails("Input/output error");
+    fails("No such device");
   }
   {
     const StandIn read(calls::pread, broken);
-    fails("Input/output error");
+    fails("No such device");
   }
   {
     const StandIn read_in_part(calls::pread, [](auto...) { return 1; });
@@ -320,8 +334,17 @@ TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
   }
   {
     const StandIn shortened(calls::ftruncate, broken);
-    fails("Input/output error");
+    fails("No such device");
   }
+}
+
+TEST(ADamagedFileForWriting, IsMendedAsWell) {
+  ScratchKeytab scratch("WRFILE");
+  std::ofstream(scratch.Path()) << "\5";
+
+  EXPECT_TRUE(scratch.keytab.WriteKey(kPassword, nullptr));
+
+  EXPECT_THAT(scratch.Bytes(), StartsWith(kVersion));
 }
 
 // As libkrb5 does where open files cannot be locked.

@@ -140,6 +140,11 @@ void Check(const Scenario& scenario, const std::string& realm_domain, bool holds
     EXPECT_THAT(log.Notable(), testing::ElementsAreArray(scenario.log));
     EXPECT_EQ(domain.Held(), 0);
     EXPECT_THAT(domain.Passwords(), Each(machine_password));
+    for (const std::string& line : domain.ldap.Lines()) {
+      if (line.rfind("ldap_sasl_bind_s", 0) == 0) {
+        EXPECT_THAT(line, HasSubstr(" 'Administrator' simple 'Admin.Pass.1'"));
+      }
+    }
     EXPECT_THAT(log.Lines(), Each(Not(HasSubstr(machine_password))));
     EXPECT_THAT(log.Lines(), Each(Not(HasSubstr("Admin.Pass.1"))));
   }

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <fstream>
@@ -17,6 +19,21 @@
 #include "KrbSettings.h"
 #include "LogCapture.h"
 #include "tavrel/KrbError.h"
+
+namespace {
+
+int interruptions = 0;  // of those who wait for a signal
+
+}  // namespace
+
+extern "C" int sigtimedwait(const sigset_t* signals, siginfo_t* about, const timespec* time) {
+  if (interruptions == 0) {
+    return static_cast<int>(syscall(SYS_rt_sigtimedwait, signals, about, time, (NSIG - 1) / 8));
+  }
+  --interruptions;
+  errno = EINTR;
+  return -1;
+}
 
 namespace tavrel::tests {
 namespace {
@@ -283,6 +300,35 @@ TEST(ARealm, PutsOffTheCancellationOfItsThreadAndBrokenPipesAloneOfItsSignals) {
   looks("Authenticate", before, [&] { realm.Authenticate(token.data(), 12); });
 
   pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+}
+
+// A join whose peer hangs up fetches the signal that it blocked, and not one that was pending
+// before.
+TEST(ARealm, LeavesTheBrokenPipeOfItsHostPendingAndNoneOfItsOwn) {
+  const KrbSettings settings;
+  const StandIn hung_up(calls::ldap_initialize, [](auto...) {
+    raise(SIGPIPE);
+    return LDAP_SERVER_DOWN;
+  });
+  Realm realm("corp.example.com", {{"dc1", vdi::LDAP_ENCRYPTION_NONE, ""}}, "Admin", "Admin.Pass.1",
+              "MEMORY:pipe");
+  sigset_t pipes;
+  sigemptyset(&pipes);
+  sigaddset(&pipes, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipes, nullptr);
+  for (const bool is_the_hosts : {false, true}) {
+    LogCapture log;
+    if (is_the_hosts) raise(SIGPIPE);
+    interruptions = 2;
+
+    realm.Join(nullptr);
+
+    EXPECT_EQ(interruptions, is_the_hosts ? 2 : 0);
+    interruptions = 0;
+    const timespec at_once{};
+    EXPECT_EQ(sigtimedwait(&pipes, nullptr, &at_once), is_the_hosts ? SIGPIPE : -1);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &pipes, nullptr);
 }
 
 // libldap waits for an answer, with locks taken, when the thread is cancelled.
