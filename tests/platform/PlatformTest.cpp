@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -240,7 +241,10 @@ TEST(PlatformLogger, WritesNoRecordIntoAFileThatTookTheNumberOfAClosedStandardFi
       setenv("TAVREL_TEST_HOST", "", 1);
       for (const int file : closed)
         close(file);
-      execl("/proc/self/exe", "host", nullptr);
+      const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+      const char* const emulator = std::getenv("TAVREL_EMULATOR");  // of the processor it is for
+      if (emulator != nullptr) execl(emulator, emulator, self.c_str(), nullptr);
+      execl(self.c_str(), "host", nullptr);
       _exit(2);
     }
     int status = -1;
