@@ -80,7 +80,7 @@ std::string RepeatKey(const Question& question, std::string_view token) {
   const std::string client = question.client ? question.client->Text() : "";
   std::string parts;
   for (const std::string_view part :
-       {question.request, token, question.host, std::string_view(client)}) {
+       {question.request, token, question.host, std::string_view{client}}) {
     parts += std::to_string(part.size()) + ":";
     parts += part;
   }

@@ -112,43 +112,39 @@ SquidServer::~SquidServer() {
 }
 
 void SquidServer::Run() {
-  struct Helper {
-    int socket;
-    std::string buffer;
-  };
   std::list<Helper> helpers;
   std::vector<pollfd> polled;
-  const auto serve = [&](Helper& helper) {
-    if (!Read(helper.socket, helper.buffer)) return false;
-    std::string line;
-    while (TakeLine(helper.buffer, line)) {
-      // A helper that does not take an answer of its own question has a full socket: it is broken.
-      if (!WriteAll(helper.socket, AnswerSquid(line, gate_, metrics_) + "\n")) return false;
-    }
-    return helper.buffer.size() <= kLongestLine;
-  };
-  for (;;) {
+  do {
     polled.assign({{wake_, POLLIN, 0}, {listener_, POLLIN, 0}});
     for (const Helper& helper : helpers)
       polled.push_back({helper.socket, POLLIN, 0});
     if (poll(polled.data(), polled.size(), -1) == -1) continue;
     auto helper = helpers.begin();
     for (std::size_t i = 2; i < polled.size(); ++i) {
-      if (polled[i].revents != 0 && !serve(*helper)) {
+      if (polled[i].revents != 0 && !Serve(*helper)) {
         close(helper->socket);
         helper = helpers.erase(helper);
       } else {
         ++helper;
       }
     }
-    if ((polled[0].revents & POLLIN) != 0) break;
     if ((polled[1].revents & POLLIN) != 0) {
       const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (socket != -1) helpers.push_back({socket, ""});
     }
-  }
+  } while ((polled[0].revents & POLLIN) == 0);
   for (const Helper& helper : helpers)
     close(helper.socket);
+}
+
+bool SquidServer::Serve(Helper& helper) const {
+  if (!Read(helper.socket, helper.buffer)) return false;
+  std::string line;
+  while (TakeLine(helper.buffer, line)) {
+    // A helper that does not take an answer of its own question has a full socket: it is broken.
+    if (!WriteAll(helper.socket, AnswerSquid(line, gate_, metrics_) + "\n")) return false;
+  }
+  return helper.buffer.size() <= kLongestLine;
 }
 
 // --- the helper

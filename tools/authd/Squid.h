@@ -28,7 +28,12 @@ class SquidServer {
   ~SquidServer();
 
  private:
+  struct Helper {
+    int socket;
+    std::string buffer;
+  };
   void Run();
+  bool Serve(Helper& helper) const;  // false when the connection is over
 
   const int listener_;
   Gate* const gate_;

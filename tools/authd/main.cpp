@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <initializer_list>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -28,9 +29,8 @@
 #include "authd/Systemd.h"
 #include "common/Text.h"
 
+namespace tavrel::tools {
 namespace {
-
-using namespace tavrel::tools;
 
 constexpr int kUsage = 64;
 constexpr int kConfig = 78;
@@ -105,6 +105,33 @@ void Reload(const Config& config, Gate& gate) {
   Notify("STATUS=");
 }
 
+// Nothing is to be started without a listener.
+bool StartHttp(int listener, const HttpLimits& limits, HttpServer::Handler handler,
+               std::unique_ptr<HttpServer>& server) {
+  if (listener == -1) return true;
+  server = HttpServer::Start(listener, limits, std::move(handler));
+  return server != nullptr;
+}
+
+// Returns when the daemon is to end. Until then it reads anew what has changed, and ends
+// connections whose time is over.
+void WatchUntilTerm(const Config& config, const sigset_t& signals, Gate& gate,
+                    std::initializer_list<HttpServer*> servers) {
+  std::string stamp = Stamp(config.session_keys);
+  const timespec second = {1, 0};
+  for (;;) {
+    const int signal = sigtimedwait(&signals, nullptr, &second);
+    if (signal == SIGTERM || signal == SIGINT) return;
+    for (HttpServer* server : servers) {
+      if (server != nullptr) server->EndOverdue();
+    }
+    std::string changed = Stamp(config.session_keys);
+    if (signal != SIGHUP && changed == stamp) continue;
+    stamp = std::move(changed);
+    Reload(config, gate);
+  }
+}
+
 int Serve(const std::string& config_file, bool check_only) {
   std::string error;
   const auto text = ReadFile(config_file, kLargestFile, &error);
@@ -113,10 +140,10 @@ int Serve(const std::string& config_file, bool check_only) {
   if (!config) return Complain(error, kConfig);
   const auto rules = ReadRules(*config, &error);
   if (rules == nullptr) return Complain(error, kConfig);
-  tavrel::plus::AcceptorOptions options = config->acceptor;
+  plus::AcceptorOptions options = config->acceptor;
   // The replay file would belong to whoever checks.
   if (check_only) options.replay_protection = false;
-  auto acceptor = tavrel::plus::Acceptor::Make(options, &error);
+  auto acceptor = plus::Acceptor::Make(options, &error);
   if (acceptor == nullptr) return Complain(error, kConfig);
   if (check_only) return 0;
 
@@ -143,33 +170,19 @@ int Serve(const std::string& config_file, bool check_only) {
   std::unique_ptr<HttpServer> front_server;
   std::unique_ptr<HttpServer> status_server;
   std::unique_ptr<SquidServer> squid_server;
-  if (http != -1) {
-    front_server = HttpServer::Start(
-        http, config->limits, [&](const HttpRequest& request) { return front.Serve(request); });
-    if (front_server == nullptr) return Complain("libmicrohttpd does not start", 1);
-  }
-  if (status != -1) {
-    status_server = HttpServer::Start(status, config->limits, [&](const HttpRequest& request) {
-      return ServeStatus(request, metrics);
-    });
-    if (status_server == nullptr) return Complain("libmicrohttpd does not start", 1);
-  }
+  const bool started =
+      StartHttp(
+          http, config->limits, [&](const HttpRequest& request) { return front.Serve(request); },
+          front_server) &&
+      StartHttp(
+          status, config->limits,
+          [&](const HttpRequest& request) { return ServeStatus(request, metrics); }, status_server);
+  if (!started) return Complain("libmicrohttpd does not start", 1);
   if (squid != -1) squid_server = std::make_unique<SquidServer>(squid, &gate, &metrics);
   Write(Record("info", "ready"));
   Notify("READY=1");
+  WatchUntilTerm(*config, signals, gate, {front_server.get(), status_server.get()});
 
-  std::string stamp = Stamp(config->session_keys);
-  const timespec second = {1, 0};
-  for (;;) {
-    const int signal = sigtimedwait(&signals, nullptr, &second);
-    if (signal == SIGTERM || signal == SIGINT) break;
-    if (front_server) front_server->EndOverdue();
-    if (status_server) status_server->EndOverdue();
-    std::string changed = Stamp(config->session_keys);
-    if (signal != SIGHUP && changed == stamp) continue;
-    stamp = std::move(changed);
-    Reload(*config, gate);
-  }
   Notify("STOPPING=1");
   Write(Record("info", "ending"));
   if (front_server) front_server->Drain(kDrain);
@@ -248,11 +261,12 @@ int Run(int argc, char** argv) {
 }
 
 }  // namespace
+}  // namespace tavrel::tools
 
 int main(int argc, char** argv) {
   try {
-    return Run(argc, argv);
+    return tavrel::tools::Run(argc, argv);
   } catch (const std::exception& error) {
-    return Complain(error.what(), 1);
+    return tavrel::tools::Complain(error.what(), 1);
   }
 }

@@ -40,17 +40,17 @@ class Printer {
     std::cout << label << ": " << Escaped(value, false) << '\n';
   }
   static void Line(std::string_view name, const char* value) {
-    Line(name, std::string_view(value));
+    Line(name, std::string_view{value});
   }
   static void Line(std::string_view name, std::int64_t value) {
-    Line(name, std::string_view(std::to_string(value)));
+    Line(name, std::string_view{std::to_string(value)});
   }
   static void Line(std::string_view name, bool value) {
     Line(name, std::string_view(value ? "yes" : "no"));
   }
   static void Line(std::string_view name, const std::vector<std::string>& values) {
     for (const std::string& value : values)
-      Line(name, std::string_view(value));
+      Line(name, std::string_view{value});
   }
 
   const bool json_;

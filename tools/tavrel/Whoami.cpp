@@ -69,6 +69,7 @@ std::string TokenIn(std::string_view input) {
 
 std::vector<std::string> Texts(const std::vector<plus::GroupMembership>& groups) {
   std::vector<std::string> texts;
+  texts.reserve(groups.size());
   for (const plus::GroupMembership& group : groups) {
     texts.push_back(group.sid.ToText() + (group.Grants() ? "" : " (grants nothing)"));
   }

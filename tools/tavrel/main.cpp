@@ -5,9 +5,8 @@
 
 #include "tavrel/Command.h"
 
+namespace tavrel::tools {
 namespace {
-
-using namespace tavrel::tools;
 
 constexpr Command kCommands[] = {
     {"check", "looks at all that a membership needs, and changes nothing", RunCheck},
@@ -31,9 +30,7 @@ int Usage(std::ostream& to, int status) {
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   const std::string_view name = argc > 1 ? argv[1] : "";
   if (name == "--help") return Usage(std::cout, 0);
   for (const Command& command : kCommands) {
@@ -46,4 +43,11 @@ int main(int argc, char** argv) {
     }
   }
   return Usage(std::cerr, kUsage);
+}
+
+}  // namespace
+}  // namespace tavrel::tools
+
+int main(int argc, char** argv) {
+  return tavrel::tools::Run(argc, argv);
 }
