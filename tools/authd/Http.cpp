@@ -13,9 +13,10 @@
 namespace tavrel::tools {
 namespace {
 
-// Holds a request's header. Proxies are to allow their clients less: what does not fit is answered
-// with status 431 by libmicrohttpd.
-constexpr std::size_t kConnectionMemory = std::size_t{256} * 1024;
+// Holds a request's header, and then its answer's. Proxies are to allow their clients less: what
+// does not fit is answered with status 431 by libmicrohttpd, which fills all of it with zeros after
+// each request.
+constexpr std::size_t kConnectionMemory = std::size_t{128} * 1024;
 
 constexpr unsigned int kLeastThreads = 2;
 
