@@ -36,9 +36,8 @@ KrbSession::Code KrbSession::CopyValues(const char* const* texts, char*** copy) 
 KrbOverrides OverridesFor(const std::vector<std::int32_t>& enctypes) {
   KrbOverrides overrides;
   for (const std::int32_t enctype : enctypes) {
-    char name[64];
-    if (krb5_enctype_to_name(enctype, 1, name, sizeof name) != 0) continue;
-    overrides.enctypes.append(overrides.enctypes.empty() ? "" : " ").append(name);
+    if (krb5_c_valid_enctype(enctype) == 0) continue;
+    overrides.enctypes.push_back(enctype);
     if (enctype == ENCTYPE_ARCFOUR_HMAC) overrides.rc4 = true;
   }
   return overrides;
@@ -64,6 +63,10 @@ std::unique_ptr<KrbSession> KrbSession::Make(const KrbOverrides& overrides, std:
       failed(krb5_init_context_profile(session->overridden_, 0, &session->context_))) {
     return nullptr;
   }
+  // Not a setting: the library would read it anew for each request.
+  std::vector<krb5_enctype> permitted = overrides.enctypes;
+  permitted.push_back(0);
+  if (failed(krb5_set_default_tgs_enctypes(session->context_, permitted.data()))) return nullptr;
   return session;
 }
 
@@ -80,7 +83,6 @@ KrbSession::Code KrbSession::GetValues(void* data, const char* const* names, cha
     std::string_view name;
     const char* value;
   } overrides[] = {{"clockskew", kClockSkew},
-                   {"permitted_enctypes", session->overrides_.enctypes.c_str()},
                    {"allow_rc4", session->overrides_.rc4 ? "true" : "false"}};
   const bool is_default = names[0] != nullptr && std::string_view(names[0]) == "libdefaults" &&
                           names[1] != nullptr && names[2] == nullptr;

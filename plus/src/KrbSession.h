@@ -14,8 +14,8 @@ namespace tavrel::plus {
 
 // Settings of krb5.conf that have no say here, as [libdefaults] has them.
 struct KrbOverrides {
-  std::string enctypes;  // permitted_enctypes
-  bool rc4 = false;      // allow_rc4, which newer libraries ask for
+  std::vector<krb5_enctype> enctypes;  // permitted_enctypes, those that the library knows
+  bool rc4 = false;                    // allow_rc4, which newer libraries ask for
 };
 
 KrbOverrides OverridesFor(const std::vector<std::int32_t>& enctypes);
