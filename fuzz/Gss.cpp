@@ -1,0 +1,70 @@
+#include "Gss.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "Expect.h"
+
+namespace tavrel::fuzz {
+
+using plus::Acceptance;
+using plus::RefusalReason;
+
+namespace {
+
+// The user as GSS-API has it; nothing when it refuses.
+std::optional<std::string> UserByGss(gss_cred_id_t credential, const std::string& token) {
+  gss_ctx_id_t context = GSS_C_NO_CONTEXT;
+  gss_buffer_desc input{token.size(), const_cast<char*>(token.data())};
+  gss_buffer_desc output = GSS_C_EMPTY_BUFFER;
+  gss_buffer_desc text = GSS_C_EMPTY_BUFFER;
+  gss_name_t name = GSS_C_NO_NAME;
+  OM_uint32 minor = 0;
+  const OM_uint32 major =
+      gss_accept_sec_context(&minor, &context, credential, &input, GSS_C_NO_CHANNEL_BINDINGS, &name,
+                             nullptr, &output, nullptr, nullptr, nullptr);
+  std::optional<std::string> user;
+  if (major == GSS_S_COMPLETE && gss_display_name(&minor, name, &text, nullptr) == GSS_S_COMPLETE) {
+    user.emplace(static_cast<const char*>(text.value), text.length);
+  }
+  gss_release_buffer(&minor, &text);
+  gss_release_buffer(&minor, &output);
+  gss_release_name(&minor, &name);
+  gss_delete_sec_context(&minor, &context, GSS_C_NO_BUFFER);
+  return user;
+}
+
+}  // namespace
+
+Judges::Judges() {
+  service.options.require_pac = false;
+  service.options.replay_protection = false;
+  service.options.services = {"HTTP", "x"};
+  setenv("KRB5_KTNAME", service.options.keytab.c_str(), 1);
+  acceptor = service.Make();
+  OM_uint32 minor = 0;
+  gss_acquire_cred(&minor, GSS_C_NO_NAME, GSS_C_INDEFINITE, GSS_C_NO_OID_SET, GSS_C_ACCEPT,
+                   &credential, nullptr, nullptr);
+}
+
+Acceptance Judges::Decide(const std::string& token,
+                          std::initializer_list<RefusalReason> only_here) const {
+  Acceptance result = acceptor->Accept(token);
+  Expect(result.identity.has_value() != result.refusal.has_value(), "accepted or refused");
+  const std::optional<std::string> by_gss = UserByGss(credential, token);
+  if (result) {
+    ExpectEqual(result.identity->client.Text(), by_gss.value_or("nobody"),
+                "who is accepted here is that user to GSS-API");
+    return result;
+  }
+  Expect(!result.refusal->text.empty() && result.refusal->service.size() <= 83,
+         "a refusal has a text, and no long name");
+  if (by_gss) {
+    Expect(std::find(only_here.begin(), only_here.end(), result.refusal->reason) != only_here.end(),
+           std::string("what GSS-API alone accepts is listed: ") + Name(result.refusal->reason) +
+               ": " + result.refusal->text);
+  }
+  return result;
+}
+
+}  // namespace tavrel::fuzz
