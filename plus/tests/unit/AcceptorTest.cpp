@@ -189,6 +189,17 @@ TEST(AnAcceptor, OpensATicketWhoseKeyHasAnotherVersionHere) {
   EXPECT_TRUE(Decision({}, Token(ticket)));
 }
 
+TEST(AnAcceptor, IsNotLockedOutByItsKeyUnderAnotherName) {
+  Service service;
+  ForgedTicket of_another = Ticket();
+  of_another.server = {"OTHER$", "x"};
+  service.options.keytab = service.settings / "others";
+  AddKey(service.options.keytab, of_another);
+  AddKey(service.options.keytab, Ticket());
+
+  EXPECT_TRUE(service.Make()->Accept(Token(TicketWithPac())));
+}
+
 TEST(AnAcceptor, TakesTheEncryptionTypesThatItMayAlone) {
   ForgedTicket ticket = Ticket();
   ticket.etype = ENCTYPE_ARCFOUR_HMAC;
