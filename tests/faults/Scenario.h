@@ -52,22 +52,16 @@ class Case {
 // The result of what throws it. Nothing else may be thrown.
 inline constexpr char kBadAlloc[] = "std::bad_alloc";
 
-// What a scenario ends with.
-struct Expected {
-  std::string result;
-  std::string error;                 // the caller's text, which was "untouched" before
-  std::vector<std::string> records;  // all those above level 1, in order
-};
+// What a run ends with; nothing: nobody takes notice, all is as without a fault. The texts of a
+// failure are the unit tier's: here it is told, and no more.
+using Result = std::optional<std::string>;
 
-// In `error` and `records`, "<why>" stands for the library's text of the failure, "<code>" for its
-// number, "<domain>" and "<keytab>" for those of the run.
 struct Row {
   // Which call failed, see Injector.h: "open"; of several "open#2" or "open#2-4". May be followed
   // by a blank and the failure's name.
   std::string call;
-  std::optional<Expected> once;  // none: nobody takes notice, all is as without a fault
-  std::optional<Expected> then;  // when all later calls fail as well; none: as `once`. Of the
-                                 // records only the first is looked for
+  Result once;
+  Result then;  // when all later calls fail as well; nothing: as `once`
 };
 
 // What may become of a keytab.
@@ -79,8 +73,8 @@ inline constexpr char kRemoved[] = "what it was without the first keys of the ma
 struct Scenario {
   const char* name;
   std::unique_ptr<Case> (*make)();
-  Expected undisturbed;
-  const char* keytab;     // undisturbed; under faults it may also be unchanged, or gain the key
+  std::string result;     // undisturbed, as is what becomes of the keytab
+  const char* keytab;     // under faults it may also be unchanged, or gain the key
   std::vector<Row> rows;  // the first that matches counts; those that say more come first
 };
 

@@ -21,25 +21,22 @@ inline Rows operator+(Rows a, const Rows& b) {
   return a;
 }
 
-// The records of a failure, behind those that are there anyway.
-inline std::vector<std::string> operator+(std::vector<std::string> a,
-                                          const std::vector<std::string>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+// The same for several calls.
+inline Rows Each(const std::vector<std::string>& calls, const Result& once,
+                 const Result& then = {}) {
+  Rows rows;
+  for (const std::string& call : calls)
+    rows.push_back({call, once, then});
+  return rows;
 }
 
 // The calls that look at a keytab file before a key is added, each of which keeps it from being
-// added: `once`, or `then` when all later calls fail as well. It is the `nth` file that is opened,
-// and `transfer` reads it, or writes to it when it is empty; null when there is no file.
-inline Rows LookRows(const char* transfer, int nth, const Expected& once, const Expected& then) {
-  const std::string n = "#" + std::to_string(nth);
-  const Rows rows = {{"krb5_kt_get_name", once, then}, {"open" + n, once, then}};
+// added; `transfer` reads it, or writes to it when it is empty; null when there is no file.
+inline Rows LookRows(const char* transfer, const std::string& result) {
+  const Rows rows = Each({"krb5_kt_get_name", "open"}, result);
   if (transfer == nullptr) return rows;
-  return rows + Rows{{"fcntl EINVAL", {}, then},  // there are locks of another kind
-                     {"fcntl", once, then},
-                     {"lseek", once, then},
-                     {transfer, once, then},
-                     {"close" + n, {}, then}};
+  return rows + Rows{{"fcntl EINVAL", {}, result}} +  // there are locks of another kind
+         Each({"fcntl", "lseek", transfer}, result) + Rows{{"close", {}, result}};
 }
 
 template <typename T>
