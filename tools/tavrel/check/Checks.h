@@ -51,36 +51,36 @@ struct Subject {
 
 // A check writes what it found, and a remedy where something is to be done. It changes nothing. One
 // that cannot be made because of what another one has found writes nothing.
-using Check = void (*)(Subject&, Findings&);
+using Check = void (*)(Subject& subject, Findings& findings);
 
 // Machine.cpp
-void CheckHostName(Subject&, Findings&);
-void CheckKeytabFile(Subject&, Findings&);
-void CheckReplayCache(Subject&, Findings&);
+void CheckHostName(Subject& subject, Findings& findings);
+void CheckKeytabFile(Subject& subject, Findings& findings);
+void CheckReplayCache(Subject& subject, Findings& findings);
 
 // Controllers.cpp
-void CheckLdapCertificates(Subject&, Findings&);
-void CheckLdapTimeLimit(Subject&, Findings&);
-void CheckDiscovery(Subject&, Findings&);
-void CheckReach(Subject&, Findings&);
-void CheckClock(Subject&, Findings&);
+void CheckLdapCertificates(Subject& subject, Findings& findings);
+void CheckLdapTimeLimit(Subject& subject, Findings& findings);
+void CheckDiscovery(Subject& subject, Findings& findings);
+void CheckReach(Subject& subject, Findings& findings);
+void CheckClock(Subject& subject, Findings& findings);
 
 // Certificates.cpp
-void CheckCertificate(Subject&, Findings&);
+void CheckCertificate(Subject& subject, Findings& findings);
 
 // JoinedAccount.cpp
-void CheckBind(Subject&, Findings&);
-void CheckJoinedAccount(Subject&, Findings&);
+void CheckBind(Subject& subject, Findings& findings);
+void CheckJoinedAccount(Subject& subject, Findings& findings);
 
 // EnrolledAccount.cpp
-void CheckEnrolledAccount(Subject&, Findings&);
+void CheckEnrolledAccount(Subject& subject, Findings& findings);
 
 // Kerberos.cpp
-void CheckKerberosSettings(Subject&, Findings&);
-void CheckPermittedEnctypes(Subject&, Findings&);
-void CheckRequestedEnctypes(Subject&, Findings&);
-void CheckKeytabEntries(Subject&, Findings&);
-void CheckKdc(Subject&, Findings&);
+void CheckKerberosSettings(Subject& subject, Findings& findings);
+void CheckPermittedEnctypes(Subject& subject, Findings& findings);
+void CheckRequestedEnctypes(Subject& subject, Findings& findings);
+void CheckKeytabEntries(Subject& subject, Findings& findings);
+void CheckKdc(Subject& subject, Findings& findings);
 
 }  // namespace tavrel::tools
 

@@ -98,7 +98,7 @@ void CheckLdapCertificates(Subject& subject, Findings& findings) {
   }
 }
 
-void CheckLdapTimeLimit(Subject&, Findings& findings) {
+void CheckLdapTimeLimit(Subject& /*subject*/, Findings& findings) {
   const std::string check = "ldap.conf TIMEOUT";
   timeval* limit = nullptr;
   ldap_get_option(nullptr, LDAP_OPT_TIMEOUT, &limit);

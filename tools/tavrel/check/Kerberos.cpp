@@ -98,7 +98,7 @@ const KeytabEntry* Impostor(const std::vector<KeytabEntry>& entries, const std::
 
 }  // namespace
 
-void CheckKerberosSettings(Subject&, Findings& findings) {
+void CheckKerberosSettings(Subject& /*subject*/, Findings& findings) {
   krb5_error_code code = 0;
   if (tools::MakeContext(&code)) {
     findings.Ok("krb5.conf", "well-formed");

@@ -146,7 +146,7 @@ void CheckKeytabFile(Subject& subject, Findings& findings) {
   }
 }
 
-void CheckReplayCache(Subject&, Findings& findings) {
+void CheckReplayCache(Subject& /*subject*/, Findings& findings) {
   krb5_error_code code = 0;
   const Context context = MakeContext(&code);
   if (!context) return;
