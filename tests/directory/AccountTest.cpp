@@ -114,18 +114,6 @@ TEST_F(AccountTest, IsReachedThroughServersThatTheDnsNames) {
 
 // --- lookup --------------------------------------------------------------------------------------
 
-TEST_F(BoundAccountTest, IsAbsentBeforeItIsAdded) {
-  LogCapture log;
-
-  const AccountObject account = Lookup();
-
-  EXPECT_FALSE(account.failed);
-  EXPECT_FALSE(account.exists);
-  EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
-  EXPECT_EQ(error, "");
-  EXPECT_THAT(log.Notable(), IsEmpty());
-}
-
 TEST_F(BoundAccountTest, HasTheFlagsThatTheDirectoryHas) {
   AddAccount({"4098"});
   LogCapture log;
@@ -137,32 +125,6 @@ TEST_F(BoundAccountTest, HasTheFlagsThatTheDirectoryHas) {
   EXPECT_EQ(account.user_account_control, 4098U);
   EXPECT_EQ(account.ldap, joiner.sessions.front().handle);
   EXPECT_THAT(log.Notable(), IsEmpty());
-}
-
-TEST_F(BoundAccountTest, IsTakenForAWorkstationWithoutASingleValue) {
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, "Missing user account controls attribute on "},
-      {{"514", "512"}, "Multiple values found for userAccountControl on "},
-  };
-
-  for (const auto& [flags, warning] : cases) {
-    AddAccount(flags);
-    LogCapture log;
-
-    const AccountObject account = Lookup();
-
-    EXPECT_FALSE(account.failed);
-    EXPECT_TRUE(account.exists);
-    EXPECT_EQ(account.user_account_control, 4096U);
-    EXPECT_THAT(log.Notable(), ElementsAre("3 ldap-join GetAccountObject: " + warning + kDc1));
-    admin.Delete(kDn);
-  }
-}
-
-TEST_F(BoundAccountTest, MakesTheLookupThrowWhenItsFlagsAreNoNumber) {
-  AddAccount({"none"});
-
-  EXPECT_THROW(Lookup(), std::invalid_argument);
 }
 
 TEST_F(BoundAccountTest, IsNotLookedForOnTheServerOfAReferral) {
@@ -178,105 +140,9 @@ TEST_F(BoundAccountTest, IsNotLookedForOnTheServerOfAReferral) {
                                          "Referral"));
 }
 
-TEST_F(BoundAccountTest, IsLookedForOnTheNextSessionWhenASearchFails) {
-  AddAccount({"514"});
-  const JoinParameters blind = Params({Server(kDc1)}, kBlind, kBlindPassword);
-  Joiner both(&blind, &discovery);
-  ASSERT_TRUE(both.Connect(nullptr));
-  both.sessions.push_back(joiner.sessions.front());
-  LogCapture log;
-
-  const AccountObject account = both.GetAccountObject(&error);
-
-  EXPECT_FALSE(account.failed);
-  EXPECT_TRUE(account.exists);
-  EXPECT_EQ(account.user_account_control, 514U);
-  EXPECT_EQ(account.ldap, both.sessions.back().handle);
-  EXPECT_EQ(error, "Insufficient access");
-  EXPECT_THAT(log.Notable(),
-              ElementsAre("4 ldap-join GetAccountObject: LDAP search failed: Insufficient access"));
-}
-
-TEST_F(BoundAccountTest, IsDecidedByTheFirstServerThatAnswers) {
-  Administrator("dc2.corp.example.com")
-      .Add(kDn, {{"objectClass", {"user", "computer"}}, {"userAccountControl", {"512"}}});
-  const JoinParameters two = Params({Server(kDc1), Server("dc2.corp.example.com")});
-  Joiner both(&two, &discovery);
-  ASSERT_TRUE(both.Connect(&error));
-
-  const AccountObject account = both.GetAccountObject(&error);
-
-  EXPECT_FALSE(account.failed);
-  EXPECT_FALSE(account.exists);
-  EXPECT_EQ(account.ldap, both.sessions.front().handle);
-}
-
 // --- creation ------------------------------------------------------------------------------------
 
-TEST_F(BoundAccountTest, IsAddedWithTwelveAttributes) {
-  LogCapture log;
-
-  const AccountObject account = joiner.AddAccountObject(Lookup(), &error);
-
-  EXPECT_FALSE(account.failed) << error;
-  EXPECT_TRUE(account.exists);
-  EXPECT_EQ(account.user_account_control, 4096U);
-  EXPECT_THAT(log.Notable(), IsEmpty());
-  const Object expected = {
-      {"objectClass", {"user", "computer"}},
-      {"userAccountControl", {"4096"}},
-      {"dNSHostName", {"appliance.CORP.EXAMPLE.COM"}},
-      {"cn", {"APPLIANCE"}},
-      {"name", {"APPLIANCE"}},
-      {"sAMAccountName", {"APPLIANCE$"}},
-      {"displayName", {"APPLIANCE"}},
-      {"servicePrincipalName", {"HOST/APPLIANCE", "HOST/appliance.CORP.EXAMPLE.COM"}},
-      {"msDS-SupportedEncryptionTypes", {"4"}},
-      {"instanceType", {"4"}},
-      {"operatingSystem", {"Linux"}},
-      // which this server writes its own way
-      {"objectCategory", {"cn=Computer,cn=Schema,cn=Configuration,dc=CORP,dc=EXAMPLE,dc=COM"}},
-  };
-  EXPECT_EQ(admin.Read(kDn), expected);
-}
-
-TEST_F(BoundAccountTest, IsNotAddedTwice) {
-  AddAccount({"514"});
-  LogCapture log;
-
-  const AccountObject account =
-      joiner.AddAccountObject({false, true, joiner.sessions.front().handle, 514}, &error);
-
-  EXPECT_TRUE(account.failed);
-  EXPECT_FALSE(account.exists);
-  EXPECT_EQ(error, "Already exists");
-  EXPECT_THAT(log.Notable(),
-              ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Already exists"));
-  EXPECT_EQ(Stored("userAccountControl"), "514");
-}
-
 // --- flags and password --------------------------------------------------------------------------
-
-TEST_F(BoundAccountTest, BecomesAnEnabledWorkstationAndKeepsItsOtherFlags) {
-  const std::pair<std::string, std::string> cases[] = {{"514", "4096"},
-                                                       {"4096", "4096"},
-                                                       {"70146", "69632"} /* 0x11202 */,
-                                                       {"66050", "69632"} /* 0x10202 */,
-                                                       {"-1", "4294966781"}};
-
-  for (const auto& [before, after] : cases) {
-    AddAccount({before});
-    const AccountObject account = Lookup();
-    LogCapture log;
-
-    const bool set = joiner.SetProperties(account, &error);
-
-    EXPECT_TRUE(set) << error;
-    EXPECT_EQ(Stored("userAccountControl"), after);
-    EXPECT_THAT(log.Notable(), IsEmpty());
-    admin.Delete(kDn);
-  }
-}
 
 TEST_F(BoundAccountTest, LosesAllButOneOfSeveralFlagValues) {
   AddAccount({"514", "512"});
@@ -323,15 +189,6 @@ TEST_F(AccountTest, IsNotChangedByAUserWhoMayOnlyRead) {
               ElementsAre("4 ldap-join AddAccountObject: LDAP add failed: Insufficient access",
                           "4 ldap-join SetProperties: LDAP modify failed: Insufficient access",
                           "4 ldap-join SetPassword: LDAP modify failed: Insufficient access"));
-}
-
-TEST_F(BoundAccountTest, IsNotChangedWhenItIsNotThere) {
-  const AccountObject absent = Lookup();
-
-  EXPECT_FALSE(joiner.SetProperties(absent, &error));
-
-  EXPECT_EQ(error, "No such object");
-  EXPECT_EQ(admin.Read(kDn), std::nullopt);
 }
 
 }  // namespace

@@ -226,22 +226,6 @@ TEST_P(LdapConf, CanSwitchOffTheVerificationThatAFileOfAuthoritiesAsksFor) {
 
 // --- user and password ---------------------------------------------------------------------------
 
-TEST(LdapConnection, FailsAtTheBindWithAWrongPasswordAndKeepsItsHandle) {
-  Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
-  LogCapture log;
-  std::string error;
-
-  const bool connected = session.Connect(kAdmin, "Wrong.Pass.1", &error);
-
-  EXPECT_FALSE(connected);
-  EXPECT_EQ(error, "Invalid credentials");
-  EXPECT_NE(session.handle, nullptr);
-  EXPECT_THAT(log.Notable(), ElementsAre("3 ldap Connect: LDAP bind failed against ldap://" + kDc1 +
-                                         ": Invalid credentials"));
-  session.Disconnect();
-  EXPECT_EQ(session.handle, nullptr);
-}
-
 TEST(LdapConnection, LeavesTheServerToJudgeNameAndPassword) {
   struct Case {
     std::string user, password, error;
@@ -336,51 +320,6 @@ TEST(LdapConnection, HasTlsOptionsOfItsOwn) {
         << "with '" << the.cert_file << "'";
     sessions.push_back(session);
   }
-}
-
-int Descriptor(const Ldap& session) {
-  int descriptor = -1;
-  ldap_get_option(session.handle, LDAP_OPT_DESC, &descriptor);
-  return descriptor;
-}
-
-bool IsOpen(int descriptor) {
-  return fcntl(descriptor, F_GETFD) != -1 || errno != EBADF;
-}
-
-TEST(LdapConnection, StaysOpenInACopyUntilThatIsDisconnected) {
-  std::list<Ldap> sessions;
-  {
-    Ldap original = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
-    ASSERT_TRUE(original.Connect(kAdmin, kAdminPassword, nullptr));
-    sessions.push_back(original);
-  }
-  Ldap& copy = sessions.back();
-  const int descriptor = Descriptor(copy);
-  berval* identity = nullptr;
-
-  const int answer = ldap_whoami_s(copy.handle, &identity, nullptr, nullptr);
-
-  EXPECT_EQ(answer, LDAP_SUCCESS);
-  ASSERT_NE(identity, nullptr);
-  EXPECT_EQ(std::string(identity->bv_val, identity->bv_len), std::string("dn:") + kAdmin);
-  EXPECT_TRUE(IsOpen(descriptor));
-  copy.Disconnect();
-  EXPECT_FALSE(IsOpen(descriptor));
-  ber_bvfree(identity);
-}
-
-TEST(LdapConnection, IsClosedWithItsSession) {
-  int descriptor = -1;
-
-  for (const char* password : {kAdminPassword, "Wrong.Pass.1"}) {
-    Ldap session = Session({kDc1, LDAP_ENCRYPTION_STARTTLS, "ca.pem"});
-    session.Connect(kAdmin, password, nullptr);
-    descriptor = Descriptor(session);
-    ASSERT_TRUE(IsOpen(descriptor));
-  }
-
-  EXPECT_FALSE(IsOpen(descriptor));
 }
 
 }  // namespace

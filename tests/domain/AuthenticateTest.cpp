@@ -247,19 +247,5 @@ TEST_F(DomainAuthentication, RefusesEveryoneAfterAJoinWithoutAKeytab) {
                              "Key table name malformed\n"}));
 }
 
-TEST_F(DomainAuthentication, RefusesWhatIsNoToken) {
-  NameMachine("noise");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
-  const std::string noise = "NTLMSSP: no Kerberos";
-
-  const Answer answer = Authenticate(realm, {noise.begin(), noise.end()});
-
-  EXPECT_EQ(answer.user, "");
-  EXPECT_EQ(answer.log,
-            "3 krb-realm Authenticate: Not a KRB_AP_REQ\n"
-            "4 krb-keytab APAuthenticate: Error reading AP request: Invalid message type\n");
-}
-
 }  // namespace
 }  // namespace tavrel::tests

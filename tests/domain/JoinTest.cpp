@@ -75,22 +75,6 @@ TEST_F(DomainJoin, AJoinedMachineKeepsItsPasswordAndItsKeytab) {
   EXPECT_EQ(KeytabBytes(), keytab_bytes);
 }
 
-TEST_F(DomainJoin, CanBeRepeatedOnTheSameRealm) {
-  NameMachine("repeated");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
-  const std::string password_state = PasswordState();
-  const std::string keytab_bytes = KeytabBytes();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-  EXPECT_EQ(PasswordState(), password_state);
-  EXPECT_EQ(KeytabBytes(), keytab_bytes);
-}
-
 TEST_F(DomainJoin, ALostKeytabIsMadeAnew) {
   NameMachine("lost");
   JoinedEarlier();
@@ -174,21 +158,6 @@ TEST_F(DomainJoin, AfterItsKeysWereClearedWritesTheCurrentOneAgain) {
   EXPECT_EQ(joined.status, kSuccess);
   EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
   EXPECT_THAT(Entries(), ElementsAre("CLEARED$@CORP.EXAMPLE.COM version 1 enctype 23"));
-}
-
-TEST_F(DomainJoin, ADisabledAccountIsEnabled) {
-  NameMachine("disabled");
-  JoinedEarlier();
-  Scene("disable 'DISABLED$'");
-  ASSERT_EQ(directory.Value(account, "userAccountControl"), "4098");
-  KrbRealm realm = Realm();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-  EXPECT_EQ(directory.Value(account, "userAccountControl"), "4096");
 }
 
 struct Flags {
@@ -281,83 +250,6 @@ TEST_F(DomainJoin, LongNamesThatStartAlikeAreOneAccount) {
   EXPECT_EQ(directory.Value(account, "dNSHostName"), "cluster-node-number-1.CORP.EXAMPLE.COM");
 }
 
-TEST_F(DomainJoin, ADomainInLowerCaseIsTheSameDomain) {
-  NameMachine("lower");
-  domain = "corp.example.com";
-  KrbRealm realm = Realm();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-  EXPECT_EQ(directory.Value(account, "dNSHostName"), "lower.CORP.EXAMPLE.COM");
-}
-
-struct Server {
-  const char* what;
-  const char* scheme;
-  const char* after;  // the name
-  vdi::Ldap_encryption encryption;
-  bool verified;
-};
-class JoinThroughAServer : public JoinScenario, public testing::WithParamInterface<Server> {};
-INSTANTIATE_TEST_SUITE_P(
-    Named, JoinThroughAServer,
-    testing::Values(Server{"Bare", "", "", vdi::LDAP_ENCRYPTION_NONE, false},
-                    Server{"BareAndVerified", "", "", vdi::LDAP_ENCRYPTION_NONE, true},
-                    Server{"WithAPort", "", ":389", vdi::LDAP_ENCRYPTION_LDAPS, false},
-                    Server{"WithLdap", "ldap://", "", vdi::LDAP_ENCRYPTION_STARTTLS, true},
-                    Server{"WithLdaps", "ldaps://", "", vdi::LDAP_ENCRYPTION_LDAPS, true},
-                    Server{"WithLdapsNotVerified", "ldaps://", ":636", vdi::LDAP_ENCRYPTION_LDAPS,
-                           false}),
-    [](const auto& test) { return test.param.what; });
-
-TEST_P(JoinThroughAServer, AsksNoOther) {
-  NameMachine("listed");
-  const Server& server = GetParam();
-  dc = server.scheme + Lab("DC_NAME") + server.after;
-  servers = {{dc, server.encryption, server.verified ? Lab("CA") : ""}};
-  KrbRealm realm = Realm();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-}
-
-TEST_F(DomainJoin, ADeadFirstServerIsPassedOverAndItsReasonStays) {
-  NameMachine("second");
-  JoinedEarlier();
-  dc = Lab("DC_NAME");
-  servers = {{Lab("DEAD_IP"), vdi::LDAP_ENCRYPTION_STARTTLS, ""},
-             {dc, vdi::LDAP_ENCRYPTION_STARTTLS, ""}};
-  KrbRealm realm = Realm();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, "Can't contact LDAP server");
-  EXPECT_EQ(joined.log, Log({"3 ldap Connect: LDAP starttls failed against ldap://10.53.57.40: "
-                             "Can't contact LDAP server\n",
-                             kJoined}));
-}
-
-TEST_F(DomainJoin, EveryServerIsBoundAndTheFirstIsAsked) {
-  NameMachine("both");
-  dc = Lab("DC_IP");
-  servers = {{dc, vdi::LDAP_ENCRYPTION_STARTTLS, Lab("CA")},
-             {"ldaps://" + Lab("DC_NAME"), vdi::LDAP_ENCRYPTION_LDAPS, Lab("CA")}};
-  KrbRealm realm = Realm();
-
-  const Outcome joined = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.error, kNotCreated);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-}
-
 // Announces the dead controller in DNS while it lives.
 class DeadController {
  public:
@@ -391,39 +283,6 @@ TEST_F(DomainJoin, ADeadControllerInDnsIsPassedOverWhereverItStands) {
             Log({"3 ldap Connect: LDAP starttls failed against ldap://dc2.corp.example.com:389: "
                  "Can't contact LDAP server\n",
                  kJoined}));
-}
-
-TEST_F(DomainJoin, ParametersOfTheCallAreUsedOnceInPlaceOfTheRealmsOwn) {
-  NameMachine("others");
-  KrbRealm realm("nowhere.example.com", "nobody", "nothing", keytab);
-  const JoinParameters parameters = Parameters();
-
-  const Outcome joined = Run([&](std::string* error) { return realm.Join(parameters, error); });
-  const Outcome own = Join(realm);
-
-  EXPECT_EQ(joined.status, kSuccess);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-  EXPECT_EQ(own.status, kFailure);
-  EXPECT_EQ(own.error,
-            "Unable to connect to NOWHERE.EXAMPLE.COM: Unable to find ldap host for domain");
-}
-
-TEST_F(DomainJoin, TheAccountStepAloneSetsNoPasswordAndWritesNoKey) {
-  NameMachine("step");
-  KrbRealm realm = Realm();
-  const JoinParameters parameters = Parameters();
-  const DNSDiscoveryService discovery;
-  Joiner joiner(&parameters, &discovery);
-  ASSERT_TRUE(joiner.Connect(nullptr));
-
-  const Outcome joined =
-      Run([&](std::string* error) { return realm.Join(joiner, parameters, error); });
-
-  EXPECT_EQ(joined.status, true);
-  EXPECT_EQ(joined.error, kUntouched);
-  EXPECT_EQ(joined.log, Log({kJoined}));
-  EXPECT_EQ(directory.Value(account, "pwdLastSet"), "0");
-  EXPECT_NE(access(keytab.c_str(), F_OK), 0);
 }
 
 }  // namespace

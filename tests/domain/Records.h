@@ -12,9 +12,6 @@ inline constexpr char kNoKeytab[] =
     "4 krb-keytab HasKey: Error starting keytab sequence: Key table file '{KEYTAB}' not found\n";
 inline constexpr char kKeyRefused[] =
     "4 krb-keytab ASAuthenticate: Error authenticating through keytab: Preauthentication failed\n";
-inline constexpr char kPasswordRefused[] =
-    "4 krb-keytab ASAuthenticate: Error authenticating through password: "
-    "Preauthentication failed\n";
 inline constexpr char kNoPasswordYet[] =
     "4 krb-keytab ASAuthenticate: Error authenticating through password: "
     "KDC has no support for encryption type\n";

@@ -215,16 +215,6 @@ TEST(LdapPeer, ThatClosesBeforeItAnswersFailsThatStepAtOnce) {
   }
 }
 
-TEST(LdapPeer, ThatClosesAtOnceIsAFailureOfTheFirstStep) {
-  Peer peer([](Connection&) {});
-
-  const std::string plain = Join({Plain(peer)});
-  const std::string with_starttls = Join({{peer.Host(), vdi::LDAP_ENCRYPTION_STARTTLS, ""}});
-
-  EXPECT_EQ(plain, BindFailed("Can't contact LDAP server"));
-  EXPECT_EQ(with_starttls, BindFailed("Can't contact LDAP server", "starttls"));
-}
-
 // libldap takes the notice's result code for the answer and has no result to go with it.
 TEST(LdapPeer, ThatGivesNoticeOfDisconnectionWithSuccessFailsTheNextStep) {
   const LdapAnswer notice = [](Connection& peer, const LdapRequest&) {
@@ -342,65 +332,6 @@ TEST(LdapPeer, ThatSendsTenThousandEntriesIsHeardToTheEndAndTheLastOneCounts) {
   EXPECT_THAT(seconds, Le(30 + kBusy));
 }
 
-TEST(LdapPeer, WhoseFlagsAreNoNumberIsALookupThatFailed) {
-  for (const char* flags : {"", "many", "-", " ", "2147483648", "-2147483649",
-                            "99999999999999999999999", "%n%s%s", "\xff\xfe"}) {
-    SCOPED_TRACE(flags);
-    const LdapScript script = {{kSearch, Found({{flags}})}};
-    Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
-
-    const std::string told = Join({Plain(peer)});
-
-    EXPECT_EQ(told, "3, \"" + kNotFound + "stoi\"\n4 krb-realm Join: " + kNotFound + "stoi\n");
-  }
-}
-
-TEST(LdapPeer, WhoseFlagsAreStrangeNumbersGetsThemBackAsAnEnabledWorkstation) {
-  const std::pair<std::string, const char*> strange[] = {
-      {"0", "4096"},
-      {"0x1002", "4096"},
-      {"-1", "4294966781"},
-      {"-2147483648", "2147487744"},
-      {"2147483647", "2147483133"},
-      {"  +4098", "4096"},
-      {"514 and more", "4096"},
-      {std::string("4098\0"
-                   "9",
-                   6),
-       "4096"},
-      {std::string(1 << 20, '0') + "4098", "4096"},
-  };
-  for (const auto& [sent, set] : strange) {
-    SCOPED_TRACE(sent.substr(0, 20));
-    std::string received;
-    const LdapScript script = {{kSearch, Found({{sent}})}, {kModify, Keep(received)}};
-    Peer peer([&](Connection& connection) { ServeLdap(connection, script); });
-
-    const std::string told = Join({Plain(peer)});
-
-    EXPECT_EQ(told, kAllDone);
-    EXPECT_THAT(received, testing::EndsWith(set));
-  }
-}
-
-TEST(LdapPeer, WhoseFlagsAreMissingOrSeveralIsTakenForAnOrdinaryComputer) {
-  const std::string missing =
-      "3 ldap-join GetAccountObject: Missing user account controls attribute on ldap://{PEER}\n";
-  const std::string several =
-      "3 ldap-join GetAccountObject: Multiple values found for userAccountControl on "
-      "ldap://{PEER}\n";
-  const auto told = [](const std::string& warning) {
-    return std::string(kAfterPassword) + warning + kJoined + warning + kNoKdc;
-  };
-  Meet({
-      {"none", {{kSearch, Found({std::vector<std::string>()})}}, told(missing), 2},
-      {"ten thousand",
-       {{kSearch, Found({std::vector<std::string>(10000, "514")})}},
-       told(several),
-       2},
-  });
-}
-
 // --- TLS ---
 
 // Accepts StartTLS, or TLS from the start, and is then an ordinary directory.
@@ -448,15 +379,6 @@ TEST(TlsPeer, IsTrustedByItsAuthorityItsNameAndItsTime) {
       EXPECT_EQ(told_without_authority, url(kAllDone));
     }
   }
-}
-
-TEST(TlsPeer, IsRefusedWhenAnotherAuthorityIsTrusted) {
-  const Certificate certificate, other;
-  Peer peer([&](Connection& connection) { ServeWithTls(connection, certificate, false); });
-
-  const std::string told = Join({{peer.Host(), vdi::LDAP_ENCRYPTION_STARTTLS, other.Authority()}});
-
-  EXPECT_EQ(told, BindFailed("Connect error", "starttls"));
 }
 
 TEST(TlsPeer, ThatEndsDuringTheHandshakeIsAFailedStep) {
@@ -553,23 +475,6 @@ TEST(LdapPeer, ThatClosedLeavesTheHostItsOwnSignals) {
 }
 
 // --- several servers ---
-
-TEST(SeveralPeers, AreAskedInTurnUntilOneAnswers) {
-  const LdapScript silent = {{kBind, kSilence}};
-  const LdapScript broken = {{kSearch, kClose}};
-  Peer first([&](Connection& connection) { ServeLdap(connection, silent); });
-  Peer second([&](Connection& connection) { ServeLdap(connection, broken); });
-  Peer third([](Connection& connection) { ServeLdap(connection); });
-
-  const std::string told = Join({Plain(first), Plain(second), Plain(third)});
-
-  const std::string unanswered =
-      "4 ldap-join GetAccountObject: LDAP search failed: Can't contact LDAP server\n";
-  EXPECT_EQ(told, kAfterPassword +
-                      ("3 ldap Connect: LDAP bind failed against ldap://{PEER}: Timed out\n" +
-                       unanswered) +
-                      kJoined + unanswered + kNoKdc);
-}
 
 }  // namespace
 }  // namespace tavrel::tests

@@ -101,45 +101,7 @@ TEST(AToken, IsAcceptedWhateverChannelItIsBoundTo) {
   EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
 }
 
-TEST(AUserName, OfTwoComponentsIsTheLast) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const std::vector<char> token =
-      GssClient("alice/admin@CORP.EXAMPLE.COM", kUserPassword).Token(kMachine);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\admin");
-  EXPECT_THAT(log.Notable(), IsEmpty());
-}
-
-TEST(ARealm, TriesEveryVersionOfItsKey) {
-  const Kdc kdc;
-  Machine machine(kdc, {{kMachine, "an older one", ENCTYPE_ARCFOUR_HMAC, 3},
-                        {kMachine, kMachinePassword, ENCTYPE_ARCFOUR_HMAC, 4},
-                        {kMachine, "a newer one", ENCTYPE_ARCFOUR_HMAC, 5}});
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "CORP.EXAMPLE.COM\\alice");
-}
-
 // --- refused by libkrb5 --------------------------------------------------------------------------
-
-TEST(ARequest, IsAcceptedOnce) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-  ASSERT_NE(machine.Authenticate(token), "");
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Request is a replay")));
-}
 
 TEST(ARequest, IsAcceptedOnceByAllRealmsOfTheMachine) {
   const Kdc kdc;
@@ -214,46 +176,7 @@ INSTANTIATE_TEST_SUITE_P(
                           "not found in keytab (ticket kvno 1)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(ARealm, WithoutAKeytabDoesNotUseTheDefaultOne) {
-  const Kdc kdc;
-  Machine machine(kdc);
-  const ScopedVariable usable("KRB5_KTNAME", "FILE:" + kdc / "keytab");
-  machine.Context().ReleaseKeytab();
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Notable(), ElementsAre(Unreadable("Key table name malformed")));
-}
-
 // --- refused by its server -----------------------------------------------------------------------
-
-TEST(ARequest, ForAnotherServiceInTheKeytabIsRefused) {
-  const Kdc kdc;
-  Machine machine(kdc, {{kMachine, kMachinePassword}, {kHttp, kServicePassword}});
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kHttp);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Notable(), ElementsAre(kInvalidServer));
-}
-
-// libkrb5 takes the ticket to be for the principal of the first entry that opens it.
-TEST(ARealm, WithItsKeyUnderAnotherNameFirstRefusesEverybody) {
-  const Kdc kdc;
-  Machine machine(kdc, {{kHost, kMachinePassword}, {kMachine, kMachinePassword}});
-  const std::vector<char> token = GssClient(kAlice, kUserPassword).Token(kMachine);
-  LogCapture log;
-
-  const std::string user = machine.Authenticate(token);
-
-  EXPECT_EQ(user, "");
-  EXPECT_THAT(log.Notable(), ElementsAre(kInvalidServer));
-}
 
 // --- judged by its times -------------------------------------------------------------------------
 

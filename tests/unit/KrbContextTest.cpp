@@ -93,17 +93,6 @@ TEST(Construction, AsksForTheTextWithoutAContext) {
   EXPECT_THAT(asked_with, ElementsAre(nullptr));
 }
 
-TEST(Construction, WithAMalformedConfigurationYieldsNoContext) {
-  const KrbSettings settings(kMalformed);
-  LogCapture log;
-
-  const KrbContext krb;
-
-  EXPECT_EQ(krb.context, nullptr);
-  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-param Init: Error initializing context: Improper "
-                                         "format of Kerberos configuration file"));
-}
-
 TEST(Construction, WithAMissingConfigurationSucceeds) {
   const KrbSettings settings;
   const ScopedVariable config("KRB5_CONFIG", settings / "no.conf");

@@ -308,25 +308,5 @@ TEST_P(AKeytabWithoutEntries, IsSaidNotToBeCreatedYet) {
   EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
-// libkrb5 itself, in a realm whose KDCs nobody knows.
-TEST(ARealmWithoutAKdc, RefusesPasswordAndKeytab) {
-  const std::string no_kdc = "Cannot find KDC for realm \"CORP.EXAMPLE.COM\"";
-  for (const auto& [way, owner, reason] :
-       {std::tuple(&kByPassword, kMachine, no_kdc), std::tuple(&kByKeytab, kMachine, no_kdc),
-        std::tuple(&kByKeytab, kOther,
-                   std::string("Keytab contains no suitable keys for ") + kMachine)}) {
-    ScratchKeytab scratch("FILE", "dns_lookup_kdc = false");
-    scratch.Add({owner, 1});
-    std::string error;
-    LogCapture log;
-
-    const int status = way->authenticate(scratch.keytab, &error);
-
-    EXPECT_EQ(status, kFailure);
-    EXPECT_EQ(error, reason);
-    EXPECT_THAT(log.Notable(), ElementsAre(way->failure + reason));
-  }
-}
-
 }  // namespace
 }  // namespace tavrel::tests

@@ -267,52 +267,6 @@ TEST(AJoiningRealm, WithoutAKeytabJoinsAllTheSame) {
                           "malformed"));
 }
 
-TEST(AJoiningRealm, JoinsAllTheSameWhenTheKeytabsFolderIsMissing) {
-  const KrbSettings settings;
-  FakeDomain domain;
-  const std::string path = settings / "missing/keytab";
-  Machine machine("corp.example.com", path);
-  std::string error;
-
-  const int status = machine.Join(&error);
-
-  EXPECT_EQ(status, kSuccess);
-  EXPECT_EQ(error, kNoKey + "Key table file '" + path + "' not found");
-  EXPECT_EQ(domain.Steps(), kAccountSteps + "find, password, ticket by password, key 1, unbind");
-}
-
-TEST(AJoiningRealm, LeavesAKeytabAloneWhoseKeysWork) {
-  const KrbSettings settings;
-  FakeDomain domain;
-  Machine machine("corp.example.com", settings / "keytab");
-  ASSERT_EQ(machine.Join(nullptr), kSuccess);
-  const CallTrace trace;
-
-  const int status = machine.Join(nullptr);
-
-  EXPECT_EQ(status, kSuccess);
-  EXPECT_EQ(Keytab(&machine.krb_context).GetNextClientVno(), 2u);
-  EXPECT_THAT(trace.Names(), Not(Contains("krb5_kt_add_entry")));
-}
-
-// A second password is not made: the first one's key is current already.
-TEST(AJoiningRealm, WritesTheKeyOfThePasswordThatItSet) {
-  const KrbSettings settings;
-  FakeDomain domain;
-  domain.by_keytab = {kRefused, kGood};
-  Machine machine("corp.example.com", settings / "keytab");
-  machine.HoldKey();
-  ASSERT_EQ(machine.Join(nullptr), kSuccess);
-  Keytab keytab(&machine.krb_context);
-  const std::uint32_t next = keytab.GetNextClientVno();
-
-  const bool current = keytab.WriteKey(Parameters().GetMachinePassword(), nullptr);
-
-  EXPECT_TRUE(current);
-  EXPECT_EQ(next, 3u);
-  EXPECT_EQ(keytab.GetNextClientVno(), next);
-}
-
 // --- several controllers -------------------------------------------------------------------------
 
 TEST(AJoiningRealm, AsksTheServersThatItWasGiven) {

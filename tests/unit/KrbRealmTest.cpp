@@ -72,22 +72,6 @@ TEST(ARealmMade, HoldsWhatItWasGiven) {
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_init_context", "krb5_kt_resolve"));
 }
 
-TEST(ARealmMade, WithoutServersHasNone) {
-  const KrbSettings settings;
-  LogCapture log;
-  CallTrace trace;
-
-  const Realm realm("corp.Example.com", "Admin", "Admin.Pass.1", "MEMORY:realm");
-
-  EXPECT_EQ(realm.join_parameters.domain, "CORP.EXAMPLE.COM");
-  EXPECT_THAT(*realm.join_parameters.servers, IsEmpty());
-  EXPECT_EQ(realm.join_parameters.user, "Admin");
-  EXPECT_EQ(realm.join_parameters.password, "Admin.Pass.1");
-  EXPECT_NE(realm.krb_context.keytab, nullptr);
-  EXPECT_THAT(log.Notable(), IsEmpty());
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_init_context", "krb5_kt_resolve"));
-}
-
 TEST(ARealmMade, WithAnEmptyKeytabPathHasNoKeytab) {
   const KrbSettings settings;
   LogCapture log;
@@ -99,19 +83,6 @@ TEST(ARealmMade, WithAnEmptyKeytabPathHasNoKeytab) {
   EXPECT_THAT(log.Notable(),
               ElementsAre("4 krb-param SetKeytab: Keytab path is empty",
                           "4 krb-realm KrbRealm: Error initializing kerberos keytab to "));
-}
-
-TEST(ARealmMade, WithAKeytabOfAnUnknownTypeHasNoKeytab) {
-  const KrbSettings settings;
-  LogCapture log;
-
-  const Realm realm("corp.example.com", "Admin", "Admin.Pass.1", "NOPE:keytab");
-
-  EXPECT_EQ(realm.krb_context.keytab, nullptr);
-  EXPECT_THAT(
-      log.Notable(),
-      ElementsAre("4 krb-param SetKeytab: Error resolving keytab: Unknown Key table type",
-                  "4 krb-realm KrbRealm: Error initializing kerberos keytab to NOPE:keytab"));
 }
 
 TEST(ARealmMade, WithoutAReadableConfigurationHasNoContext) {
@@ -150,32 +121,6 @@ TEST(ARealmDestroyed, ReleasesKeytabPrincipalAndContext) {
               ElementsAre("krb5_kt_close", "krb5_free_principal", "krb5_free_context"));
 }
 
-TEST(ARealmDestroyed, ReleasesOnlyWhatThereIs) {
-  const KrbSettings settings;
-  auto realm = std::make_unique<Realm>("corp.example.com", "Admin", "", "NOPE:keytab");
-  LogCapture log;
-  CallTrace trace;
-
-  realm.reset();
-
-  EXPECT_THAT(log.Notable(), IsEmpty());
-  EXPECT_THAT(trace.Names(), ElementsAre("krb5_free_context"));
-}
-
-TEST(ARealmDestroyed, ReleasesNothingWithoutAContext) {
-  const KrbContext earlier;  // libkrb5 has its texts once it has made a context
-  const StandIn broken(calls::krb5_init_context,
-                       [](krb5_context*) -> krb5_error_code { return ENOMEM; });
-  auto realm = std::make_unique<Realm>("corp.example.com", "Admin", "", "MEMORY:realm");
-  LogCapture log;
-  CallTrace trace;
-
-  realm.reset();
-
-  EXPECT_THAT(log.Notable(), IsEmpty());
-  EXPECT_THAT(trace.Names(), IsEmpty());
-}
-
 // --- the type ------------------------------------------------------------------------------------
 
 static_assert(!std::is_copy_constructible_v<KrbRealm> && !std::is_copy_assignable_v<KrbRealm>);
@@ -212,24 +157,6 @@ TEST(ARealmWithoutAContext, RefusesEveryUser) {
   EXPECT_THAT(log.Notable(), ElementsAre("3 krb-realm Authenticate: Not a KRB_AP_REQ",
                                          "4 krb-keytab APAuthenticate: Error initializing auth "
                                          "context: Bad magic number for krb5_context structure"));
-}
-
-TEST(ARealmWithoutAContext, TestsNoJoin) {
-  const KrbContext earlier;  // libkrb5 has its texts once it has made a context
-  const StandIn broken(calls::krb5_init_context,
-                       [](krb5_context*) -> krb5_error_code { return ENOMEM; });
-  Realm realm("corp.example.com", "Admin", "", "MEMORY:realm");
-  std::string error = "as before";
-  LogCapture log;
-
-  const int status = realm.TestJoin("corp.example.com", "Admin", "", &error);
-
-  EXPECT_EQ(status, kFailure);
-  EXPECT_EQ(error, "as before");
-  EXPECT_THAT(log.Notable(), ElementsAre("4 krb-param SetClientPrincipal: Error parsing principal "
-                                         "name: Bad magic number for krb5_context structure",
-                                         "4 krb-realm TestJoin: Error initializing kerberos "
-                                         "parameters to corp.example.com"));
 }
 
 // --- its thread ----------------------------------------------------------------------------------
