@@ -99,7 +99,7 @@ KrbSession::Code KrbSession::GetValues(void* data, const char* const* names, cha
   return code;
 }
 
-void KrbSession::FreeValues(void*, char** values) {
+void KrbSession::FreeValues(void* /*data*/, char** values) {
   for (char** value = values; value != nullptr && *value != nullptr; ++value) {
     std::free(*value);
   }

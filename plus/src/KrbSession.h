@@ -41,8 +41,8 @@ class KrbSession {
 
   using Code = decltype(profile_flush(nullptr));  // libprofile's, wider than Kerberos' own
   static Code CopyValues(const char* const* texts, char*** copy);
-  static Code GetValues(void* session, const char* const* names, char*** values);
-  static void FreeValues(void* session, char** values);
+  static Code GetValues(void* data, const char* const* names, char*** values);
+  static void FreeValues(void* data, char** values);
 
   const KrbOverrides overrides_;
   krb5_context base_ = nullptr;  // has krb5.conf's own settings
