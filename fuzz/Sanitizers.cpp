@@ -6,6 +6,6 @@
 extern "C" const char* __asan_default_options();
 
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-  return "allocator_may_return_null=1:max_allocation_size_mb=256:quarantine_size_mb=4:"
-         "malloc_context_size=1";
+  return "allocator_may_return_null=1:max_allocation_size_mb=256:quarantine_size_mb=1:"
+         "thread_local_quarantine_size_kb=64:malloc_context_size=1";
 }

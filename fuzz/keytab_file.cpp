@@ -74,6 +74,7 @@ struct Contents {
   std::vector<Entry> entries;
   // Nothing in it overlaps, is cut off, or lies behind what ends the walk.
   bool sound = false;
+  std::uint32_t most_names = 0;  // that an entry claims to have
 };
 
 class Reader {
@@ -109,7 +110,9 @@ class Reader {
       Entry entry;
       const std::size_t next = start + static_cast<std::size_t>(size);
       // Where the next one starts is reckoned in 32 bits.
-      if (!One(next, entry) || next > INT32_MAX) break;
+      const bool is_read = One(next, entry);
+      contents.most_names = std::max(contents.most_names, names_);
+      if (!is_read || next > INT32_MAX) break;
       contents.entries.push_back(entry);
       if (!entry.whole || at_ > next || next > file_.size()) {
         at_ = next;
@@ -151,7 +154,9 @@ class Reader {
     std::uint32_t number = 0;
     if (!Number(2, count)) return false;
     if (native_) count = (count - 1) & 0xffff;  // which counts the realm
-    if (count == 0 || count >= 0x8000 || !Text(entry.realm)) return false;
+    if (count == 0 || count >= 0x8000) return false;
+    names_ = count;
+    if (!Text(entry.realm)) return false;
     for (; count > 0; --count) {
       if (!Text(entry.names.emplace_back())) return false;
     }
@@ -177,6 +182,7 @@ class Reader {
   std::size_t at_ = 0;
   bool native_ = false;
   bool overlaps_ = false;
+  std::uint32_t names_ = 0;  // of the entry read last
 };
 
 // A file may claim entries of gigabytes, which are then written over with zeros: while it lives, a
@@ -558,6 +564,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   World& world = TheWorld();
   tavrel::Keytab keytab(&world.krb);
   const Contents contents = Read(file);
+#ifdef TAVREL_FUZZ
+  // libkrb5 makes room for all names before it reads the first. As many as do not fit into the file
+  // end the walk like a few too many do, and take a hundred times as long.
+  if (contents.most_names > 300) return 0;
+#endif
   // libkrb5 does not free the realm of an entry that is cut off.
   const tavrel::tests::KnownLeak entries(!contents.sound);
 
