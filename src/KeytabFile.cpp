@@ -153,13 +153,13 @@ krb5_error_code MendEntries(const File& file, std::int64_t size, Numbers& number
 }  // namespace
 
 krb5_error_code MendKeytabFile(krb5_context context, krb5_keytab keytab) {
-  char name[PATH_MAX + sizeof "WRFILE:"];
+  char name[PATH_MAX + sizeof "FILE:"];
   const krb5_error_code named = krb5_kt_get_name(context, keytab, name, sizeof name);
   if (named == KRB5_KT_NAME_TOOLONG) return 0;  // paths are shorter
   if (named != 0) return named;
   const char* path = name + std::string_view(name).find(':') + 1;
   const std::string_view kind(name, static_cast<std::size_t>(path - name));
-  if (kind != "FILE:" && kind != "WRFILE:") return 0;
+  if (kind != "FILE:") return 0;  // that is what libkrb5 calls a WRFILE too
 
   const File file(path);
   if (file.descriptor == -1) return errno == ENOENT ? 0 : errno;
