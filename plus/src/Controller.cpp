@@ -18,14 +18,19 @@ namespace {
 constexpr int kLargestAnswer = 65535;  // the largest DNS message there is
 constexpr int kTargetOffset = 6;       // behind priority, weight and port (RFC 2782)
 
-// The resolver's settings of this thread, with a second for each name server and one question more
-// where there is time; as before when it goes.
+// The resolver's settings of this thread, with a patience that half of what is left suffices for;
+// as before when it goes. A name server on a slow network is given up to five seconds, and then
+// ten, as resolvers do it; one second is the least that they know.
 class ImpatientResolver {
  public:
   explicit ImpatientResolver(const Deadline& deadline)
       : is_ready_(InitOnce()), retrans_(_res.retrans), retry_(_res.retry) {
-    _res.retrans = 1;
-    _res.retry = deadline.Left() > std::chrono::seconds(10) ? 2 : 1;
+    constexpr int kMostPatient = 5;
+    // All servers are asked for so long, and then all of them together for twice that.
+    const auto half = std::chrono::duration_cast<std::chrono::seconds>(deadline.Left()) / 2;
+    const auto patience = static_cast<int>(half.count()) / (_res.nscount + 2);
+    _res.retrans = std::clamp(patience, 1, kMostPatient);
+    _res.retry = patience >= 1 ? 2 : 1;
   }
   ImpatientResolver(const ImpatientResolver&) = delete;
   ImpatientResolver& operator=(const ImpatientResolver&) = delete;
@@ -42,6 +47,21 @@ class ImpatientResolver {
   int retrans_;
   int retry_;
 };
+
+// Asks once more, as long as there is time, when nothing came: a name server that is busy may
+// answer yet. One that refuses at once is not asked again.
+template <typename Ask>
+bool Patiently(const Deadline& deadline, const Ask& ask) {
+  for (;;) {
+    const auto before = deadline.Left();
+    const ImpatientResolver resolver(deadline);
+    if (!resolver.IsReady()) return false;
+    const bool came = ask();
+    if (came || before - deadline.Left() < std::chrono::seconds(1) || deadline.HasPassed()) {
+      return true;
+    }
+  }
+}
 
 bool IsNameCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -83,9 +103,13 @@ void ReadAnswer(const unsigned char* answer, int length, std::vector<ServiceReco
 Failure Ask(const std::string& question, const Deadline& deadline,
             std::vector<Controller>& controllers) {
   const std::unique_ptr<unsigned char[]> answer(new unsigned char[kLargestAnswer]);
-  const ImpatientResolver resolver(deadline);
-  if (!resolver.IsReady()) return {Cause::kLibrary, "The resolver cannot be set up"};
-  const int length = res_query(question.c_str(), ns_c_in, ns_t_srv, answer.get(), kLargestAnswer);
+  int length = 0;
+  if (!Patiently(deadline, [&] {
+        length = res_query(question.c_str(), ns_c_in, ns_t_srv, answer.get(), kLargestAnswer);
+        return length >= 0 || h_errno != TRY_AGAIN;
+      })) {
+    return {Cause::kLibrary, "The resolver cannot be set up"};
+  }
   if (length < 0) {
     if (h_errno == HOST_NOT_FOUND || h_errno == NO_DATA) return {};
     return {h_errno == TRY_AGAIN ? Cause::kTimedOut : Cause::kNoController,
@@ -168,11 +192,13 @@ Failure Resolve(const std::string& name, const Deadline& deadline,
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   int code = 0;
-  {
-    const ImpatientResolver resolver(deadline);
-    // The "." keeps the search list away: the name is complete.
-    code = getaddrinfo((name + '.').c_str(), nullptr, &hints, &found);
-    if (code == EAI_NONAME) code = getaddrinfo(name.c_str(), nullptr, &hints, &found);
+  if (!Patiently(deadline, [&] {
+        // The "." keeps the search list away: the name is complete.
+        code = getaddrinfo((name + '.').c_str(), nullptr, &hints, &found);
+        if (code == EAI_NONAME) code = getaddrinfo(name.c_str(), nullptr, &hints, &found);
+        return code != EAI_AGAIN;
+      })) {
+    return {Cause::kLibrary, "The resolver cannot be set up"};
   }
   if (code != 0) return {Cause::kUnreachable, name + ": " + gai_strerror(code)};
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(found, freeaddrinfo);

@@ -140,11 +140,16 @@ struct DirectoryIo {
   static int Control(Sockbuf_IO_Desc* /*io*/, int /*option*/, void* /*value*/) { return 0; }
   static ber_slen_t Read(Sockbuf_IO_Desc* io, void* bytes, ber_len_t most) {
     Directory& self = Self(io);
-    return self.socket_.Read(bytes, most, self.deadline_);
+    const ssize_t count = self.socket_.Read(bytes, most, self.deadline_);
+    if (count <= 0) self.is_lost_ = true;
+    return count;
   }
   static ber_slen_t Write(Sockbuf_IO_Desc* io, void* bytes, ber_len_t size) {
     Directory& self = Self(io);
-    if (!self.socket_.WriteAll(bytes, size, self.deadline_)) return -1;
+    if (!self.socket_.WriteAll(bytes, size, self.deadline_)) {
+      self.is_lost_ = true;
+      return -1;
+    }
     return static_cast<ber_slen_t>(size);
   }
 };
@@ -153,7 +158,9 @@ Directory::Directory(const Controller& controller, const Deadline& deadline)
     : controller_(controller), deadline_(deadline) {}
 
 Directory::~Directory() {
-  if (handle_ != nullptr) ldap_unbind_ext(handle_, nullptr, nullptr);
+  if (handle_ == nullptr) return;
+  ldap_unbind_ext(handle_, nullptr, nullptr);  // which closes the socket
+  socket_.Release();
 }
 
 Failure Directory::Explain(int code) const {
@@ -185,7 +192,7 @@ Failure Directory::Connect(const Address& address) {
   if (!socket_.Connect(with_port, deadline_)) return ConnectionFailure(errno);
 
   const std::string url = "ldap://" + controller_.name + ':' + std::to_string(controller_.port);
-  int code = ldap_init_fd(socket_.Descriptor(), LDAP_PROTO_EXT, url.c_str(), &handle_);
+  int code = ldap_init_fd(socket_.Descriptor(), LDAP_PROTO_TCP, url.c_str(), &handle_);
   if (code != LDAP_SUCCESS) return Explain(code);
   Sockbuf* buffer = nullptr;
   code = ldap_get_option(handle_, LDAP_OPT_SOCKBUF, &buffer);
@@ -195,7 +202,9 @@ Failure Directory::Connect(const Address& address) {
   ber_len_t largest = kLargestMessage;
   const int version = LDAP_VERSION3;
   const int most = kMostEntries;
-  if (ber_sockbuf_add_io(buffer, &calls, LBER_SBIOD_LEVEL_PROVIDER, this) != 0 ||
+  // Above the layer that libldap brings, and instead of it: without one of its own it would crash,
+  // should this fail.
+  if (ber_sockbuf_add_io(buffer, &calls, LBER_SBIOD_LEVEL_PROVIDER + 1, this) != 0 ||
       ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &largest) != 1 ||
       ldap_set_option(handle_, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_OPT_SUCCESS ||
       ldap_set_option(handle_, LDAP_OPT_REFERRALS, LDAP_OPT_OFF) != LDAP_OPT_SUCCESS ||
@@ -214,8 +223,11 @@ Failure Directory::Step(std::string_view token, std::string& answer, bool& is_do
   const std::unique_ptr<berval, FreeValue> owned(received);
   if (code != LDAP_SUCCESS && code != LDAP_SASL_BIND_IN_PROGRESS) {
     Failure failure = Explain(code);
-    // What the controller was shown is a ticket for its own name.
-    if (failure.cause == Cause::kBadCredentials) failure.cause = Cause::kNotTrusted;
+    // What the controller was shown is a ticket for its own name, so what it says against that, or
+    // of another server, is no word of a controller's.
+    if (failure.cause == Cause::kBadCredentials || failure.cause == Cause::kRefused) {
+      failure.cause = Cause::kNotTrusted;
+    }
     return failure;
   }
   is_done = code == LDAP_SUCCESS;
@@ -266,7 +278,7 @@ Failure Directory::BindSimple(const std::string& name, const Secret& password,
   code = ldap_start_tls_s(handle_, nullptr, nullptr);
   if (code != LDAP_SUCCESS) {
     Failure failure = Explain(code);
-    if (code == LDAP_CONNECT_ERROR && !deadline_.HasPassed()) failure.cause = Cause::kNotTrusted;
+    if (code == LDAP_CONNECT_ERROR && !is_lost_) failure.cause = Cause::kNotTrusted;
     return failure;
   }
   SetTimeout();

@@ -78,6 +78,7 @@ class Directory {
   Socket socket_;
   std::unique_ptr<SealedLayer> sealed_;
   LDAP* handle_ = nullptr;
+  bool is_lost_ = false;  // nothing more is received or sent
 };
 
 // `value` as part of a filter (RFC 4515).

@@ -97,6 +97,7 @@ struct Meaning {
   Cause cause;
 };
 const Meaning kMeanings[] = {
+    {KRB5_PARSE_MALFORMED, Cause::kBadArgument},
     {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, Cause::kBadCredentials},
     {KRB5KDC_ERR_PREAUTH_FAILED, Cause::kBadCredentials},
     {KRB5KDC_ERR_WRONG_REALM, Cause::kBadCredentials},
@@ -204,7 +205,11 @@ krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* rea
   auto& kdc = *static_cast<Kdc*>(self);
   if (View(*realm) != kdc.realm_) return 0;  // a user of another realm gets tickets there
   std::string answer;
-  if (!kdc.Exchange(kKdcPort, View(*message), kLargestReply, answer)) {
+  // A busy KDC drops connections; a request for a ticket can be sent again.
+  constexpr int kMostTries = 3;
+  for (int tries = 1; !kdc.Exchange(kKdcPort, View(*message), kLargestReply, answer); ++tries) {
+    const bool was_dropped = errno == ECONNRESET || errno == EPIPE;
+    if (was_dropped && tries < kMostTries) continue;
     kdc.error_ = errno;
     return KRB5_KDC_UNREACH;
   }
@@ -254,7 +259,7 @@ Failure Kdc::Parse(const std::string& name, KrbPrincipal& principal) {
   krb5_principal parsed = nullptr;
   krb5_error_code code =
       krb5_parse_name_flags(context_, name.c_str(), KRB5_PRINCIPAL_PARSE_NO_DEF_REALM, &parsed);
-  if (code != 0) return {Cause::kBadArgument, KrbMessage(context_, code)};
+  if (code != 0) return Explain(code);
   principal = KrbPrincipal(parsed, {context_});
   // A realm may be written as the domain is.
   const std::string_view realm = View(parsed->realm);

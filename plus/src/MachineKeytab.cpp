@@ -266,7 +266,8 @@ Failure MachineKeytab::Load(int file, const Deadline& deadline, std::vector<Keyt
   const int error = errno;
   lock.l_type = F_UNLCK;
   fcntl(file, F_OFD_SETLK, &lock);
-  if (count == -1) return FileFailure(path_, error);
+  // A file that ends before its size was cut meanwhile; to take it so would lose keys.
+  if (count == -1 || read < bytes.Size()) return FileFailure(path_, count == -1 ? error : EIO);
 
   const std::string_view content = bytes.View().substr(0, read);
   keys.clear();

@@ -40,6 +40,8 @@ class Socket {
   bool WriteAll(const void* bytes, std::size_t size, const Deadline& deadline);
 
   int Descriptor() const { return descriptor_; }
+  // Leaves the descriptor to somebody else.
+  void Release() { descriptor_ = -1; }
   // This side's address; false when there is none.
   bool LocalAddress(Address& address) const;
 

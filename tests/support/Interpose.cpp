@@ -16,12 +16,12 @@ struct Range {
   std::uintptr_t last = 0;
 };
 
-// Where libtavrel.so is mapped.
+// Where the library is mapped.
 Range LibraryRange() {
   Range range;
   dl_iterate_phdr(
       [](dl_phdr_info* info, std::size_t, void* data) {
-        if (std::strstr(info->dlpi_name, "libtavrel.so") == nullptr) return 0;
+        if (std::strstr(info->dlpi_name, TAVREL_INTERPOSED_LIBRARY) == nullptr) return 0;
         auto& found = *static_cast<Range*>(data);
         for (int i = 0; i < info->dlpi_phnum; ++i) {
           const auto& header = info->dlpi_phdr[i];
@@ -60,7 +60,7 @@ void* RealSymbol(const char* name) {
 namespace calls {
 
 #define TAVREL_CALL(result, name, parameters, arguments) Interposed<result parameters> name(#name);
-#include "InterposedCalls.inc"
+#include TAVREL_INTERPOSED_CALLS
 #undef TAVREL_CALL
 
 }  // namespace calls
@@ -72,4 +72,4 @@ namespace calls {
   extern "C" result name parameters {                                                             \
     return tavrel::tests::calls::name.Call(__builtin_return_address(0), TAVREL_UNPACK arguments); \
   }
-#include "InterposedCalls.inc"
+#include TAVREL_INTERPOSED_CALLS

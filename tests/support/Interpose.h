@@ -27,9 +27,15 @@
 #include <string>
 #include <vector>
 
+// Another library's tests say which one it is, and what it calls.
+#ifndef TAVREL_INTERPOSED_LIBRARY
+#define TAVREL_INTERPOSED_LIBRARY "libtavrel.so"
+#define TAVREL_INTERPOSED_CALLS "InterposedCalls.inc"
+#endif
+
 namespace tavrel::tests {
 
-// True when `address` lies in the code of libtavrel.so.
+// True when `address` lies in the code of the library.
 bool IsInLibrary(const void* address);
 
 // The real function `name`: the next one behind the test program's.
@@ -109,7 +115,7 @@ class CallTrace {
 namespace calls {
 
 #define TAVREL_CALL(result, name, parameters, arguments) extern Interposed<result parameters> name;
-#include "InterposedCalls.inc"
+#include TAVREL_INTERPOSED_CALLS
 #undef TAVREL_CALL
 
 }  // namespace calls

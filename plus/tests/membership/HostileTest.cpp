@@ -1,7 +1,11 @@
 // Controllers that are silent, or that are none.
+
+#include <gssapi/gssapi_ext.h>
+
 #include <chrono>
 
 #include "../../../tests/attacks/Attack.h"
+#include "ForgedRequest.h"
 #include "GssClient.h"
 #include "MembershipScenario.h"
 #include "Relay.h"
@@ -15,6 +19,7 @@ using tavrel::tests::Connection;
 using tavrel::tests::FalseController;
 using tavrel::tests::kBusy;
 using tavrel::tests::Lab;
+using tavrel::tests::LdapRequest;
 using tavrel::tests::Peer;
 using testing::AnyOf;
 using testing::HasSubstr;
@@ -37,6 +42,49 @@ class HostileController : public MembershipScenario {
   static std::string OfDc1(const std::string& what) {
     return "dn: CN=DC1,OU=Domain Controllers," + Lab("BASE_DN") + "\nchangetype: modify\n" + what +
            ": servicePrincipalName\nservicePrincipalName: ldap/" + kRelay + "\n";
+  }
+
+  // The controller's side of the mechanism with its own key, up to the offer of these layers.
+  static void OfferLayers(Connection& connection, char layers) {
+    const std::string keytab = Lab("DIR") + "/private/secrets.keytab";
+    gss_key_value_element_desc element{"keytab", keytab.c_str()};
+    const gss_key_value_set_desc store{1, &element};
+    OM_uint32 minor = 0;
+    gss_cred_id_t own = GSS_C_NO_CREDENTIAL;
+    gss_acquire_cred_from(&minor, GSS_C_NO_NAME, GSS_C_INDEFINITE, GSS_C_NO_OID_SET, GSS_C_ACCEPT,
+                          &store, &own, nullptr, nullptr);
+    gss_ctx_id_t context = GSS_C_NO_CONTEXT;
+    LdapRequest request = Receive(connection);
+    std::string token = TokenIn(request);
+    gss_buffer_desc input{token.size(), token.data()};
+    gss_buffer_desc output{0, nullptr};
+    EXPECT_EQ(gss_accept_sec_context(&minor, &context, own, &input, GSS_C_NO_CHANNEL_BINDINGS,
+                                     nullptr, nullptr, &output, nullptr, nullptr, nullptr),
+              GSS_S_COMPLETE);
+    Continue(connection, request, output);
+    request = Receive(connection);
+    char offer[] = {layers, 0, 16, 0};
+    input = {sizeof offer, offer};
+    gss_wrap(&minor, context, 0, GSS_C_QOP_DEFAULT, &input, nullptr, &output);
+    Continue(connection, request, output);
+    connection.AwaitEnd();
+    gss_delete_sec_context(&minor, &context, GSS_C_NO_BUFFER);
+    gss_release_cred(&minor, &own);
+  }
+  // What a request to bind has behind the mechanism's name: an octet string.
+  static std::string TokenIn(const LdapRequest& request) {
+    const std::size_t at = request.content.find("GSSAPI") + 6;
+    const auto size = static_cast<unsigned char>(request.content.at(at + 1));
+    return request.content.substr(at + 2 + (size >= 0x80 ? size & 0x7FU : 0));
+  }
+  // Answers that the bind goes on, with a token, which it releases.
+  static void Continue(Connection& connection, const LdapRequest& request, gss_buffer_desc& token) {
+    using tavrel::tests::Der;
+    const std::string bytes(static_cast<const char*>(token.value), token.length);
+    connection.Send(tavrel::tests::LdapMessage(
+        request.id, 0x61, Der(0x0a, "\x0e") + Der(0x04, "") + Der(0x04, "") + Der(0x87, bytes)));
+    OM_uint32 minor = 0;
+    gss_release_buffer(&minor, &token);
   }
 
   // How long `operation` takes, in seconds.
@@ -65,6 +113,47 @@ TEST_F(HostileController, IsLeftForTheNextWhereverItFallsSilent) {
     EXPECT_LT(took, 7 + kBusy) << messages;
     ASSERT_LT(messages, 40);
   }
+}
+
+// Not a hostile one: the nearest, by the site's records, and as good as any when it has gone.
+TEST_F(HostileController, OfTheSiteIsAskedFirst) {
+  NameMachine("sited");
+  const std::string record = "_ldap._tcp.Branch._sites.dc._msdcs." + Lab("DOMAIN");
+  Scene("dns add " + record + " SRV 0 100 389 " + kRelay + ".");
+  options.site = "Branch";
+  {
+    const Relay branch({88, 389, 464}, 1000);
+    EXPECT_EQ(Enrol().controller, kRelay);
+  }
+
+  EXPECT_EQ(Enrol().controller, kDc1);
+  options.site = "Elsewhere";
+  EXPECT_EQ(Enrol().controller, kDc1);
+  Scene("dns delete " + record);
+}
+
+// By default a machine may change its password, for which the directory wants the old one, and not
+// set it.
+TEST_F(HostileController, WithoutAPasswordServiceSetsItByLdapWhereTheMachineMay) {
+  NameMachine("fallback");
+  ASSERT_THAT(Enrol(), Changes());
+  options.controllers = {kRelay};
+  const Relay refuses({88, 389}, 1000);
+
+  const Result refused = Member().Rotate(kLimit);
+
+  EXPECT_THAT(refused, Fails(Cause::kUnreachable, Step::kPassword));
+  EXPECT_THAT(refused.text, HasSubstr("; Insufficient access"));
+  EXPECT_THAT(Entries(), testing::ElementsAreArray(AesEntries({1})));
+
+  tavrel::tests::Shell(
+      "samba-tool dsacl set -H ldap://$LAB_DC_NAME -U $LAB_ADMIN%$LAB_ADMIN_PASSWORD --objectdn='" +
+      Dn() + "' --sddl='(OA;;CR;00299570-246d-11d0-a768-00aa006e0529;;PS)' >/dev/null");
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+
+  EXPECT_THAT(Entries(), testing::ElementsAreArray(AesEntries({2, 1})));
+  options.controllers.clear();
+  EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
 
 TEST_F(HostileController, CostsARotationNothingButTime) {
@@ -150,6 +239,41 @@ TEST_F(HostileController, GetsNothingByTheNameOfOneThatIsGone) {
 
   EXPECT_THAT(false_controller.Binds(), Not(HasSubstr(password)));
   Scene("dns delete gone.corp.example.com");
+}
+
+// Whoever answers at a controller's address, before the connection is sealed.
+TEST_F(HostileController, SendsNobodyElsewhere) {
+  NameMachine("referred");
+  Peer elsewhere([](Connection& connection) { connection.AwaitEnd(); });
+  const Relay kerberos({88}, 1000);
+  Peer lying([&](Connection& connection) {
+    ServeLdap(connection,
+              {{tavrel::tests::kBind, [&](Connection& to, const LdapRequest& request) {
+                  to.Send(LdapResult(request, LDAP_REFERRAL, "ldap://" + elsewhere.Host()));
+                }}});
+  });
+  options.controllers = {kRelay + (':' + std::to_string(lying.Port()))};
+
+  EXPECT_THAT(Enrol(), Fails(Cause::kNotTrusted, Step::kBind));
+  options.controllers.push_back(kDc1);
+  EXPECT_THAT(Enrol(), Changes());
+
+  EXPECT_EQ(elsewhere.Connections(), 0);
+}
+
+// It has the controller's key, and offers what RFC 4752 allows beside sealing.
+TEST_F(HostileController, IsNotTrustedUnlessItSeals) {
+  NameMachine("downgraded");
+  const Relay kerberos({88}, 1000);
+  for (const char layers : {'\x01', '\x02', '\x03'}) {
+    Peer weak([&](Connection& connection) { OfferLayers(connection, layers); });
+    options.controllers = {kRelay + (':' + std::to_string(weak.Port()))};
+
+    const Result result = Enrol();
+
+    EXPECT_THAT(result, Fails(Cause::kNotTrusted, Step::kBind));
+    EXPECT_THAT(result.text, HasSubstr("seal"));
+  }
 }
 
 TEST_F(HostileController, IsNotTrustedWithTheCertificateOfAnother) {

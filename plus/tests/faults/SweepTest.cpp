@@ -1,0 +1,241 @@
+// Every call that a membership's operation makes into another library fails once, and from then on.
+// The result says so, the keytab is whole, users are accepted, and repeating the operation ends
+// well.
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "../../../tests/faults/Injector.h"
+#include "GssClient.h"
+#include "MembershipScenario.h"
+#include "tavrel/KrbError.h"
+
+// There when a leak sanitizer is.
+extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
+
+namespace tavrel::plus::tests {
+namespace {
+
+using tavrel::tests::Forget;
+using tavrel::tests::GssClient;
+using tavrel::tests::Injected;
+using tavrel::tests::Lab;
+using tavrel::tests::Mode;
+using tavrel::tests::Plan;
+using tavrel::tests::TheInjected;
+using tavrel::tests::Window;
+
+constexpr char kAlice[] = "CORP.EXAMPLE.COM\\alice";
+
+class Faults : public MembershipScenario {
+ public:
+  struct Subject {
+    std::function<void()> prepare;
+    std::function<Result()> act;
+    bool is_in_service = false;  // a user has a ticket for the machine
+  };
+
+  // Sweeps over the calls of `subject`, one failure and one way to fail after the other. The short
+  // form takes the first failure of every 41st call.
+  void Sweep(const Subject& subject) {
+    const bool is_brief = std::getenv("TAVREL_FAULTS_BRIEF") != nullptr;
+    int points = 0;
+    int fired = 0;
+    for (const Mode mode : {Mode::kOneCall, Mode::kAllLaterCalls, Mode::kOneAllocation}) {
+      if (is_brief && mode == Mode::kOneAllocation) break;
+      for (int nth = mode == Mode::kAllLaterCalls ? 5 : 1;; nth += is_brief ? 41 : 1) {
+        Injected injected = Run(subject, {mode, nth, 0});
+        if (injected.fired == 0 || SeenEnough()) break;
+        ++points;
+        ++fired;
+        const std::size_t failures =
+            injected.first && !is_brief ? injected.first->row->failures.size() : 1;
+        for (std::size_t failure = 1; failure < failures && !SeenEnough(); ++failure)
+          fired += Run(subject, {mode, nth, failure}).fired != 0 ? 1 : 0;
+      }
+    }
+    std::printf("%d fault points, %d faults fired\n", points, fired);
+    EXPECT_GT(points, is_brief ? 2 : 100);
+    if (__lsan_do_recoverable_leak_check != nullptr) {
+      EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+    }
+  }
+
+  // The machine and its keytab anew, a process that uses them, and a user who has a ticket.
+  void InService() {
+    std::filesystem::remove(keytab);
+    EXPECT_THAT(Enrol(), Changes());
+    realm.reset(new KrbRealm(Realm()));
+    EXPECT_EQ(Join(*realm).status, kSuccess);
+    earlier.emplace(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
+    EXPECT_EQ(Accepts(), kAlice);
+  }
+
+  std::unique_ptr<KrbRealm> realm;
+  std::optional<GssClient> earlier;
+
+ private:
+  Injected Run(const Subject& subject, const Plan& plan) {
+    subject.prepare();
+    Forget();
+    const std::vector<std::string> before = Entries();
+    const std::size_t descriptors = Descriptors();
+    std::optional<Result> result;  // none: std::bad_alloc
+    try {
+      const Window window(plan);
+      result = subject.act();
+    } catch (const std::bad_alloc&) {
+    }
+    const Injected injected = TheInjected();
+    const std::string fault =
+        (injected.first ? injected.first->call + "#" + std::to_string(injected.first->occurrence) +
+                              " " + injected.first->failure->name
+                        : "allocation " + std::to_string(plan.nth)) +
+        (plan.mode == Mode::kAllLaterCalls ? ", and all later calls" : "");
+    SCOPED_TRACE(fault);
+
+    if (result && !*result) {
+      SCOPED_TRACE(testing::PrintToString(*result));
+      EXPECT_NE(result->step, Step::kNone);
+      if (injected.first && plan.mode == Mode::kOneCall) CheckCause(injected, *result);
+    }
+    EXPECT_TRUE(result || plan.mode == Mode::kOneAllocation);
+    EXPECT_EQ(Descriptors(), descriptors);
+    CheckKeytab();
+    if (subject.is_in_service) {
+      EXPECT_EQ(Accepts(), kAlice);
+    }
+
+    const Result again = subject.act();
+    EXPECT_TRUE(again) << testing::PrintToString(again);
+    CheckKeytab();
+    if (subject.is_in_service) {
+      EXPECT_EQ(Accepts(), kAlice);
+    }
+    EXPECT_FALSE(std::filesystem::exists(keytab + ".new"));
+    return injected;
+  }
+
+  static bool SeenEnough() {
+    constexpr int kMostFailures = 10;
+    const auto* const info = testing::UnitTest::GetInstance()->current_test_info();
+    return info->result()->total_part_count() > kMostFailures;
+  }
+
+  // What a failure means, by its name; what is not here may mean several things.
+  static void CheckCause(const Injected& injected, const Result& result) {
+    const std::string name = injected.first->failure->name;
+    const std::string& call = injected.first->call;
+    EXPECT_FALSE(result.text.empty() && call != "krb5_get_error_message");
+    const struct {
+      const char* start;
+      const char* name;
+      Cause cause;
+    } meanings[] = {
+        {"krb5_", "ENOMEM", Cause::kLibrary},
+        {"krb5_", "KRB5_KDC_UNREACH", Cause::kUnreachable},
+        {"krb5_", "KRB5KDC_ERR_CLIENT_REVOKED", Cause::kCredentialsBarred},
+        {"krb5_", "KRB5KRB_AP_ERR_SKEW", Cause::kClockSkew},
+        {"krb5_", "KRB5KRB_AP_ERR_MODIFIED", Cause::kNotTrusted},
+        {"ldap_", "LDAP_SERVER_DOWN", Cause::kUnreachable},
+        {"ldap_", "LDAP_BUSY", Cause::kUnreachable},
+        {"ldap_", "LDAP_NO_MEMORY", Cause::kLibrary},
+        {"ldap_", "LDAP_INSUFFICIENT_ACCESS", Cause::kAccessDenied},
+        {"ldap_", "LDAP_CONSTRAINT_VIOLATION", Cause::kRefused},
+        {"ber_", "-1", Cause::kLibrary},
+        {"RAND_priv_bytes", "0", Cause::kLibrary},
+        {"socket", "EMFILE", Cause::kUnreachable},
+        {"connect", "ECONNREFUSED", Cause::kUnreachable},
+        {"send", "EPIPE", Cause::kUnreachable},
+        {"recv", "ECONNRESET", Cause::kUnreachable},
+        {"recv", "end", Cause::kUnreachable},
+        {"getaddrinfo", "EAI_AGAIN", Cause::kUnreachable},
+        {"open", "EACCES", Cause::kKeytab},
+        {"fstat", "EIO", Cause::kKeytab},
+        {"fcntl", "ENOLCK", Cause::kKeytab},
+        {"flock", "ENOLCK", Cause::kKeytab},
+        {"fch", "EPERM", Cause::kKeytab},
+        {"posix_fallocate", "ENOSPC", Cause::kKeytab},
+        {"pread", "EIO", Cause::kKeytab},
+        {"pwrite", "ENOSPC", Cause::kKeytab},
+        {"ftruncate", "EIO", Cause::kKeytab},
+        {"fsync", "EIO", Cause::kKeytab},
+        {"rename", "EACCES", Cause::kKeytab},
+    };
+    for (const auto& meaning : meanings) {
+      if (name == meaning.name && call.rfind(meaning.start, 0) == 0) {
+        EXPECT_EQ(ToText(result.cause), std::string(ToText(meaning.cause)));
+      }
+    }
+  }
+
+  // Of each version there are the keys of both types.
+  void CheckKeytab() const {
+    const std::vector<std::string> list = Entries();
+    const std::set<std::string> entries(list.begin(), list.end());
+    EXPECT_EQ(entries.size(), list.size()) << "a key is there twice";
+    for (const std::string& entry : entries) {
+      const std::string other = entry.substr(0, entry.rfind(' ')) +
+                                (entry.substr(entry.rfind(' ')) == " 18" ? " 17" : " 18");
+      EXPECT_EQ(entries.count(other), 1U) << entry << " is alone";
+    }
+  }
+
+  std::string Accepts() {
+    std::vector<char> token = earlier->Token(account + "$@CORP.EXAMPLE.COM");
+    return realm->Authenticate(token.data(), static_cast<int>(token.size()));
+  }
+
+  static std::size_t Descriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+  }
+};
+
+TEST_F(Faults, OfAFirstEnrolment) {
+  NameMachine("fresh");
+  Sweep({[&] {
+           std::filesystem::remove(keytab);
+           if (!directory.Read(account).empty()) directory.Delete(account);
+         },
+         [&] { return Enrol(); }});
+}
+
+TEST_F(Faults, OfAnEnrolmentWithASimpleBind) {
+  NameMachine("simple");
+  options.simple_bind = true;
+  options.ca_file = Lab("CA");
+  Sweep({[&] {
+           std::filesystem::remove(keytab);
+           if (!directory.Read(account).empty()) directory.Delete(account);
+         },
+         [&] { return Enrol(); }});
+}
+
+TEST_F(Faults, OfAnEnrolmentAfterThePasswordWasLost) {
+  NameMachine("lost");
+  Sweep({[&] {
+           InService();
+           Scene("password 'LOST$' Behind.Its.Back.1");
+         },
+         [&] { return Enrol(); }, true});
+}
+
+TEST_F(Faults, OfARotation) {
+  NameMachine("rotated");
+  Sweep({[&] { InService(); }, [&] { return Member().Rotate(kLimit); }, true});
+}
+
+TEST_F(Faults, OfLeaving) {
+  NameMachine("leaver");
+  Sweep({[&] {
+           std::filesystem::remove(keytab);
+           EXPECT_THAT(Enrol(), Changes());
+         },
+         [&] { return Member().Leave(Administrator(), Departure::kDelete, kLimit); }});
+}
+
+}  // namespace
+}  // namespace tavrel::plus::tests
