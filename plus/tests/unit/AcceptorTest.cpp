@@ -11,7 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include "Der.h"
 #include "LogCapture.h"
+#include "ReplayCache.h"
 #include "Service.h"
 
 namespace tavrel::plus::tests {
@@ -495,6 +497,88 @@ TEST(AnAcceptor, IsNotMadeOfWhatCannotWork) {
   EXPECT_EQ(error([](Service& s) { s.options.replay_file.clear(); }), "no replay file is named");
   EXPECT_THAT(error([](Service& s) { s.options.replay_file += "/none/x"; }),
               HasSubstr("replay file "));
+}
+
+// So far off that the Kerberos library says it.
+TEST(AnAcceptor, RefusesTimesThatAreYearsOff) {
+  constexpr krb5_timestamp kElevenYears = 11 * 366 * 24 * kHour;
+  ForgedTicket over = Ticket();
+  over.authtime = over.starttime = over.authtime - kElevenYears - kHour;
+  over.endtime -= kElevenYears;
+  ForgedTicket early = Ticket();
+  early.starttime += kElevenYears;
+  early.endtime += kElevenYears;
+  ForgedTicket wrong_clock = Ticket();
+  wrong_clock.sent_at = wrong_clock.authtime - kElevenYears;
+
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(over))), RefusalReason::kExpired);
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(early))), RefusalReason::kNotYetValid);
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(wrong_clock))), RefusalReason::kClock);
+}
+
+TEST(AnAcceptor, RefusesATicketWithTwoPacs) {
+  ForgedTicket ticket = TicketWithPac();
+  std::string_view pac;
+  const std::string one = ticket.authorization_data;
+  ASSERT_TRUE(der::Reader(one).Take(der::kSequence, pac));
+  ticket.authorization_data = der::Value(der::kSequence, std::string(pac).append(pac));
+
+  const Acceptance result = Decision({}, Token(ticket));
+
+  EXPECT_EQ(Reason(result), RefusalReason::kPacWrong);
+  EXPECT_EQ(result.refusal->text, "the ticket has two PACs");
+}
+
+TEST(AnAcceptor, RefusesATicketOfNobody) {
+  ForgedTicket ticket = Ticket();
+  ticket.client = {};
+
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
+}
+
+// A flood of tokens made later than this one made the replay file forget.
+TEST(AnAcceptor, RefusesATokenThatItMayHaveForgotten) {
+  const Service service;
+  const auto acceptor = service.Make();
+  std::string error;
+  const auto flood =
+      ReplayCache::Open(service.options.replay_file, service.options.replay_capacity, error);
+  ASSERT_TRUE(flood) << error;
+  const auto later = static_cast<std::uint32_t>(std::time(nullptr)) + 200;
+  for (int i = 0; i < 40000; ++i)
+    flood->Remember(std::to_string(i), later);
+
+  const Acceptance result = acceptor->Accept(Token(TicketWithPac()));
+
+  EXPECT_EQ(Reason(result), RefusalReason::kReplay);
+  EXPECT_EQ(result.refusal->text, "the token may have been accepted before");
+}
+
+TEST(AnAcceptor, TakesCredentialsThatAreDelegatedWhole) {
+  const auto decision = [](const std::string& delegated) {
+    ForgedTicket ticket = Ticket();
+    ticket.gss_checksum = GssChecksum("", 1) + delegated;
+    return Decision(WithoutPac(), Token(ticket));
+  };
+
+  EXPECT_TRUE(decision(std::string("\1\0\3\0abc", 7)));
+  EXPECT_EQ(Reason(decision(std::string("\1\0\4\0abc", 7))), RefusalReason::kMalformed);
+  EXPECT_EQ(Reason(decision(std::string("\2\0\3\0abc", 7))), RefusalReason::kMalformed);
+}
+
+TEST(AnAcceptor, ReadsWhatElseTheSettingsSay) {
+  const Service service(WithoutPac());
+  std::ofstream(service.settings / "krb5.conf")
+      << "[libdefaults]\ndns_canonicalize_hostname = false\nclockskew = 1\n";
+
+  EXPECT_TRUE(service.Make()->Accept(Token(Ticket())));
+}
+
+TEST(ARefusal, HasANameForItsReason) {
+  EXPECT_STREQ(Name(RefusalReason::kNoToken), "no-token");
+  EXPECT_STREQ(Name(RefusalReason::kPacWrong), "pac-wrong");
+  EXPECT_STREQ(Name(RefusalReason::kUnfinished), "unfinished");
+  EXPECT_STREQ(Name(RefusalReason::kInternal), "internal");
 }
 
 TEST(AnAcceptor, NamesTheSettingsThatTheKerberosLibraryCannotRead) {
