@@ -89,7 +89,8 @@ def _statements(plain):
 
 def _number(text):
     suffix = text[len(text.rstrip("uUlL")):]
-    value = int(text[:len(text) - len(suffix)].replace("'", ""), 0)
+    digits = text[:len(text) - len(suffix)].replace("'", "")
+    value = int(digits, 8 if re.fullmatch("0[0-7]+", digits) else 0)
     return [str(other) + suffix for other in (value + 1, value - 1) if other >= 0]
 
 
