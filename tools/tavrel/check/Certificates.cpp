@@ -23,7 +23,7 @@ Certificate PeerCertificate(LDAP* session) {
     return nullptr;
   }
   const auto* bytes = reinterpret_cast<const unsigned char*>(der.bv_val);
-  Certificate certificate(d2i_X509(nullptr, &bytes, static_cast<long>(der.bv_len)));
+  Certificate certificate(d2i_X509(nullptr, &bytes, static_cast<std::ptrdiff_t>(der.bv_len)));
   ldap_memfree(der.bv_val);
   return certificate;
 }
@@ -53,9 +53,10 @@ std::string Names(X509* certificate) {
 
 std::string Date(const ASN1_TIME* time) {
   std::tm parts = {};
-  char text[16] = "?";
-  if (ASN1_TIME_to_tm(time, &parts) == 1) std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
-  return text;
+  char text[16];
+  const bool known = ASN1_TIME_to_tm(time, &parts) == 1 &&
+                     std::strftime(text, sizeof text, "%Y-%m-%d", &parts) != 0;
+  return known ? text : "?";
 }
 
 std::string Describe(X509* certificate) {
@@ -106,7 +107,7 @@ void CheckCertificate(Subject& subject, Findings& findings) {
     } else if (access(controller.ca_file.c_str(), R_OK) != 0) {
       findings.Fail(check, controller.ca_file + ": " + std::strerror(errno), "name the CA file");
     } else if (!flaw.empty()) {
-      findings.Fail(check, flaw + "; " + found,
+      findings.Fail(check, std::string(flaw).append("; ").append(found),
                     "use a name that the certificate has, or renew it; see the clock as well");
     } else {
       findings.Fail(check, "not signed by " + controller.ca_file + "; " + found,

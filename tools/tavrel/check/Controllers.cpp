@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/Text.h"
 #include "tavrel/check/Checks.h"
 #include "tavrel/check/Session.h"
 
@@ -32,7 +33,9 @@ Controller FromServer(const LdapServer& server) {
   controller.port = controller.ldaps ? LDAPS_PORT : LDAP_PORT;
   const std::size_t colon = controller.host.rfind(':');
   if (colon != std::string::npos && controller.host.find(']', colon) == std::string::npos) {
-    controller.port = std::atoi(controller.host.c_str() + colon + 1);
+    constexpr int kMostPort = 65535;
+    const auto port = ParseNumber(controller.host.substr(colon + 1), 1, kMostPort);
+    controller.port = static_cast<int>(port.value_or(0));  // no controller is at 0
     controller.host.resize(colon);
   }
   if (controller.host.size() > 2 && controller.host.front() == '[') {  // an IPv6 address
@@ -175,25 +178,33 @@ void CheckReach(Subject& subject, Findings& findings) {
   }
 }
 
+namespace {
+
+// A controller's time as it writes it; empty, with the reason in `why` if there is one, when it
+// does not tell. Asked before anything is protected: with a clock that is off, no certificate may
+// be valid.
+std::string TimeOf(const Controller& controller, std::string& why) {
+  const Session session =
+      Open(controller, controller.ldaps ? Protection::kUnverified : Protection::kNone, why);
+  if (!session) return "";
+  int code = LDAP_SUCCESS;
+  const Message found =
+      Search(session.get(), "", LDAP_SCOPE_BASE, "(objectClass=*)", {"currentTime"}, code);
+  if (code != LDAP_SUCCESS) why = Explain(session.get(), code);
+  LDAPMessage* const entry = FirstEntry(session.get(), found);
+  return entry != nullptr ? GetValue(session.get(), entry, "currentTime") : "";
+}
+
+}  // namespace
+
 void CheckClock(Subject& subject, Findings& findings) {
   for (const Controller& controller : subject.controllers) {
     if (!controller.reached) continue;
-    // Before anything is protected: with a clock that is off, no certificate may be valid.
-    const Protection protection = controller.ldaps ? Protection::kUnverified : Protection::kNone;
     const std::string check = "clock of " + controller.host;
     std::string why;
-    const Session session = Open(controller, protection, why);
-    std::tm parts = {};
-    std::string text;
-    if (session) {
-      int code = LDAP_SUCCESS;
-      const Message found =
-          Search(session.get(), "", LDAP_SCOPE_BASE, "(objectClass=*)", {"currentTime"}, code);
-      LDAPMessage* const entry = FirstEntry(session.get(), found);
-      if (entry != nullptr) text = GetValue(session.get(), entry, "currentTime");
-      if (code != LDAP_SUCCESS) why = Explain(session.get(), code);
-    }
+    const std::string text = TimeOf(controller, why);
     const std::time_t now = std::time(nullptr);
+    std::tm parts = {};
     if (strptime(text.c_str(), "%Y%m%d%H%M%S", &parts) == nullptr) {
       findings.Warn(check, "cannot be had: " + (why.empty() ? "no currentTime" : why),
                     "compare the clocks by hand");

@@ -1,10 +1,9 @@
 // Checks of the administrator who joins, and of the account that a join uses or makes.
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <cstdint>
 #include <string_view>
 
+#include "common/Text.h"
 #include "tavrel/check/Checks.h"
 #include "tavrel/check/Session.h"
 
@@ -44,20 +43,29 @@ const Refusal* FindRefusal(const std::string& explanation) {
 std::string FilterValue(const std::string& text) {
   std::string result;
   for (const char c : text) {
-    char escaped[4];
-    std::snprintf(escaped, sizeof escaped, "\\%02x", static_cast<unsigned char>(c));
-    result += std::strchr("*()\\", c) != nullptr ? escaped : std::string(1, c);  // NUL included
+    if (std::string_view("*()\\\0", 5).find(c) == std::string_view::npos) {
+      result += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    result += {'\\', "0123456789abcdef"[byte >> 4U], "0123456789abcdef"[byte & 0xFU]};
   }
   return result;
+}
+
+// The number that an attribute holds; 0 when it holds none.
+std::int64_t Number(const std::string& value) {
+  return ParseNumber(value, INT32_MIN, UINT32_MAX).value_or(0);
 }
 
 // With which of the account's keys the KDC seals users' tickets. A controller takes the strongest
 // that it may, so AES beside RC4 is as good as AES alone.
 void CheckAccountEnctypes(const std::string& value, Findings& findings) {
-  constexpr long kRc4 = 0x4, kAes = 0x18;
+  constexpr std::int64_t kRc4 = 0x4;
+  constexpr std::int64_t kAes = 0x18;
   const std::string check = "account enctypes";
   const std::string remedy = "set msDS-SupportedEncryptionTypes of the account to 4 or 36";
-  const long types = std::atol(value.c_str());
+  const std::int64_t types = Number(value);
   if (types == 0) {
     findings.Warn(check, "not set: users can sign in where controllers then take arcfour-hmac",
                   remedy);
@@ -102,11 +110,10 @@ void CheckBind(Subject& subject, Findings& findings) {
     refused = code == LDAP_INVALID_CREDENTIALS;
     const std::string explanation = Explain(controller.session.get(), code);
     const Refusal* const refusal = FindRefusal(explanation);
-    if (refusal != nullptr) {
-      findings.Fail(check, user + ": " + refusal->meaning + ": " + explanation, refusal->remedy);
-    } else {
-      findings.Fail(check, user + ": " + explanation, "see what the controller says");
-    }
+    std::string found = user + ": ";
+    if (refusal != nullptr) found.append(refusal->meaning).append(": ");
+    findings.Fail(check, found.append(explanation),
+                  refusal != nullptr ? refusal->remedy : "see what the controller says");
   }
 }
 
@@ -127,7 +134,7 @@ void CheckJoinedAccount(Subject& subject, Findings& findings) {
   LDAPMessage* entry = FirstEntry(session, own);
   if (entry != nullptr) {
     const std::string host = GetValue(session, entry, "dNSHostName");
-    const long flags = std::atol(GetValue(session, entry, "userAccountControl").c_str());
+    const std::int64_t flags = Number(GetValue(session, entry, "userAccountControl"));
     std::string found = "exists";
     if (!host.empty()) found += ", for " + host;
     if ((flags & 2) != 0) found += ", disabled: a join enables it";
@@ -157,10 +164,11 @@ void CheckJoinedAccount(Subject& subject, Findings& findings) {
   entry = FirstEntry(session, other);
   if (entry != nullptr) {
     char* const dn = ldap_get_dn(session, entry);
-    findings.Fail(
-        check, "cannot be made: its name or service names belong to " + std::string(dn ? dn : "?"),
-        "remove that account, move it to the Computers container, or name the machine "
-        "differently");
+    findings.Fail(check,
+                  "cannot be made: its name or service names belong to " +
+                      std::string(dn != nullptr ? dn : "?"),
+                  "remove that account, move it to the Computers container, or name the machine "
+                  "differently");
     ldap_memfree(dn);
     return;
   }

@@ -50,11 +50,11 @@ std::string_view Find(std::string_view der, int tag) {
   while (!der.empty()) {
     const auto* at = reinterpret_cast<const unsigned char*>(der.data());
     const auto* const start = at;
-    long length = 0;
+    long length = 0;  // NOLINT(google-runtime-int): libcrypto's type
     int found = 0;
     int of_class = 0;
     const int form =
-        ASN1_get_object(&at, &length, &found, &of_class, static_cast<long>(der.size()));
+        ASN1_get_object(&at, &length, &found, &of_class, static_cast<std::ptrdiff_t>(der.size()));
     if ((form & 0x80) != 0) return {};
     const auto header = static_cast<std::size_t>(at - start);
     const auto size = static_cast<std::size_t>(length);

@@ -113,10 +113,12 @@ void CheckKeytabFile(Subject& subject, Findings& findings) {
     findings.Fail(check, "is no ordinary file", "name an ordinary file");
     return;
   }
-  char text[80];
-  std::snprintf(text, sizeof text, "mode %04o, owner %u, group %u", status.st_mode & 07777U,
-                status.st_uid, status.st_gid);
-  const std::string mode = text;
+  std::string mode = "mode ";
+  for (unsigned shift = 12; shift != 0;) {
+    shift -= 3;
+    mode += static_cast<char>('0' + (status.st_mode >> shift & 7U));
+  }
+  mode += ", owner " + std::to_string(status.st_uid) + ", group " + std::to_string(status.st_gid);
   if (!IsAllowed(path, R_OK)) {
     findings.Fail(check, mode + ": " + std::strerror(errno),
                   "let this process read it: it runs as user " + std::to_string(geteuid()));
