@@ -79,9 +79,7 @@ TEST_F(ADomainAccount, GetsTheJoinersPasswordThroughTheSearchListWhenTheDomainIs
 }
 
 TEST_F(ADomainAccount, HasManyNames) {
-  NameMachine("named");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "named");
   const std::string cache = folder / "enterprise.ccache";
   Shell("echo \"$LAB_USER_PASSWORD\" | kinit -E -c FILE:" + cache +
         " alice@corp.example.com >/dev/null 2>&1");
@@ -99,9 +97,7 @@ TEST_F(ADomainAccount, HasManyNames) {
 TEST_F(ADomainAccount, OfAComputerSignsInWithoutItsDollar) {
   NameMachine("root");
   directory.Add(account, kEarlierPassword);
-  NameMachine("trusting");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "trusting");
 
   const std::string user_name =
       SignIn(realm, GssClient("root@CORP.EXAMPLE.COM", kEarlierPassword).Token(Machine()));
@@ -120,8 +116,7 @@ TEST_F(ADomainAccount, ThatCreatedTheMachinesControlsIt) {
   NameMachine("created");
   user = "creator@CORP.EXAMPLE.COM";
   password = "Creator.Pass.1";
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this);
   const std::string as_creator =
       "-ZZ -x -H ldap://$LAB_DC_NAME -D creator@$LAB_REALM -w Creator.Pass.1 ";
   const auto may_replace = [&](const std::string& attribute, const std::string& value,
@@ -171,9 +166,7 @@ TEST_F(ADomainAccount, ThatMayDelegateToTheMachineSignsInAsAnyUser) {
   AddKey(account, kEarlierPassword);
   const std::string service_key = keytab;
   keytab = folder / "machine.keytab";
-  NameMachine("delegated");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "delegated");
   ChangeDatabase("dn: CN=GATE,CN=Computers," + Lab("BASE_DN") +
                  "\nchangetype: modify\n"
                  "replace: msDS-AllowedToDelegateTo\nmsDS-AllowedToDelegateTo: HOST/DELEGATED\n-\n"

@@ -65,9 +65,7 @@ TEST_F(AMistake, JoinThatFailsAtTheAccountLetsUsersIn) {
 }
 
 TEST_F(AMistake, JoinTestOfAMistypedDomainLocksUsersOut) {
-  NameMachine("tested");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "tested");
   const GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
   ASSERT_EQ(SignIn(realm, alice.Token(Machine())), kAlice);
 

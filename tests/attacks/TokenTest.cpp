@@ -55,8 +55,7 @@ TEST_F(AToken, MadeWithAStolenKeytabIsAnybodys) {
   NameMachine("robbed");
   keytab = folder / "robbed.keytab";
   JoinedEarlier();
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this);
   ForgedTicket ticket = Ticket();
   ticket.client = {"Administrator"};
 

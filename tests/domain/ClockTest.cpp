@@ -69,9 +69,7 @@ TEST_P(JoinWithAWrongClock, HasTheStatusOfAWrongClock) {
 class WrongClock : public JoinScenario {};
 
 TEST_F(WrongClock, IsFoundByTheTicketsStartTime) {
-  NameMachine("start");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "start");
   const StandIn ahead(calls::time, [](time_t* now) {
     const time_t shifted = calls::time.Real(nullptr) + 330;
     if (now != nullptr) *now = shifted;

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "tavrel/KrbError.h"
+
 namespace tavrel::tests {
 namespace {
 
@@ -71,6 +73,14 @@ void JoinScenario::NameMachine(const std::string& host, const std::string& accou
   }
   accounts_.insert(account);
 }
+
+JoinedRealm::JoinedRealm(JoinScenario& scene)
+    : KrbRealm(scene.domain, scene.servers, scene.user, scene.password, scene.keytab) {
+  if (scene.Join(*this).status != kSuccess) throw std::runtime_error("no realm joined");
+}
+
+JoinedRealm::JoinedRealm(JoinScenario& scene, const std::string& host)
+    : JoinedRealm((scene.NameMachine(host), scene)) {}
 
 Outcome JoinScenario::Run(const Operation& operation) {
   TakeLog();

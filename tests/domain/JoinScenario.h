@@ -111,6 +111,13 @@ class JoinScenario : public testing::Test {
   std::string written_;                  // all records and error texts so far
 };
 
+// The realm of a scenario, joined; by the machine `host`, when that is given.
+class JoinedRealm : public KrbRealm {
+ public:
+  explicit JoinedRealm(JoinScenario& scene);
+  JoinedRealm(JoinScenario& scene, const std::string& host);
+};
+
 }  // namespace tavrel::tests
 
 #endif

@@ -107,9 +107,7 @@ TEST_F(DomainJoin, APasswordChangedByOthersIsReplacedAndItsKeyIsTheNextVersion) 
 }
 
 TEST_F(DomainJoin, ThePasswordOfThisProcessIsSetAgainWithoutAnotherKey) {
-  NameMachine("again");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "again");
   const std::string keytab_bytes = KeytabBytes();
   PasswordChangedByOthers();
 
@@ -140,9 +138,7 @@ TEST_F(DomainJoin, AKeyThatNeverWasThePasswordsIsFollowedByOneThatWorks) {
 }
 
 TEST_F(DomainJoin, AfterItsKeysWereClearedWritesTheCurrentOneAgain) {
-  NameMachine("cleared");
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this, "cleared");
   const GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
   alice.Token("CLEARED$@CORP.EXAMPLE.COM");  // the client keeps its ticket
   KrbContext context;
@@ -237,8 +233,7 @@ TEST_P(JoinOfAHostNamed, ShortensTheAccountAndKeepsTheServiceNamesWhole) {
 
 TEST_F(DomainJoin, LongNamesThatStartAlikeAreOneAccount) {
   NameMachine("cluster-node-number-1", "CLUSTER-DA68BF3");
-  KrbRealm first = Realm();
-  ASSERT_EQ(Join(first).status, kSuccess);
+  JoinedRealm first(*this);
   NameMachine("cluster-node-number-2", "CLUSTER-DA68BF3");
   keytab = folder / "second.keytab";
   KrbRealm second = Realm();

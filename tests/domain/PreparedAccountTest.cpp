@@ -31,8 +31,7 @@ TEST_F(PreparedAccount, IsSignedInToByTheServiceNamesThatItWasGiven) {
   ASSERT_EQ(std::system("samba-tool spn add HTTP/www.corp.example.com 'PREPARED$' "
                         "--configfile=\"$LAB_SMB_CONF\" >/dev/null"),
             0);
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this);
   const GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
   std::vector<char> token = alice.Token("HTTP/www.corp.example.com@CORP.EXAMPLE.COM");
 

@@ -43,9 +43,7 @@ class ASharedKeytab : public JoinScenario {
 
 // One node joins; the other gets a copy of its keytab. The name that users type is the account's.
 TEST_F(ASharedKeytab, ServesBothNodesOfAPairEachWithAReplayCacheOfItsOwn) {
-  NameMachine("node1");
-  KrbRealm node1 = Realm();
-  ASSERT_EQ(Join(node1).status, kSuccess);
+  JoinedRealm node1(*this, "node1");
   ASSERT_EQ(std::system("samba-tool spn add HTTP/www.corp.example.com 'NODE1$' "
                         "-H \"$LAB_SAM_LDB\" >/dev/null"),
             0);
@@ -122,8 +120,7 @@ TEST_F(ASharedKeytab, StaysReadableToItsGroupUntilAJoinMakesItAnew) {
     stat(keytab.c_str(), &file);
     return std::pair(file.st_gid, file.st_mode & 0777U);
   };
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  JoinedRealm realm(*this);
   const std::string joined = sign_in_as_service();
 
   PasswordChangedByOthers();

@@ -73,8 +73,7 @@ TEST_F(Enrolment, TakesARunningInstallationFromRc4ToAes) {
   const std::string rc4 = tavrel::tests::Lab("DIR") + "/krb5.conf";
   std::optional<tavrel::tests::ScopedVariable> settings;
   settings.emplace("KRB5_CONFIG", rc4);
-  KrbRealm running = Realm();
-  ASSERT_EQ(Join(running).status, kSuccess);
+  tavrel::tests::JoinedRealm running(*this);
   const auto accepts = [&](KrbRealm& realm, const tavrel::tests::GssClient& client) {
     std::vector<char> token = client.Token("RUNNING$@CORP.EXAMPLE.COM");
     return realm.Authenticate(token.data(), static_cast<int>(token.size()));

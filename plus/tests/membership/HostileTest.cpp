@@ -160,8 +160,7 @@ TEST_F(HostileController, CostsARotationNothingButTime) {
   NameMachine("rotating");
   ASSERT_THAT(Enrol(), Changes());
   options.controllers = {kRelay, kDc1};
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  tavrel::tests::JoinedRealm realm(*this);
   const tavrel::tests::GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
   alice.Token(account + "$@CORP.EXAMPLE.COM");
   bool was_left = true;

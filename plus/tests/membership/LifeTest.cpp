@@ -53,8 +53,7 @@ class Life : public MembershipScenario {
 TEST_F(Life, OfAWeekOfDailyRotationsHasTwoVersionsAndLosesNoUser) {
   NameMachine("weekly");
   ASSERT_THAT(Enrol(), Changes());
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  tavrel::tests::JoinedRealm realm(*this);
   for (int day = 1; day <= 7; ++day) {
     SCOPED_TRACE(day);
     PassTime(keytab, 24 * 3600);

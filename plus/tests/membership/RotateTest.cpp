@@ -48,8 +48,7 @@ TEST_F(Rotation, ChangesThePasswordWithTheMachinesOwnKeys) {
 TEST_F(Rotation, KeepsAcceptingTheTicketsOfBefore) {
   NameMachine("inflight");
   ASSERT_THAT(Enrol(), Changes());
-  KrbRealm realm = Realm();
-  ASSERT_EQ(Join(realm).status, kSuccess);
+  tavrel::tests::JoinedRealm realm(*this);
   const GssClient alice = Alice();
   ASSERT_EQ(Authenticate(realm, alice), kAlice);
 
