@@ -32,8 +32,7 @@ using Response = std::unique_ptr<MHD_Response, DestroyResponse>;
 
 }  // namespace
 
-// --- requests
-// -------------------------------------------------------------------------------------
+// --- requests ------------------------------------------------------------------------------------
 
 std::string_view HttpRequest::Value(MHD_ValueKind kind, const char* name) const {
   const char* const value = MHD_lookup_connection_value(connection_, kind, name);
@@ -62,8 +61,7 @@ std::optional<Address> HttpRequest::Peer() const {
   return info != nullptr ? Address::Of(info->client_addr) : std::nullopt;
 }
 
-// --- connections
-// ----------------------------------------------------------------------------------
+// --- connections ---------------------------------------------------------------------------------
 
 // What libmicrohttpd calls. It is written in C: no exception may pass through it.
 struct HttpServer::Callbacks {

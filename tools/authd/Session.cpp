@@ -67,8 +67,7 @@ std::string Bound(std::string_view header, std::string_view host) {
   return "tavrel session" + std::string(header) + Lower(host);
 }
 
-// --- what is sealed
-// -------------------------------------------------------------------------------
+// --- what is sealed ------------------------------------------------------------------------------
 
 void PutNumber(std::string& to, std::uint64_t number, std::size_t size) {
   for (std::size_t i = size; i-- > 0;)
@@ -159,8 +158,7 @@ bool Unpack(std::string_view plain, User& user, std::int64_t& sealed) {
 
 }  // namespace
 
-// --- keys
-// -----------------------------------------------------------------------------------------
+// --- keys ----------------------------------------------------------------------------------------
 
 SessionKeys::~SessionKeys() {
   for (Key& key : keys_)
@@ -239,8 +237,7 @@ const SessionKeys::Key* SessionKeys::Find(std::string_view id) const {
   return found != keys_.end() ? &*found : nullptr;
 }
 
-// --- cookies
-// --------------------------------------------------------------------------------------
+// --- cookies -------------------------------------------------------------------------------------
 
 std::string Sessions::Seal(const User& user, std::string_view host, std::int64_t now) const {
   const SessionKeys::Key& key = keys_.ForSealing(now);

@@ -93,8 +93,7 @@ std::string AnswerSquid(std::string_view line, Gate* gate, Metrics* metrics) {
   return Message("ERR", "the user is in more groups than Squid can be told of");
 }
 
-// --- the daemon
-// -----------------------------------------------------------------------------------
+// --- the daemon ----------------------------------------------------------------------------------
 
 SquidServer::SquidServer(int listener, Gate* gate, Metrics* metrics)
     : listener_(listener),
@@ -147,8 +146,7 @@ bool SquidServer::Serve(Helper& helper) const {
   return helper.buffer.size() <= kLongestLine;
 }
 
-// --- the helper
-// -----------------------------------------------------------------------------------
+// --- the helper ----------------------------------------------------------------------------------
 
 namespace {
 
