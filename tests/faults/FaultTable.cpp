@@ -9,14 +9,6 @@
 namespace tavrel::tests {
 namespace {
 
-// A code of an error table, under its own name.
-#define CODE(name) \
-  { #name, name }
-// The same, for a call that has had its effect: the answer was lost, or the release reports
-// trouble.
-#define AFTER(name) \
-  { #name " after", name, 0, true }
-
 // What a controller, or the way to it, answers to any request.
 std::vector<Failure> Directory(std::vector<Failure> special) {
   std::vector<Failure> failures = {CODE(LDAP_SERVER_DOWN),      CODE(LDAP_TIMEOUT),
@@ -139,9 +131,6 @@ const std::vector<Fallible>& FaultTable() {
   };
   return table;
 }
-
-#undef CODE
-#undef AFTER
 
 const std::vector<Infallible>& CannotFail() {
   constexpr auto kRelease = "returns nothing: a release";

@@ -15,6 +15,13 @@ struct Failure {
   bool after = false;  // the call does its work first, and reports a failure all the same
 };
 
+// In a table: a code, under its own name; and the same for a call that has had its effect, since
+// the answer was lost, or the release reports trouble.
+#define CODE(name) \
+  { #name, name }
+#define AFTER(name) \
+  { #name " after", name, 0, true }
+
 struct Fallible {
   std::string call;
   std::vector<Failure> failures;  // those that matter; the first one is what all later calls get

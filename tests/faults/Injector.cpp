@@ -72,7 +72,7 @@ bool AllocationDue(const void* caller) {
   const Mode mode = state.plan.mode;
   if ((mode == Mode::kOneAllocation || mode == Mode::kAllLaterAllocations ||
        (mode == Mode::kCallThenNoMemory && state.injected.first)) &&
-      IsOnBehalfOfTheLibrary(caller)) {
+      IsOnBehalfOfTheLibrary(caller) && (!state.plan.counts || state.plan.counts())) {
     ++state.allocations;
     due = mode == Mode::kCallThenNoMemory || state.allocations == state.plan.nth ||
           (mode == Mode::kAllLaterAllocations && state.allocations > state.plan.nth);
@@ -111,6 +111,7 @@ const Failure* Due(const char* function, const std::string& detail) {
   const Fallible* const row = FindFallible(function);
   if (row == nullptr) return nullptr;
 
+  if (!state.injected.first && state.plan.counts && !state.plan.counts()) return nullptr;
   ++state.calls;
   const std::string call = function + detail;
   const int occurrence = ++state.occurrences[call];

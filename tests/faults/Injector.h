@@ -3,6 +3,7 @@
 #define TAVREL_TESTS_FAULTS_INJECTOR_H
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -21,8 +22,9 @@ enum class Mode {
 
 struct Plan {
   Mode mode = Mode::kNone;
-  int nth = 0;              // counted from 1
-  std::size_t failure = 0;  // which of the call's failures
+  int nth = 0;                     // counted from 1
+  std::size_t failure = 0;         // which of the call's failures
+  std::function<bool()> counts{};  // whether the call that is made counts; all do when it is empty
 };
 
 // The call that failed first.

@@ -6,11 +6,6 @@
 namespace tavrel::tests {
 namespace {
 
-#define CODE(name) \
-  { #name, name }
-// A call that has had its effect, and whose answer was lost.
-#define AFTER(name) \
-  { #name " after", name, 0, true }
 // -1, and this in errno.
 #define ERROR(name) \
   { #name, -1, name }
