@@ -242,7 +242,7 @@ TEST(Discovery, WritesTargetsAndPortsAsTextWithoutATrailingDot) {
   }
 }
 
-TEST(Discovery, TakesTheLongestNameThereIs) {
+TEST(Discovery, AcceptsTheLongestPossibleName) {
   // 255 bytes, each of which becomes four characters.
   std::string wire;
   std::string text;
@@ -360,7 +360,7 @@ TEST(Discovery, ReturnsAsManyServersAsTheAnswerHas) {
   }
 }
 
-TEST(Discovery, ReadsTheLargestMessageThereIsToItsEnd) {
+TEST(Discovery, ReadsTheLargestPossibleMessageToItsEnd) {
   const std::size_t rest = DnsMessage(kDomain)
                                .Record(ns_t_txt, "")
                                .Srv(389, DnsName("dc1.corp.example.com"))

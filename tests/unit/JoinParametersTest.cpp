@@ -126,7 +126,7 @@ TEST(GetMachineName, IsCutWhenTheSystemFillsTheBuffer) {
   EXPECT_EQ(machine, std::string(254, 'n'));
 }
 
-TEST(GetMachineName, HandsTheSystemAnEmptyBuffer) {
+TEST(GetMachineName, PassesTheSystemAnEmptyBuffer) {
   const StandIn idle(calls::gethostname, [](char* buffer, std::size_t size) {
     EXPECT_TRUE(std::all_of(buffer, buffer + size, [](char c) { return c == '\0'; }));
     std::copy_n("abc", 3, buffer);  // not terminated
@@ -255,7 +255,7 @@ TEST(GetMachineDN, PutsTheAccountIntoTheComputersContainerOfTheDomain) {
   EXPECT_EQ(Of("").GetMachineDN(), "cn=APPLIANCE,cn=Computers,");
 }
 
-TEST(GetMachineDN, HasAnEmptyNameWhenTheHostNameCannotBeHad) {
+TEST(GetMachineDN, HasAnEmptyNameWhenTheHostNameCannotBeRead) {
   const StandIn failing(calls::gethostname, [](char*, std::size_t) {
     errno = EFAULT;
     return -1;

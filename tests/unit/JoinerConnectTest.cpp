@@ -23,7 +23,7 @@ using vdi::LDAP_ENCRYPTION_LDAPS;
 using vdi::LDAP_ENCRYPTION_NONE;
 using vdi::LDAP_ENCRYPTION_STARTTLS;
 
-TEST_F(JoinerConnect, DoesNothingButKeepItsPointersWhenMade) {
+TEST_F(JoinerConnect, OnlyStoresItsPointersAtConstruction) {
   EXPECT_EQ(joiner.params, &params);
   EXPECT_EQ(joiner.discovery, &discovery);
   EXPECT_THAT(joiner.sessions, IsEmpty());
@@ -65,7 +65,7 @@ TEST_F(ConfiguredServers, AreAllBoundInTheirOrderAlthoughTheFirstAccepted) {
   EXPECT_THAT(log.Notable(), IsEmpty());
 }
 
-TEST_F(ConfiguredServers, BecomeSessionsOfWhichTheJoinerHasTheHandles) {
+TEST_F(ConfiguredServers, BecomeSessionsWhoseHandlesTheJoinerOwns) {
   joiner.Connect(&error);
 
   int session = 0;
@@ -145,7 +145,7 @@ TEST_F(ConfiguredServers, FailWithTheReasonOfTheLastWhenNoneAccepts) {
                   "3 ldap Connect: LDAP starttls failed against ldap://dc3:3268: Connect error"));
 }
 
-TEST_F(ConfiguredServers, AreTriedWithoutATextForTheReasonToo) {
+TEST_F(ConfiguredServers, AreTriedWhenTheCallerWantsNoReason) {
   fake.Refuse("ldap_sasl_bind_s 1", LDAP_INVALID_CREDENTIALS);
 
   EXPECT_TRUE(joiner.Connect(nullptr));

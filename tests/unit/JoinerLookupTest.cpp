@@ -293,7 +293,7 @@ TEST_F(AccountLookup, OnlyWarnsWhenNoSessionIsConnected) {
   }
 }
 
-TEST_F(AccountLookup, LooksUpWithoutATextForTheReasonToo) {
+TEST_F(AccountLookup, LooksUpWhenTheCallerWantsNoReason) {
   Sessions({"dc1"});
   fake.answers[1] = {LDAP_BUSY, {}};
 

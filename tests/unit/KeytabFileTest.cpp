@@ -226,7 +226,7 @@ TEST_F(ADamagedFile, WithAnEntryInItsMidstThatCannotBeReadIsLeftAlone) {
 }
 
 // libkrb5 reckons in 32 bits where the next entry starts.
-TEST_F(ADamagedFile, WithALengthThatLeadsOutOfAllFilesIsLeftAlone) {
+TEST_F(ADamagedFile, WithALengthBeyondAnyFileIsLeftAlone) {
   RefusesToAddTo(kVersion + Length(INT32_MAX) + EntryOf(kHere).substr(4));
 }
 
@@ -281,7 +281,7 @@ TEST_F(ADamagedFile, KeepsItsEntriesWhenTheyCouldNotBeWalkedThrough) {
 }
 
 // Whatever keeps the library from looking at the file keeps it from adding to it.
-TEST_F(ADamagedFile, ThatCannotBeLookedAtIsLeftAlone) {
+TEST_F(ADamagedFile, ThatCannotBeInspectedIsLeftAlone) {
   const std::string bytes = kVersion + EntryOf(kHere) + "cut";
   Put(bytes);
   const auto fails = [&](const std::string& why) {
@@ -348,7 +348,7 @@ TEST(ADamagedFileForWriting, IsMendedAsWell) {
 }
 
 // As libkrb5 does where open files cannot be locked.
-TEST_F(ADamagedFile, IsLockedForTheProcessWhereItCannotBeOtherwise) {
+TEST_F(ADamagedFile, IsLockedByProcessWhereTheSystemHasNoOtherLock) {
   Put("\5");
   std::vector<int> commands;
   const StandIn locked(calls::fcntl, [&](int descriptor, int command, void* lock) {
@@ -401,7 +401,7 @@ TEST(AWholeFile, MayBeOfAnySize) {
   EXPECT_EQ(scratch.Entries().size(), 41U);
 }
 
-TEST(AKeytabInMemory, IsNoFileToLookAt) {
+TEST(AKeytabInMemory, IsNotTakenForAFile) {
   ScratchKeytab scratch("MEMORY");
   ASSERT_TRUE(scratch.krb.SetKeytab("MEMORY:" + std::string(5000, 'x')));  // no path is as long
 

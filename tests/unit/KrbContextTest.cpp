@@ -182,7 +182,7 @@ TEST(SetKeytab, AnEmptyPathClosesTheEarlierKeytab) {
   EXPECT_THAT(log.Notable(), ElementsAre("4 krb-param SetKeytab: Keytab path is empty"));
 }
 
-TEST(SetKeytab, HandsTheNameOverAsItIs) {
+TEST(SetKeytab, PassesTheNameUnchanged) {
   const KrbSettings settings;
   const std::string file = settings / "not there yet";
   for (const std::string& name : {file, "FILE:" + file, "WRFILE:" + file, std::string("MEMORY:a b"),

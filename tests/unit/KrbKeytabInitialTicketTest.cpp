@@ -183,7 +183,7 @@ TEST_P(InitialTicket, ThatIsRefusedWithoutATextClearsTheCallers) {
   EXPECT_THAT(log.Notable(), ElementsAre(GetParam().failure));
 }
 
-TEST(AskingWithTheKeytab, HandsOverThePrincipalTheKeytabAndNothingElse) {
+TEST(AskingWithTheKeytab, PassesThePrincipalTheKeytabAndNothingElse) {
   ScratchKeytab scratch;
   scratch.Add({kMachine, 1});
   int asked = 0;
@@ -206,7 +206,7 @@ TEST(AskingWithTheKeytab, HandsOverThePrincipalTheKeytabAndNothingElse) {
   EXPECT_EQ(asked, 1);
 }
 
-TEST(AskingWithAPassword, HandsOverThePrincipalThePasswordAndNothingElse) {
+TEST(AskingWithAPassword, PassesThePrincipalThePasswordAndNothingElse) {
   for (const std::string& password : {std::string(), std::string("Secret.1 \xc3\xa4%s\\")}) {
     ScratchKeytab scratch;
     std::vector<std::string> passwords;

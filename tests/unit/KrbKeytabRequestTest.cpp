@@ -324,7 +324,7 @@ TEST_F(ARequest, IsRefusedWhenTheAuthContextCannotBeMade) {
                                          "context: Cannot allocate memory"));
 }
 
-TEST_F(ARequest, IsHandedToTheLibraryAsItIs) {
+TEST_F(ARequest, IsPassedToTheLibraryUnchanged) {
   std::vector<char> request = {'A', '\0', 'B'};
   int asked = 0;
   const StandIn read(calls::krb5_rd_req,

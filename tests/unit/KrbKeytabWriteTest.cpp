@@ -209,7 +209,7 @@ TEST(WritingAKey, ThatIsCurrentReleasesWhatItDerived) {
   EXPECT_THAT(trace.Names(), ElementsAreArray(expected));
 }
 
-TEST(WritingAKey, HandsTheLibraryTheSaltThePasswordAndAClearedEntry) {
+TEST(WritingAKey, PassesTheLibraryTheSaltThePasswordAndAClearedEntry) {
   ScratchKeytab scratch;
   const std::string password("pass\0word", 9);
   std::string salt;

@@ -196,7 +196,7 @@ TEST_F(TheScan, TakesWhatFollowsTheIdentifierThatCounts) {
   }
 }
 
-TEST(AToken, MayHaveItsIdentifierAtAnyPlace) {
+TEST(AToken, MayHaveItsIdentifierAtAnyOffset) {
   const KrbSettings settings;
   Joined realm;
   for (const std::size_t place : {256U, 300U, 65'536U}) {

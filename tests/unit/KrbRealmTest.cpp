@@ -54,7 +54,7 @@ class Realm : public KrbRealm {
 
 // --- construction --------------------------------------------------------------------------------
 
-TEST(ARealmMade, HoldsWhatItWasGiven) {
+TEST(ANewRealm, HoldsWhatItWasGiven) {
   const KrbSettings settings;
   LogCapture log;
   CallTrace trace;
@@ -72,7 +72,7 @@ TEST(ARealmMade, HoldsWhatItWasGiven) {
   EXPECT_THAT(trace.Names(), ElementsAre("krb5_init_context", "krb5_kt_resolve"));
 }
 
-TEST(ARealmMade, WithAnEmptyKeytabPathHasNoKeytab) {
+TEST(ANewRealm, WithAnEmptyKeytabPathHasNoKeytab) {
   const KrbSettings settings;
   LogCapture log;
 
@@ -85,7 +85,7 @@ TEST(ARealmMade, WithAnEmptyKeytabPathHasNoKeytab) {
                           "4 krb-realm KrbRealm: Error initializing kerberos keytab to "));
 }
 
-TEST(ARealmMade, WithoutAReadableConfigurationHasNoContext) {
+TEST(ANewRealm, WithoutAReadableConfigurationHasNoContext) {
   const KrbSettings settings;
   std::ofstream(settings / "broken.conf") << "[libdefaults\n";
   const ScopedVariable broken("KRB5_CONFIG", settings / "broken.conf");
@@ -178,7 +178,7 @@ struct ThreadState {
   std::vector<int> blocked;
 };
 
-TEST(ARealm, PutsOffTheCancellationOfItsThreadAndBrokenPipesAloneOfItsSignals) {
+TEST(ARealm, DefersCancellationAndBlocksNoSignalButBrokenPipe) {
   const KrbSettings settings;
   LogCapture log;
   Realm realm("corp.example.com", {{"dc1", vdi::LDAP_ENCRYPTION_NONE, ""}}, "Admin", "Admin.Pass.1",

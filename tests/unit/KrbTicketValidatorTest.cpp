@@ -59,7 +59,7 @@ TEST(IsStartTimeValid, AcceptsAStartUpTo300SecondsFromNow) {
   }
 }
 
-TEST(IsStartTimeValid, JudgesByTheStartWheneverThereIsOne) {
+TEST(IsStartTimeValid, UsesTheStartTimeWheneverThereIsOne) {
   EXPECT_TRUE(StartValid(kNow, Times(kNow + 9999, kNow, 0)));
   EXPECT_FALSE(StartValid(kNow, Times(kNow, kNow + 9999, 0)));
   EXPECT_FALSE(StartValid(kNow, Times(kNow, 1, 0)));
@@ -121,7 +121,7 @@ TEST(IsTicketTimeValid, GrantsTheStartAndTheEnd300SecondsOfGrace) {
   }
 }
 
-TEST(IsTicketTimeValid, JudgesByTheStartWheneverThereIsOne) {
+TEST(IsTicketTimeValid, UsesTheStartTimeWheneverThereIsOne) {
   EXPECT_TRUE(TicketValid(kNow, Times(kNow + 9999, kNow, kNow)));
   EXPECT_FALSE(TicketValid(kNow, Times(kNow, kNow + 9999, kLatest)));
 }

@@ -215,7 +215,7 @@ TEST(Connect, TakesEveryCodeButZeroForAFailure) {
   }
 }
 
-TEST(Connect, HandsUserAndPasswordOverAsGiven) {
+TEST(Connect, PassesUserAndPasswordAsGiven) {
   FakeLdap fake;
   const std::string password("a\0b", 3);
   const std::vector<std::pair<std::string, std::string>> given = {
@@ -273,7 +273,7 @@ TEST(Connect, LogsWhomItConnectsToAndThatItIsBound) {
                                         Field(&LogRecord::line, testing::Gt(0)))));
 }
 
-TEST(LdapSession, KeepsItsThreeValuesAndContactsNobodyWhenMade) {
+TEST(LdapSession, StoresItsThreeValuesAndContactsNobodyAtConstruction) {
   FakeLdap fake;
   LogCapture log;
 

@@ -249,7 +249,7 @@ TEST(RandomString, IsEmptyWhenTheTextCannotBeEncoded) {
   EXPECT_THAT(trace.Names(), testing::Contains("BIO_free_all").Times(1));
 }
 
-TEST(RandomString, IsEmptyWhenTheEncodedTextCannotBeHad) {
+TEST(RandomString, IsEmptyWhenTheEncodedTextCannotBeRead) {
   const StandIn broken(calls::BIO_ctrl, [](BIO* bio, int command, long number, void* pointer) {
     if (command == BIO_C_GET_BUF_MEM_PTR) return 0L;
     return calls::BIO_ctrl.Real(bio, command, number, pointer);
