@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "KrbFree.h"
+
 namespace tavrel::tests {
 
 const std::string kSpnegoOid = "\x2b\x06\x01\x05\x05\x02";
@@ -33,14 +35,6 @@ using der::Integer;
 using der::PrincipalName;
 using der::Time;
 
-template <auto Free>
-struct KrbFree {
-  krb5_context context;
-  template <typename T>
-  void operator()(T* object) const {
-    Free(context, object);
-  }
-};
 using Context = std::unique_ptr<std::remove_pointer_t<krb5_context>, decltype(&krb5_free_context)>;
 using Principal =
     std::unique_ptr<std::remove_pointer_t<krb5_principal>, KrbFree<krb5_free_principal>>;

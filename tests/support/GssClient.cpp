@@ -6,18 +6,10 @@
 #include <memory>
 #include <stdexcept>
 
+#include "KrbFree.h"
+
 namespace tavrel::tests {
 namespace {
-
-// Frees a libkrb5 object with the context it came from.
-template <auto Free>
-struct KrbFree {
-  krb5_context context;
-  template <typename T>
-  void operator()(T* object) const {
-    Free(context, object);
-  }
-};
 
 using KrbPrincipal = std::unique_ptr<krb5_principal_data, KrbFree<krb5_free_principal>>;
 

@@ -282,7 +282,7 @@ TEST_F(ADamagedFile, KeepsItsEntriesWhenTheyCouldNotBeWalkedThrough) {
 
 // Whatever keeps the library from looking at the file keeps it from adding to it.
 TEST_F(ADamagedFile, ThatCannotBeInspectedIsLeftAlone) {
-  const std::string bytes = kVersion + EntryOf(kHere) + "cut";
+  std::string bytes = kVersion + EntryOf(kHere) + "cut";
   Put(bytes);
   const auto fails = [&](const std::string& why) {
     LogCapture log;
@@ -336,6 +336,18 @@ TEST_F(ADamagedFile, ThatCannotBeInspectedIsLeftAlone) {
     const StandIn shortened(calls::ftruncate, broken);
     fails("No such device");
   }
+
+  // A cut entry of which only the length stands in the first block that is read.
+  bytes = kVersion + EntryOf(kHere, 4089 - EntryOf(kHere).size()) + EntryOf(kLost);
+  bytes.pop_back();
+  Put(bytes);
+  int reads = 0;
+  const StandIn read_once(calls::pread, [&](int file, void* into, std::size_t size, off_t at) {
+    if (++reads == 1) return calls::pread.Real(file, into, size, at);
+    return static_cast<ssize_t>(broken());
+  });
+  fails("No such device");
+  EXPECT_EQ(reads, 2);
 }
 
 TEST(ADamagedFileForWriting, IsMendedAsWell) {

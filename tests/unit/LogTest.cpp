@@ -9,6 +9,7 @@
 
 #include "JoinerFixture.h"
 #include "ScratchKeytab.h"
+#include "tavrel/DiscoveryService.h"
 #include "tavrel/KrbRealm.h"
 
 namespace tavrel::tests {
@@ -48,6 +49,17 @@ TEST_F(ALogRecord, NamesTheLineOfItsStatement) {
   EXPECT_GT(last["Join.cpp"], 255);
   EXPECT_GT(last["KrbKeytab.cpp"], 255);
   EXPECT_EQ(last.count("KrbRealm.cpp"), 1U);
+}
+
+TEST_F(ALogRecord, IsWholeWhateverItsLength) {
+  const StandIn nobody(calls::res_search,
+                       [](const char*, int, int, unsigned char*, int) { return -1; });
+  for (std::size_t length = 200; length < 300; ++length) {
+    const std::string domain(length, 'x');
+    log.Clear();
+    DNSDiscoveryService().GetLDAPHosts(domain);
+    EXPECT_EQ(log.Records().front().message, "Discovering dns hosts for domain " + domain);
+  }
 }
 
 }  // namespace
