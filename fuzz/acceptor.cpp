@@ -1,6 +1,6 @@
 // Requests. The first byte of the input chooses: 0 makes the rest the token; anything else makes it
-// a script, by which the sealed part of a ticket that is right is spoilt and sealed again, and the
-// service's name and the version of its key beside it are chosen.
+// a script, by which a sealed part, the ticket's or the authenticator's, is spoilt and sealed
+// again, and the service's name and the version of its key beside it are chosen.
 #include <krb5.h>
 
 #include <cstdint>
@@ -14,24 +14,11 @@ namespace tavrel::fuzz {
 namespace {
 
 using namespace plus;
+using plus::tests::ForgedToken;
 using tavrel::tests::Der;
 using tavrel::tests::ForgedTicket;
-namespace der = tavrel::tests::der;
 
-struct Scene {
-  Scene() {
-    krb5_init_context(&context);
-    key = tavrel::tests::ServiceKey(context, plus::tests::Ticket());
-    krb5_c_make_random_key(context, key.enctype, &session);
-  }
-
-  Judges judges;
-  krb5_context context = nullptr;
-  krb5_keyblock key{};
-  krb5_keyblock session{};
-};
-
-std::string Forge(const Scene& scene, Script& script) {
+std::string Forge(Script& script) {
   static const ForgedTicket right = plus::tests::TicketWithPac();
   ForgedTicket ticket = right;
   const unsigned choice = script.Byte();
@@ -40,58 +27,39 @@ std::string Forge(const Scene& scene, Script& script) {
   if ((choice & 4) != 0) ticket.kvno = script.Byte();
   if ((choice & 8) != 0) ticket.client = {script.Text(), script.Text()};
   if ((choice & 16) != 0) ticket.flags = static_cast<krb5_flags>(script.Word() << 16U);
-  std::string plain = tavrel::tests::EncTicketPart(ticket, scene.session);
+  ForgedToken token(ticket);
+  if ((choice & 64) != 0) token.of_ticket[4] = plus::tests::TypedField(1, script.Text());
+  if ((choice & 128) != 0) {
+    token.of_authenticator[6] = plus::tests::KeyField(token.session_enctype, 32);
+    token.of_authenticator[7] = tavrel::tests::der::Integer(script.Word());
+    token.of_authenticator[8] =
+        Der(0x30, plus::tests::TypedField(static_cast<std::int32_t>(script.Byte()), script.Text()));
+  }
+  std::string ticket_part = token.TicketPart();
+  std::string authenticator = token.Authenticator();
+  std::string& spoilt = (choice & 32) != 0 ? authenticator : ticket_part;
   while (!script.Done()) {
     const std::size_t at = script.Word();
-    if (at < plain.size()) plain[at] = static_cast<char>(script.Byte());
+    if (at < spoilt.size()) spoilt[at] = static_cast<char>(script.Byte());
   }
-  const std::string sealed_ticket = Der(
-      0x30,
-      der::Field(0, der::Integer(scene.key.enctype)) + der::Field(1, der::Integer(ticket.kvno)) +
-          der::Field(2, Der(0x04, tavrel::tests::Encrypt(scene.context, scene.key,
-                                                         tavrel::tests::kTicketKeyUsage, plain))));
-  const std::string names =
-      Der(0x61,
-          Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, Der(0x1b, ticket.server_realm)) +
-                        der::Field(2, der::PrincipalName(ticket.server)) +
-                        der::Field(3, sealed_ticket)));
-  std::string checksum = *right.gss_checksum;
-  const std::string authenticator =
-      Der(0x62,
-          Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, Der(0x1b, ticket.client_realm)) +
-                        der::Field(2, der::PrincipalName(ticket.client)) +
-                        der::Field(3, Der(0x30, der::Field(0, der::Integer(0x8003)) +
-                                                    der::Field(1, Der(0x04, checksum)))) +
-                        der::Field(4, der::Integer(1)) +
-                        der::Field(5, der::Time(static_cast<krb5_timestamp>(std::time(nullptr))))));
-  const std::string sealed_authenticator =
-      Der(0x30,
-          der::Field(0, der::Integer(scene.session.enctype)) +
-              der::Field(2, Der(0x04, tavrel::tests::Encrypt(scene.context, scene.session,
-                                                             tavrel::tests::kAuthenticatorKeyUsage,
-                                                             authenticator))));
-  const std::string request =
-      Der(0x6e, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, der::Integer(14)) +
-                              der::Field(2, der::BitString(0)) + der::Field(3, names) +
-                              der::Field(4, sealed_authenticator)));
-  return Der(0x60, Der(0x06, tavrel::tests::kKerberosOid) + std::string("\x01\x00", 2) + request);
+  return token.Sealed(ticket_part, authenticator);
 }
 
 void Try(const std::uint8_t* data, std::size_t size) {
-  static const Scene scene;
+  static const Judges judges;
   if (size == 0) return;
   std::string token(reinterpret_cast<const char*>(data) + 1, size - 1);
   if (data[0] != 0) {
     Script script(data + 1, size - 1);
-    token = Forge(scene, script);
+    token = Forge(script);
   }
 
   const Acceptance result =
-      scene.judges.Decide(token, {
-                                     RefusalReason::kMalformed,     // see spnego.cpp
-                                     RefusalReason::kWrongService,  // any name that the key opens
-                                     RefusalReason::kPacWrong,  // a PAC it cannot read it ignores
-                                 });
+      judges.Decide(token, {
+                               RefusalReason::kMalformed,     // see spnego.cpp
+                               RefusalReason::kWrongService,  // any name that the key opens
+                               RefusalReason::kPacWrong,      // a PAC it cannot read it ignores
+                           });
 
   if (data[0] == 1 && size == 1) {
     Expect(result.identity.has_value(), "what is right is accepted");

@@ -1,5 +1,7 @@
 #include "tavrel/plus/Acceptor.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
@@ -29,37 +31,13 @@ const Logger logger("krb-acceptor");
 constexpr std::int32_t kMostTolerance = 86400;
 constexpr std::uint32_t kDceStyle = 0x1000;  // GSS_C_DCE_STYLE
 
-using Ticket = std::unique_ptr<krb5_ticket, KrbFree<krb5_free_ticket>>;
-using OwnedAuthenticator = std::unique_ptr<krb5_authenticator, KrbFree<krb5_free_authenticator>>;
-using AuthDataList = std::unique_ptr<krb5_authdata*, KrbFree<krb5_free_authdata>>;
-using OwnedData = std::unique_ptr<krb5_data, KrbFree<krb5_free_data_contents>>;
+constexpr krb5_keyusage kTicketUse = 2;  // RFC 4120, 7.5.1
+constexpr krb5_keyusage kAuthenticatorUse = 11;
+constexpr krb5_keyusage kReplyUse = 12;
 
-// The state of one exchange; empty until it is made.
-class AuthContext {
- public:
-  explicit AuthContext(krb5_context context) : context_(context) {}
-  AuthContext(const AuthContext&) = delete;
-  AuthContext& operator=(const AuthContext&) = delete;
-  ~AuthContext() { Release(); }
-
-  // A new one, in which `key` opens the ticket and nothing is looked up in a replay cache.
-  krb5_error_code Renew(krb5_keyblock& key) {
-    Release();
-    if (const krb5_error_code code = krb5_auth_con_init(context_, &handle_)) return code;
-    krb5_auth_con_setflags(context_, handle_, 0);
-    return krb5_auth_con_setuseruserkey(context_, handle_, &key);
-  }
-  krb5_auth_context& Get() { return handle_; }
-
- private:
-  void Release() {
-    if (handle_ != nullptr) krb5_auth_con_free(context_, handle_);
-    handle_ = nullptr;
-  }
-
-  krb5_context context_;
-  krb5_auth_context handle_ = nullptr;
-};
+using AuthContext =
+    std::unique_ptr<std::remove_pointer_t<krb5_auth_context>, KrbFree<krb5_auth_con_free>>;
+using OwnedTicket = std::unique_ptr<krb5_ticket, KrbFree<krb5_free_ticket>>;
 
 // A name that a peer chose, as a record and a refusal may show it.
 std::string Cleaned(std::string_view name) {
@@ -95,27 +73,31 @@ bool Allows(const std::string& allowed, const Principal& service) {
   return service.components[0].find('/') == std::string::npos && SameIgnoringCase(allowed, whole);
 }
 
-std::int64_t Seconds(krb5_timestamp time) {
-  return static_cast<std::uint32_t>(time);  // the library counts to 2106
-}
-
-// A ticket without a start begins when the user signed in.
-std::int64_t StartOf(const krb5_enc_tkt_part& ticket) {
-  return Seconds(ticket.times.starttime != 0 ? ticket.times.starttime : ticket.times.authtime);
-}
-
 krb5_data Data(std::string_view bytes) {
   return {0, static_cast<unsigned>(bytes.size()), const_cast<char*>(bytes.data())};  // only read
 }
 
-Principal ToPrincipal(krb5_const_principal principal) {
-  Principal result;
-  result.realm = View(principal->realm);
-  for (krb5_int32 i = 0; i < principal->length; ++i) {
-    result.components.emplace_back(View(principal->data[i]));
+// A name for the library, which only reads it.
+class BorrowedPrincipal {
+ public:
+  BorrowedPrincipal(const Principal& name, std::int32_t type) {
+    for (const std::string& component : name.components) {
+      components_.push_back(Data(component));
+    }
+    principal_.type = type;
+    principal_.realm = Data(name.realm);
+    principal_.data = components_.data();
+    principal_.length = static_cast<krb5_int32>(components_.size());
   }
-  return result;
-}
+  BorrowedPrincipal(const BorrowedPrincipal&) = delete;
+  BorrowedPrincipal& operator=(const BorrowedPrincipal&) = delete;
+
+  krb5_const_principal Get() const { return &principal_; }
+
+ private:
+  std::vector<krb5_data> components_;
+  krb5_principal_data principal_{};
+};
 
 Refusal Because(RefusalReason reason, std::string text) {
   Refusal refusal;
@@ -138,19 +120,6 @@ void Record(const Identity& identity, const std::string& service,
 
 constexpr char kNoLibrary[] = "the Kerberos library cannot be set up";
 
-std::string_view BytesOf(const krb5_keyblock& key) {
-  return {reinterpret_cast<const char*>(key.contents), key.length};
-}
-
-// A key for the library, which only reads it.
-krb5_keyblock Borrowed(std::string_view bytes, krb5_enctype enctype) {
-  krb5_keyblock key{};
-  key.enctype = enctype;
-  key.length = static_cast<unsigned>(bytes.size());
-  key.contents = reinterpret_cast<krb5_octet*>(const_cast<char*>(bytes.data()));
-  return key;
-}
-
 Refusal OfToken(const InitialToken& token) {
   using Kind = InitialToken::Kind;
   switch (token.kind) {
@@ -165,41 +134,32 @@ Refusal OfToken(const InitialToken& token) {
   }
 }
 
-// True when `key` opens the request's ticket.
-bool Opens(krb5_context context, const krb5_keyblock& key, const ApRequest& request) {
-  constexpr krb5_keyusage kTicket = 2;  // RFC 4120, 7.5.1
-  Secret plain(request.ticket.size());
-  krb5_data output{0, static_cast<unsigned>(plain.Size()), plain.Data()};
+// Opens what `key` sealed for that use.
+krb5_error_code Unseal(krb5_context context, krb5_key key, krb5_keyusage use, krb5_enctype enctype,
+                       std::string_view ciphertext, Secret& bytes, std::string_view& plain) {
+  bytes = Secret(ciphertext.size());
+  krb5_data output{0, static_cast<unsigned>(bytes.Size()), bytes.Data()};
   krb5_enc_data sealed{};
-  sealed.enctype = request.enctype;
-  sealed.ciphertext = Data(request.ticket);
-  return krb5_c_decrypt(context, &key, kTicket, nullptr, &sealed, &output) == 0;
+  sealed.enctype = enctype;
+  sealed.ciphertext = Data(ciphertext);
+  const krb5_error_code code = krb5_k_decrypt(context, key, use, nullptr, &sealed, &output);
+  if (code == 0) plain = View(output);
+  return code;
 }
 
-// Why the library refuses a request whose ticket opens.
-Refusal OfCode(krb5_context context, krb5_error_code code) {
-  switch (code) {
-    case KRB5KRB_AP_ERR_TKT_EXPIRED: return Because(RefusalReason::kExpired, "the ticket is over");
-    case KRB5KRB_AP_ERR_TKT_NYV:
-      return Because(RefusalReason::kNotYetValid, "the ticket has not begun");
-    case KRB5KRB_AP_ERR_TKT_INVALID:
-      return Because(RefusalReason::kNotYetValid, "the ticket is marked invalid");
-    case KRB5KRB_AP_ERR_SKEW:
-      return Because(RefusalReason::kClock, "the client's clock is years off");
-    case KRB5_NOPERM_ETYPE:
-      return Because(RefusalReason::kEnctype, "an encryption type that is not allowed");
-    case KRB5KRB_AP_ERR_BAD_INTEGRITY:
-    case KRB5KRB_AP_ERR_BADMATCH:
-    case KRB5KRB_AP_ERR_BADADDR:
-    case KRB5KRB_AP_ERR_ILL_CR_TKT:
-    case KRB5KRB_AP_ERR_MODIFIED:
-      return Because(RefusalReason::kNotGenuine, KrbMessage(context, code));
-    case EINVAL:
-    case ERANGE:  // the library looks at the PAC as well
-      return Because(RefusalReason::kPacWrong, "the ticket's PAC: it cannot be parsed");
-    case ENOMEM: return Because(RefusalReason::kInternal, KrbMessage(context, code));
-    default: return Because(RefusalReason::kMalformed, KrbMessage(context, code));
-  }
+// True when `key` is as long as those of its type, which the library knows.
+bool Fits(krb5_context context, const SealedKey& key) {
+  std::size_t random_bytes = 0;
+  std::size_t size = 0;
+  return krb5_c_keylengths(context, key.enctype, &random_bytes, &size) == 0 &&
+         size == key.bytes.size();
+}
+
+Refusal OfNoPermission(const SealedKey& key) {
+  Refusal refusal =
+      Because(RefusalReason::kEnctype, "the session key's encryption type is not allowed");
+  refusal.enctype = key.enctype;
+  return refusal;
 }
 
 // The list of mechanisms is as the client made it.
@@ -209,22 +169,13 @@ std::optional<Refusal> CheckMic(krb5_context context, const krb5_keyblock& key,
   return Because(RefusalReason::kNotGenuine, "the mechListMIC is not of this list");
 }
 
-// The list of a ticket's or an authenticator's data of one type, those in AD-IF-RELEVANT included.
-AuthDataList Find(krb5_context context, krb5_authdata* const* of_ticket,
-                  krb5_authdata* const* of_request, krb5_authdatatype type) {
-  krb5_authdata** found = nullptr;
-  if (krb5_find_authdata(context, of_ticket, of_request, type, &found) != 0) found = nullptr;
-  return AuthDataList(found, {context});
-}
-
 // True when the client says that it binds its tokens ([MS-KILE] 3.2.5.8): then one that names no
 // channel was stripped of it, or came through none.
-bool ClaimsToBind(krb5_context context, const krb5_authenticator& authenticator) {
-  constexpr krb5_authdatatype kApOptions = 143;
+bool ClaimsToBind(const Authenticator& authenticator) {
   constexpr unsigned char kChannelBinding = 0x40;  // of the second byte
-  const auto found = Find(context, nullptr, authenticator.authorization_data, kApOptions);
-  const krb5_authdata* const first = found ? found.get()[0] : nullptr;
-  return first != nullptr && first->length >= 4 && (first->contents[1] & kChannelBinding) != 0;
+  const auto& options = authenticator.data.ap_options;
+  return !options.empty() && options[0].size() >= 4 &&
+         (static_cast<unsigned char>(options[0][1]) & kChannelBinding) != 0;
 }
 
 }  // namespace
@@ -246,46 +197,54 @@ Negotiation::~Negotiation() = default;
 
 // What an acceptor has; the methods that decide are const, and all state is guarded.
 struct Acceptor::Parts {
-  // A session that one thread uses at a time.
+  // What one thread at a time uses.
+  struct Worker {
+    std::unique_ptr<KrbSession> session;
+    ReadyKeys keys;
+  };
   class Lease {
    public:
     explicit Lease(const Parts& parts);
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     ~Lease();
-    explicit operator bool() const { return session_ != nullptr; }
-    krb5_context Context() const { return session_->Get(); }
+    explicit operator bool() const { return worker_.session != nullptr; }
+    krb5_context Context() const { return worker_.session->Get(); }
+    ReadyKeys& Keys() { return worker_.keys; }
 
    private:
     const Parts& parts_;
-    std::unique_ptr<KrbSession> session_;
+    Worker worker_;
   };
 
   // What is known of a token on its way through.
   struct Exchange {
-    Exchange(krb5_context context, const InitialToken& token, ApRequest request,
+    Exchange(Lease& lease, const InitialToken& token, ApRequest request,
              Negotiation::State* negotiation)
-        : context(context),
+        : lease(lease),
+          context(lease.Context()),
           token(token),
           request(std::move(request)),
-          negotiation(negotiation),
-          auth(context) {}
+          negotiation(negotiation) {}
     bool NeedsMic() const { return negotiation != nullptr && negotiation->needs_mic; }
     // That of signatures of this context.
-    const krb5_keyblock& Key() const {
-      return authenticator->subkey != nullptr ? *authenticator->subkey
-                                              : *ticket->enc_part2->session;
+    const SealedKey& KeyOfContext() const {
+      return authenticator.subkey ? *authenticator.subkey : ticket.session;
     }
+    krb5_keyblock Key() const { return Borrowed(KeyOfContext().bytes, KeyOfContext().enctype); }
 
+    Lease& lease;
     krb5_context context;
     const InitialToken& token;
     ApRequest request;
     Negotiation::State* negotiation;  // null: all is decided on this token
-    AuthContext auth;
-    krb5_keyblock key{};  // that opens the ticket, of a ring in `rings`
+    krb5_keyblock key{};              // that opens the ticket, of a ring in `rings`
     KeyStore::Rings rings;
-    Ticket ticket;
-    OwnedAuthenticator authenticator;
+    Secret ticket_bytes;
+    TicketPart ticket;
+    KrbKey session_key;
+    Secret authenticator_bytes;
+    Authenticator authenticator;
     GssChecksum checksum;
     Identity identity;
     std::string reply;
@@ -294,12 +253,15 @@ struct Acceptor::Parts {
   std::optional<Refusal> Decide(Exchange& exchange, std::string_view channel) const;
   std::optional<Refusal> CheckRequest(const Exchange& exchange) const;
   std::optional<Refusal> OpenTicket(Exchange& exchange) const;
-  std::optional<Refusal> OpenTicket(Exchange& exchange, const KeyRing& ring) const;
-  static std::optional<Refusal> TakeAuthenticator(Exchange& exchange);
+  std::optional<Refusal> OpenTicket(Exchange& exchange,
+                                    const std::shared_ptr<const KeyRing>& ring) const;
+  std::optional<Refusal> ReadTicket(Exchange& exchange, std::string_view plain) const;
+  std::optional<Refusal> OpenAuthenticator(Exchange& exchange) const;
   std::optional<Refusal> CheckTimes(const Exchange& exchange) const;
   std::optional<Refusal> CheckSession(Exchange& exchange) const;
   std::optional<Refusal> CheckChannel(Exchange& exchange, std::string_view channel) const;
   std::optional<Refusal> CheckPac(Exchange& exchange) const;
+  static std::optional<Refusal> AskLibrary(Exchange& exchange);
   std::optional<Refusal> CheckReplay(const Exchange& exchange) const;
   static std::optional<Refusal> MakeReply(Exchange& exchange);
   static void Describe(Exchange& exchange);
@@ -315,35 +277,37 @@ struct Acceptor::Parts {
   std::unique_ptr<ReplayCache> replays;  // null: no protection
 
   mutable std::mutex lock;
-  mutable std::vector<std::unique_ptr<KrbSession>> idle;
+  mutable std::vector<Worker> idle;
 };
 
 Acceptor::Parts::Lease::Lease(const Parts& parts) : parts_(parts) {
   {
     const std::lock_guard<std::mutex> guard(parts.lock);
     if (!parts.idle.empty()) {
-      session_ = std::move(parts.idle.back());
+      worker_ = std::move(parts.idle.back());
       parts.idle.pop_back();
       return;
     }
   }
   std::string error;
-  session_ = KrbSession::Make(parts.overrides, error);
+  worker_.session = KrbSession::Make(parts.overrides, error);
 }
 
 Acceptor::Parts::Lease::~Lease() {
-  if (session_ == nullptr) return;
+  if (worker_.session == nullptr) return;
   const std::lock_guard<std::mutex> guard(parts_.lock);
-  parts_.idle.push_back(std::move(session_));
+  parts_.idle.push_back(std::move(worker_));
 }
 
 std::optional<Refusal> Acceptor::Parts::Decide(Exchange& exchange, std::string_view channel) const {
   std::optional<Refusal> refusal = CheckRequest(exchange);
   if (!refusal) refusal = OpenTicket(exchange);
+  if (!refusal) refusal = OpenAuthenticator(exchange);
   if (!refusal) refusal = CheckTimes(exchange);
   if (!refusal) refusal = CheckSession(exchange);
   if (!refusal) refusal = CheckChannel(exchange, channel);
   if (!refusal) refusal = CheckPac(exchange);
+  if (!refusal) refusal = AskLibrary(exchange);
   // A token is remembered when nothing else speaks against it: others cannot fill the memory.
   if (!refusal) refusal = CheckReplay(exchange);
   if (!refusal) refusal = MakeReply(exchange);
@@ -374,44 +338,87 @@ std::optional<Refusal> Acceptor::Parts::OpenTicket(Exchange& exchange) const {
     exchange.rings = keys->Current(exchange.context, missed);
     for (const auto& ring : {exchange.rings.now, exchange.rings.before}) {
       if (!ring) continue;
-      refusal = OpenTicket(exchange, *ring);
+      refusal = OpenTicket(exchange, ring);
       if (!refusal || refusal->reason != RefusalReason::kNoKey) return refusal;
     }
   }
   return refusal;
 }
 
-std::optional<Refusal> Acceptor::Parts::OpenTicket(Exchange& exchange, const KeyRing& ring) const {
-  const krb5_context context = exchange.context;
+std::optional<Refusal> Acceptor::Parts::OpenTicket(
+    Exchange& exchange, const std::shared_ptr<const KeyRing>& ring) const {
   const ApRequest& request = exchange.request;
-  if (!SameIgnoringCase(request.service.realm, ring.Realm())) {
+  if (!SameIgnoringCase(request.service.realm, ring->Realm())) {
     return Because(RefusalReason::kWrongService, "a ticket for a service of another realm");
   }
-  for (const KeyRing::Key* key : ring.Candidates(request.key_version, request.enctype)) {
+  for (const KeyRing::Key* key : ring->Candidates(request.key_version, request.enctype)) {
+    const krb5_key ready = exchange.lease.Keys().Get(exchange.context, ring, *key, request.enctype);
+    std::string_view plain;
+    const krb5_error_code code = ready == nullptr
+                                     ? ENOMEM
+                                     : Unseal(exchange.context, ready, kTicketUse, request.enctype,
+                                              request.ticket, exchange.ticket_bytes, plain);
+    if (code == ENOMEM)
+      return Because(RefusalReason::kInternal, KrbMessage(exchange.context, code));
+    if (code != 0) continue;
     exchange.key = Borrowed(key->View(), request.enctype);
-    if (const krb5_error_code code = exchange.auth.Renew(exchange.key); code != 0) {
-      return Because(RefusalReason::kInternal, KrbMessage(context, code));
-    }
-    const krb5_data bytes = Data(request.whole);
-    krb5_ticket* ticket = nullptr;
-    const krb5_error_code code =
-        krb5_rd_req(context, &exchange.auth.Get(), &bytes, nullptr, nullptr, nullptr, &ticket);
-    exchange.ticket = Ticket(ticket, {context});
-    if (code == 0) return TakeAuthenticator(exchange);
-    if (code != KRB5KRB_AP_ERR_BAD_INTEGRITY || Opens(context, exchange.key, request)) {
-      return OfCode(context, code);
-    }
+    return ReadTicket(exchange, plain);
   }
   return Because(RefusalReason::kNoKey, "no key opens the ticket");
 }
 
-std::optional<Refusal> Acceptor::Parts::TakeAuthenticator(Exchange& exchange) {
-  krb5_authenticator* authenticator = nullptr;
-  const krb5_error_code code =
-      krb5_auth_con_getauthenticator(exchange.context, exchange.auth.Get(), &authenticator);
-  exchange.authenticator = OwnedAuthenticator(authenticator, {exchange.context});
-  if (code == 0) return std::nullopt;
-  return Because(RefusalReason::kInternal, KrbMessage(exchange.context, code));
+std::optional<Refusal> Acceptor::Parts::ReadTicket(Exchange& exchange,
+                                                   std::string_view plain) const {
+  auto ticket = ReadTicketPart(plain);
+  if (!ticket) return Because(RefusalReason::kMalformed, "the ticket is not by the letter");
+  if ((ticket->flags & TKT_FLG_INVALID) != 0) {
+    return Because(RefusalReason::kNotYetValid, "the ticket is marked invalid");
+  }
+  if (!IsAllowed(ticket->session.enctype)) return OfNoPermission(ticket->session);
+  if (ticket->client.components.empty()) {
+    return Because(RefusalReason::kMalformed, "the ticket names no client");
+  }
+  exchange.ticket = std::move(*ticket);
+  return std::nullopt;
+}
+
+std::optional<Refusal> Acceptor::Parts::OpenAuthenticator(Exchange& exchange) const {
+  const krb5_context context = exchange.context;
+  const SealedKey& session = exchange.ticket.session;
+  const krb5_keyblock block = Borrowed(session.bytes, session.enctype);
+  krb5_key key = nullptr;
+  if (!Fits(context, session)) {
+    return Because(RefusalReason::kMalformed, "the session key is not as long as its type is");
+  }
+  krb5_error_code code = krb5_k_create_key(context, &block, &key);
+  exchange.session_key = KrbKey(key, {context});
+  std::string_view plain;
+  if (code == 0) {
+    code = Unseal(context, key, kAuthenticatorUse, exchange.request.authenticator_enctype,
+                  exchange.request.authenticator, exchange.authenticator_bytes, plain);
+  }
+  if (code == ENOMEM) return Because(RefusalReason::kInternal, KrbMessage(context, code));
+  if (code != 0) {
+    return Because(RefusalReason::kNotGenuine,
+                   "the authenticator is not sealed with the ticket's session key");
+  }
+  auto authenticator = ReadAuthenticator(plain);
+  if (!authenticator) {
+    return Because(RefusalReason::kMalformed, "the authenticator is not by the letter");
+  }
+  const Principal& client = exchange.ticket.client;
+  if (authenticator->client.realm != client.realm ||
+      authenticator->client.components != client.components) {
+    return Because(RefusalReason::kNotGenuine, "ticket and authenticator name two clients");
+  }
+  if (authenticator->subkey) {
+    if (!IsAllowed(authenticator->subkey->enctype)) return OfNoPermission(*authenticator->subkey);
+    if (!Fits(context, *authenticator->subkey)) {
+      return Because(RefusalReason::kMalformed, "the subkey is not as long as its type is");
+    }
+  }
+  exchange.authenticator = std::move(*authenticator);
+  return std::nullopt;
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckTimes(const Exchange& exchange) const {
@@ -420,37 +427,27 @@ std::optional<Refusal> Acceptor::Parts::CheckTimes(const Exchange& exchange) con
     refusal.seconds = seconds;
     return refusal;
   };
-  const krb5_enc_tkt_part& ticket = *exchange.ticket->enc_part2;
   const std::int64_t now = std::time(nullptr);
   const std::int64_t tolerance = options.clock_tolerance;
-  const std::int64_t over = now - Seconds(ticket.times.endtime);
+  const std::int64_t over = now - exchange.ticket.end_time;
   if (over > tolerance) return off(RefusalReason::kExpired, over, "the ticket is over");
-  const std::int64_t early = StartOf(ticket) - now;
+  const std::int64_t early = exchange.ticket.start_time - now;
   if (early > tolerance) {
     return off(RefusalReason::kNotYetValid, early, "the ticket has not begun");
   }
-  const std::int64_t ahead = Seconds(exchange.authenticator->ctime) - now;
+  const std::int64_t ahead = exchange.authenticator.made - now;
   if (ahead > tolerance || -ahead > tolerance) {
     return off(RefusalReason::kClock, ahead, "the client's clock is too far off");
   }
   return std::nullopt;
 }
 
-// What the client asks for, and with which keys.
+// What the client asks for.
 std::optional<Refusal> Acceptor::Parts::CheckSession(Exchange& exchange) const {
-  const krb5_enc_tkt_part& ticket = *exchange.ticket->enc_part2;
-  const krb5_keyblock* const subkey = exchange.authenticator->subkey;
-  for (const krb5_keyblock* key : {static_cast<const krb5_keyblock*>(ticket.session), subkey}) {
-    if (key == nullptr || IsAllowed(key->enctype)) continue;
-    Refusal refusal =
-        Because(RefusalReason::kEnctype, "the session key's encryption type is not allowed");
-    refusal.enctype = key->enctype;
-    return refusal;
-  }
-  if (ticket.client->length == 0) {
-    return Because(RefusalReason::kMalformed, "the ticket names no client");
-  }
-  const auto checksum = ReadGssChecksum(*exchange.authenticator);
+  const Authenticator& authenticator = exchange.authenticator;
+  const auto checksum = authenticator.checksum_type == kGssChecksumType
+                            ? ReadGssChecksum(authenticator.checksum)
+                            : std::nullopt;
   if (!checksum) return Because(RefusalReason::kMalformed, "a request without GSS-API's checksum");
   if ((checksum->flags & kDceStyle) != 0) {
     return Because(RefusalReason::kMalformed, "the client wants a third message (DCE style)");
@@ -461,8 +458,7 @@ std::optional<Refusal> Acceptor::Parts::CheckSession(Exchange& exchange) const {
     return Because(RefusalReason::kMalformed, "a mechListMIC of RC4");
   }
   if (!exchange.token.mic) return std::nullopt;
-  return CheckMic(exchange.context, exchange.Key(),
-                  static_cast<std::uint32_t>(exchange.authenticator->seq_number), exchange.token);
+  return CheckMic(exchange.context, exchange.Key(), authenticator.sequence, exchange.token);
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
@@ -477,7 +473,7 @@ std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
     return std::nullopt;
   }
   if (exchange.checksum.channel == ChannelDigest{}) {
-    if (required || ClaimsToBind(exchange.context, *exchange.authenticator)) {
+    if (required || ClaimsToBind(exchange.authenticator)) {
       return missing("the client bound its token to no channel");
     }
     return std::nullopt;
@@ -492,26 +488,53 @@ std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckPac(Exchange& exchange) const {
-  const krb5_enc_tkt_part& ticket = *exchange.ticket->enc_part2;
-  const auto found =
-      Find(exchange.context, ticket.authorization_data, nullptr, KRB5_AUTHDATA_WIN2K_PAC);
-  const krb5_authdata* const pac = found ? found.get()[0] : nullptr;
-  if (pac == nullptr) {
+  const TicketPart& ticket = exchange.ticket;
+  const auto& pacs = ticket.data.pacs;
+  if (pacs.empty()) {
     if (!options.require_pac) return std::nullopt;
     return Because(RefusalReason::kPacMissing, "the ticket has no PAC");
   }
-  if (found.get()[1] != nullptr)
-    return Because(RefusalReason::kPacWrong, "the ticket has two PACs");
-  const krb5_data bytes{0, pac->length, reinterpret_cast<char*>(pac->contents)};
-  const char* const wrong = ReadPac(exchange.context, bytes, ticket.client, ticket.times.authtime,
-                                    exchange.key, exchange.identity.authorization.emplace());
+  if (pacs.size() > 1) return Because(RefusalReason::kPacWrong, "the ticket has two PACs");
+  const BorrowedPrincipal client(ticket.client, ticket.client_type);
+  const char* const wrong = ReadPac(exchange.context, Data(pacs[0]), client.Get(),
+                                    static_cast<krb5_timestamp>(ticket.auth_time), exchange.key,
+                                    exchange.identity.authorization.emplace());
   if (wrong == nullptr) return std::nullopt;
   return Because(RefusalReason::kPacWrong, std::string("the ticket's PAC: ") + wrong);
 }
 
+// What the library alone can judge: the way through other realms, and authorization data that is
+// not read here.
+std::optional<Refusal> Acceptor::Parts::AskLibrary(Exchange& exchange) {
+  const AuthData& of_request = exchange.authenticator.data;
+  if (exchange.ticket.transited.empty() && !exchange.ticket.data.others && !of_request.others &&
+      of_request.pacs.empty()) {
+    return std::nullopt;
+  }
+  const krb5_context context = exchange.context;
+  krb5_auth_context auth = nullptr;
+  krb5_error_code code = krb5_auth_con_init(context, &auth);
+  AuthContext owned(auth, {context});
+  if (code == 0) code = krb5_auth_con_setflags(context, auth, 0);  // no replay cache
+  if (code == 0) code = krb5_auth_con_setuseruserkey(context, auth, &exchange.key);
+  krb5_ticket* ticket = nullptr;
+  if (code == 0) {
+    const krb5_data bytes = Data(exchange.request.whole);
+    code = krb5_rd_req(context, &auth, &bytes, nullptr, nullptr, nullptr, &ticket);
+  }
+  const OwnedTicket owned_ticket(ticket, {context});
+  switch (code) {
+    case 0: return std::nullopt;
+    case ENOMEM: return Because(RefusalReason::kInternal, KrbMessage(context, code));
+    case KRB5KRB_AP_ERR_ILL_CR_TKT:
+      return Because(RefusalReason::kNotGenuine, KrbMessage(context, code));
+    default: return Because(RefusalReason::kMalformed, KrbMessage(context, code));
+  }
+}
+
 std::optional<Refusal> Acceptor::Parts::CheckReplay(const Exchange& exchange) const {
   if (replays == nullptr) return std::nullopt;
-  const auto made = static_cast<std::uint32_t>(exchange.authenticator->ctime);
+  const auto made = static_cast<std::uint32_t>(exchange.authenticator.made);
   switch (replays->Remember(exchange.request.authenticator, made)) {
     case ReplayCache::Verdict::kNew: return std::nullopt;
     case ReplayCache::Verdict::kSeen:
@@ -522,44 +545,55 @@ std::optional<Refusal> Acceptor::Parts::CheckReplay(const Exchange& exchange) co
 
 std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   const krb5_context context = exchange.context;
-  const krb5_auth_context auth = exchange.auth.Get();
-  krb5_data response{};
-  auto sequence = static_cast<krb5_int32>(exchange.authenticator->seq_number);
-  krb5_error_code code = 0;
+  const Authenticator& authenticator = exchange.authenticator;
+  std::uint32_t sequence = authenticator.sequence;
+  std::string response;
   const bool mutual = (exchange.request.options & kMutualRequired) != 0;
   if (mutual) {
-    krb5_auth_con_setflags(context, auth, KRB5_AUTH_CONTEXT_DO_SEQUENCE);
-    code = krb5_mk_rep(context, auth, &response);
-    if (code == 0) code = krb5_auth_con_getlocalseqnumber(context, auth, &sequence);
+    const std::int32_t enctype = exchange.ticket.session.enctype;
+    std::size_t size = 0;
+    if (getrandom(&sequence, sizeof sequence, 0) != ssize_t{sizeof sequence}) {
+      return Because(RefusalReason::kInternal, "no random number");
+    }
+    sequence = sequence >> 2U | 1U << 30U;
+    const Secret part = ReplyPart(authenticator, sequence);
+    const krb5_data plain = Data(part.View());
+    krb5_error_code code = krb5_c_encrypt_length(context, enctype, part.Size(), &size);
+    std::string bytes(size, '\0');
+    krb5_enc_data sealed{};
+    sealed.ciphertext = Data(bytes);
+    if (code == 0) {
+      code =
+          krb5_k_encrypt(context, exchange.session_key.get(), kReplyUse, nullptr, &plain, &sealed);
+    }
+    if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
+    response = ApReply(enctype, bytes);
   }
-  const OwnedData owned(&response, {context});
-  if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
 
   std::string mic;
   if (exchange.token.mic || exchange.NeedsMic()) {
-    const bool with_key = mutual && exchange.authenticator->subkey != nullptr;
-    mic = MakeMic(context, exchange.Key(), with_key, static_cast<std::uint32_t>(sequence),
-                  exchange.token.mechanisms);
+    const bool with_key = mutual && authenticator.subkey;
+    mic = MakeMic(context, exchange.Key(), with_key, sequence, exchange.token.mechanisms);
     if (mic.empty()) return Because(RefusalReason::kInternal, "no mechListMIC can be made");
   }
   const bool complete = exchange.token.mic || !exchange.NeedsMic();
-  exchange.reply = ReplyTo(exchange.token, View(response), mic,
+  exchange.reply = ReplyTo(exchange.token, response, mic,
                            complete ? NegotiationState::kCompleted : NegotiationState::kIncomplete);
   return std::nullopt;
 }
 
 void Acceptor::Parts::Describe(Exchange& exchange) {
-  const krb5_enc_tkt_part& ticket = *exchange.ticket->enc_part2;
+  TicketPart& ticket = exchange.ticket;
   Identity& identity = exchange.identity;
-  identity.client = ToPrincipal(ticket.client);
+  identity.client = std::move(ticket.client);
   identity.service = std::move(exchange.request.service);
-  identity.auth_time = Seconds(ticket.times.authtime);
-  identity.start_time = StartOf(ticket);
-  identity.end_time = Seconds(ticket.times.endtime);
+  identity.auth_time = ticket.auth_time;
+  identity.start_time = ticket.start_time;
+  identity.end_time = ticket.end_time;
   identity.ticket_enctype = exchange.request.enctype;
-  identity.session_enctype = ticket.session->enctype;
+  identity.session_enctype = ticket.session.enctype;
   identity.key_version = exchange.request.key_version.value_or(0);
-  identity.ticket_flags = static_cast<std::uint32_t>(ticket.flags);
+  identity.ticket_flags = ticket.flags;
   identity.gss_flags = exchange.checksum.flags;
 }
 
@@ -587,7 +621,7 @@ std::unique_ptr<Acceptor> Acceptor::Make(AcceptorOptions options, std::string* e
       std::make_unique<KeyStore>(options.keytab, KeyFilter{options.principal, options.realm});
   auto session = KrbSession::Make(parts->overrides, reason);
   if (!session || !parts->keys->Open(session->Get(), reason)) return nullptr;
-  parts->idle.push_back(std::move(session));
+  parts->idle.push_back({std::move(session), {}});
   if (options.replay_protection) {
     parts->replays = ReplayCache::Open(options.replay_file, options.replay_capacity, reason);
     if (!parts->replays) return nullptr;
@@ -672,13 +706,13 @@ Acceptance Acceptor::Judge(const InitialToken& token, std::string_view channel,
   const std::int32_t enctype = request->enctype;
   const auto key_version = request->key_version;
 
-  const Parts::Lease lease(*parts_);
+  Parts::Lease lease(*parts_);
   if (!lease) {
     result.refusal = Because(RefusalReason::kInternal, kNoLibrary);
     Record(*result.refusal);
     return result;
   }
-  Parts::Exchange exchange(lease.Context(), token, std::move(*request), negotiation);
+  Parts::Exchange exchange(lease, token, std::move(*request), negotiation);
   result.refusal = parts_->Decide(exchange, channel);
   if (result.refusal) {
     result.refusal->service = service;
@@ -690,9 +724,9 @@ Acceptance Acceptor::Judge(const InitialToken& token, std::string_view channel,
   result.reply = std::move(exchange.reply);
   if (exchange.NeedsMic() && !token.mic) {
     negotiation->identity = std::move(exchange.identity);
-    negotiation->key = Secret(BytesOf(exchange.Key()));
-    negotiation->enctype = exchange.Key().enctype;
-    negotiation->sequence = static_cast<std::uint32_t>(exchange.authenticator->seq_number);
+    negotiation->key = Secret(exchange.KeyOfContext().bytes);
+    negotiation->enctype = exchange.KeyOfContext().enctype;
+    negotiation->sequence = exchange.authenticator.sequence;
     result.refusal = Because(RefusalReason::kUnfinished, "the client is to sign its list");
     return result;
   }

@@ -1,11 +1,15 @@
-// What of a Kerberos request (RFC 4120, 5.5.1) can be read without a key.
+// A Kerberos request (RFC 4120, 5.5.1): what of it can be read without a key, and what is sealed in
+// it.
 #ifndef TAVREL_PLUS_SRC_APREQUEST_H
 #define TAVREL_PLUS_SRC_APREQUEST_H
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "Secret.h"
 #include "tavrel/plus/Identity.h"
 
 namespace tavrel::plus {
@@ -17,7 +21,8 @@ struct ApRequest {
   Principal service;          // that the ticket names; nothing protects it
   std::int32_t enctype = 0;   // of the ticket
   std::optional<std::uint32_t> key_version;
-  std::string_view ticket;         // ciphertext
+  std::string_view ticket;  // ciphertext
+  std::int32_t authenticator_enctype = 0;
   std::string_view authenticator;  // ciphertext
 };
 
@@ -26,6 +31,59 @@ inline constexpr std::uint32_t kMutualRequired = 0x20000000;
 
 // Nothing when `bytes` are not exactly one request by the letter.
 std::optional<ApRequest> ReadApRequest(std::string_view bytes);
+
+// What follows points into the text that it was read from, which has secrets in it.
+
+struct SealedKey {
+  std::int32_t enctype = 0;
+  std::string_view bytes;
+  std::string_view whole;  // DER
+};
+
+// Authorization data (RFC 4120, 5.2.6), that in AD-IF-RELEVANT included.
+struct AuthData {
+  std::vector<std::string_view> pacs;
+  std::vector<std::string_view> ap_options;  // KERB_AP_OPTIONS ([MS-KILE] 2.2.3)
+  bool others = false;                       // some that are not known to say nothing to a service
+};
+
+// What the service's key seals (RFC 4120, 5.3).
+struct TicketPart {
+  std::uint32_t flags = 0;  // the first one in the highest bit
+  SealedKey session;
+  Principal client;
+  std::int32_t client_type = 0;  // of its name
+  std::string_view transited;    // realms between the client's and the service's
+  std::int64_t auth_time = 0;    // seconds since 1970, as all times are
+  std::int64_t start_time = 0;   // that of `auth_time` when the ticket has none
+  std::int64_t end_time = 0;
+  AuthData data;
+};
+
+// What the session key seals (RFC 4120, 5.5.1).
+struct Authenticator {
+  Principal client;
+  std::optional<std::int32_t> checksum_type;  // none: no checksum
+  std::string_view checksum;
+  std::int64_t made = 0;       // by the client's clock
+  std::string_view made_time;  // the same in DER
+  std::string_view made_microseconds;
+  std::optional<SealedKey> subkey;
+  std::uint32_t sequence = 0;
+  AuthData data;
+};
+
+// Nothing when that is not by the letter; what follows it (padding of old encryption types) does
+// not matter.
+std::optional<TicketPart> ReadTicketPart(std::string_view plain);
+std::optional<Authenticator> ReadAuthenticator(std::string_view plain);
+
+// The part of an AP-REP that the session key is to seal (RFC 4120, 5.5.2): it proves to the client
+// that its authenticator was read.
+Secret ReplyPart(const Authenticator& authenticator, std::uint32_t sequence);
+
+// The AP-REP around it.
+std::string ApReply(std::int32_t enctype, std::string_view sealed_part);
 
 }  // namespace tavrel::plus
 

@@ -16,7 +16,6 @@
 namespace tavrel::plus {
 namespace {
 
-constexpr krb5_cksumtype kGssChecksum = 0x8003;
 constexpr std::uint32_t kDelegates = 1;  // GSS_C_DELEG_FLAG
 constexpr std::size_t kFixedSize = 24;   // length, channel, flags
 constexpr std::uint32_t kChannelSize = 16;
@@ -57,10 +56,7 @@ std::string EndPointOf(std::string_view certificate) {
 
 }  // namespace
 
-std::optional<GssChecksum> ReadGssChecksum(const krb5_authenticator& authenticator) {
-  const krb5_checksum* const field = authenticator.checksum;
-  if (field == nullptr || field->checksum_type != kGssChecksum) return std::nullopt;
-  const std::string_view bytes(reinterpret_cast<const char*>(field->contents), field->length);
+std::optional<GssChecksum> ReadGssChecksum(std::string_view bytes) {
   if (bytes.size() < kFixedSize || LittleEndian(bytes, 0, 4) != kChannelSize) return std::nullopt;
   GssChecksum checksum;
   std::copy_n(bytes.begin() + 4, kChannelSize, checksum.channel.begin());

@@ -19,8 +19,10 @@ struct GssChecksum {
   std::uint32_t flags = 0;
 };
 
-// Reads the field. Nothing when it is not one by the letter.
-std::optional<GssChecksum> ReadGssChecksum(const krb5_authenticator& authenticator);
+inline constexpr std::int32_t kGssChecksumType = 0x8003;
+
+// Reads the field, of that type. Nothing when it is not one by the letter.
+std::optional<GssChecksum> ReadGssChecksum(std::string_view bytes);
 
 // How a client names `channel`, which is application data of its bindings alone. Nothing on
 // failure.

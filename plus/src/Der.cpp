@@ -71,6 +71,26 @@ bool Reader::TakeField(unsigned number, std::int32_t& value) {
   return true;
 }
 
+bool Reader::TakeField(unsigned number, std::uint32_t& value) {
+  std::int32_t with_sign = 0;
+  if (TakeField(number, with_sign)) {
+    value = static_cast<std::uint32_t>(with_sign);
+    return true;
+  }
+  Reader after = *this;
+  std::string_view content;
+  if (!after.TakeField(number, kInteger, content) || content.size() != 5 || content[0] != 0 ||
+      (Byte(content, 1) & 0x80U) == 0) {
+    return false;
+  }
+  value = 0;
+  for (const char c : content.substr(1)) {
+    value = value << 8U | static_cast<unsigned char>(c);
+  }
+  *this = after;
+  return true;
+}
+
 std::string Value(unsigned char tag, std::string_view content) {
   std::string value(1, static_cast<char>(tag));
   if (content.size() < kLongForm) {

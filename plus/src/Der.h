@@ -13,6 +13,7 @@ inline constexpr unsigned char kBitString = 0x03;
 inline constexpr unsigned char kOctetString = 0x04;
 inline constexpr unsigned char kObjectIdentifier = 0x06;
 inline constexpr unsigned char kEnumerated = 0x0A;
+inline constexpr unsigned char kGeneralizedTime = 0x18;
 inline constexpr unsigned char kGeneralString = 0x1B;
 inline constexpr unsigned char kSequence = 0x30;
 
@@ -43,6 +44,9 @@ class Reader {
 
   // Likewise, an integer that fits.
   bool TakeField(unsigned number, std::int32_t& value);
+
+  // Likewise, one of 32 bits without a sign; what is above 2^31 some write as negative.
+  bool TakeField(unsigned number, std::uint32_t& value);
 
  private:
   std::string_view rest_;

@@ -116,6 +116,28 @@ bool KeyRing::operator==(const KeyRing& other) const {
   return realm_ == other.realm_ && keys_ == other.keys_;
 }
 
+krb5_key ReadyKeys::Get(krb5_context context, const std::shared_ptr<const KeyRing>& ring,
+                        const KeyRing::Key& key, krb5_enctype enctype) {
+  if (ring_ != ring) {
+    keys_.clear();
+    ring_ = ring;
+  }
+  const auto known = keys_.find(&key);
+  if (known != keys_.end()) return known->second.get();
+  const krb5_keyblock block = Borrowed(key.View(), enctype);
+  krb5_key made = nullptr;
+  if (krb5_k_create_key(context, &block, &made) != 0) return nullptr;
+  return keys_.emplace(&key, KrbKey(made, {context})).first->second.get();
+}
+
+krb5_keyblock Borrowed(std::string_view bytes, krb5_enctype enctype) {
+  krb5_keyblock key{};
+  key.enctype = enctype;
+  key.length = static_cast<unsigned>(bytes.size());
+  key.contents = reinterpret_cast<krb5_octet*>(const_cast<char*>(bytes.data()));
+  return key;
+}
+
 KeyStore::FileIdentity::FileIdentity(const std::string& path)
     : there(stat(path.c_str(), &status) == 0) {}
 

@@ -13,9 +13,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "KrbSupport.h"
 #include "Secret.h"
 
 namespace tavrel::plus {
@@ -56,6 +59,24 @@ class KeyRing {
   // By enctype, then by version, the newest first. Each key once, whichever principals have it.
   std::map<std::int32_t, std::map<std::uint32_t, std::vector<Key>, std::greater<>>> keys_;
 };
+
+// A key as the library uses it; what it derives from one it keeps with it.
+using KrbKey = std::unique_ptr<std::remove_pointer_t<krb5_key>, KrbFree<krb5_k_free_key>>;
+
+// Keys of the ring that was used last, made ready. One thread at a time uses it.
+class ReadyKeys {
+ public:
+  // Null when there is no memory. `key` is one of `ring` and of the type `enctype`.
+  krb5_key Get(krb5_context context, const std::shared_ptr<const KeyRing>& ring,
+               const KeyRing::Key& key, krb5_enctype enctype);
+
+ private:
+  std::shared_ptr<const KeyRing> ring_;  // has the keys that are pointed to
+  std::map<const KeyRing::Key*, KrbKey> keys_;
+};
+
+// A key for the library, which only reads it.
+krb5_keyblock Borrowed(std::string_view bytes, krb5_enctype enctype);
 
 // The key ring of a file that others may replace at any time. For all threads.
 class KeyStore {

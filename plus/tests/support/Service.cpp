@@ -3,11 +3,14 @@
 #include <krb5.h>
 #include <openssl/evp.h>
 
+#include <ctime>
 #include <stdexcept>
 
 namespace tavrel::plus::tests {
 
+namespace der = tavrel::tests::der;
 using tavrel::tests::ApReq;
+using tavrel::tests::Der;
 using tavrel::tests::ForgedTicket;
 using tavrel::tests::GssToken;
 using tavrel::tests::ServiceKey;
@@ -42,6 +45,84 @@ std::string Token(const ForgedTicket& ticket) {
 
 std::string Negotiated(const ForgedTicket& ticket, const std::vector<std::string>& mechanisms) {
   const std::vector<char> token = SpnegoToken(GssToken(ApReq(ticket)), mechanisms);
+  return {token.begin(), token.end()};
+}
+
+std::string KeyField(krb5_enctype enctype, std::size_t size) {
+  return TypedField(enctype, std::string(size, '\0'));
+}
+
+std::string TypedField(std::int32_t type, const std::string& bytes) {
+  return Der(0x30, der::Field(0, der::Integer(type)) + der::Field(1, Der(0x04, bytes)));
+}
+
+ForgedToken::ForgedToken(ForgedTicket of) : ticket(std::move(of)) {
+  of_ticket = {{0, der::BitString(static_cast<std::uint32_t>(ticket.flags))},
+               {1, KeyField(session_enctype, 32)},
+               {2, Der(0x1b, ticket.client_realm)},
+               {3, der::PrincipalName(ticket.client)},
+               {4, TypedField(0, "")},
+               {5, der::Time(ticket.authtime)},
+               {6, der::Time(ticket.starttime)},
+               {7, der::Time(ticket.endtime)}};
+  if (!ticket.authorization_data.empty()) of_ticket[10] = ticket.authorization_data;
+  of_authenticator = {
+      {0, der::Integer(5)}, {1, of_ticket[2]},
+      {2, of_ticket[3]},    {3, TypedField(0x8003, *ticket.gss_checksum)},
+      {4, der::Integer(1)}, {5, der::Time(static_cast<krb5_timestamp>(std::time(nullptr)))}};
+}
+
+namespace {
+
+std::string Message(unsigned char number, const ForgedToken::Fields& fields) {
+  std::string content;
+  for (const auto& [field, value] : fields) {
+    content += der::Field(field, value);
+  }
+  return Der(static_cast<unsigned char>(0x60 | number), Der(0x30, content));
+}
+
+}  // namespace
+
+std::string ForgedToken::TicketPart() const {
+  return Message(3, of_ticket);
+}
+
+std::string ForgedToken::Authenticator() const {
+  return Message(2, of_authenticator);
+}
+
+std::string ForgedToken::Sealed(const std::string& ticket_part,
+                                const std::string& authenticator) const {
+  static const krb5_context context = [] {
+    krb5_context made = nullptr;
+    krb5_init_context(&made);
+    return made;
+  }();
+  static const krb5_keyblock service = ServiceKey(context, Ticket());
+  krb5_octet zeros[32]{};
+  krb5_keyblock session{};
+  session.enctype = session_enctype;
+  session.length = session_enctype == ENCTYPE_AES256_CTS_HMAC_SHA1_96 ? 32 : 16;
+  session.contents = zeros;
+  const auto sealed = [](const krb5_keyblock& key, krb5_keyusage use, const std::string& plain) {
+    return der::Field(2, Der(0x04, tavrel::tests::Encrypt(context, key, use, plain)));
+  };
+  const std::string sealed_ticket = Der(
+      0x30, der::Field(0, der::Integer(ticket.etype)) + der::Field(1, der::Integer(ticket.kvno)) +
+                sealed(service, tavrel::tests::kTicketKeyUsage, ticket_part));
+  const Fields of_request = {
+      {0, der::Integer(5)},
+      {1, der::Integer(14)},
+      {2, der::BitString(static_cast<std::uint32_t>(ticket.options))},
+      {3, Message(1, {{0, der::Integer(5)},
+                      {1, Der(0x1b, ticket.server_realm)},
+                      {2, der::PrincipalName(ticket.server)},
+                      {3, sealed_ticket}})},
+      {4, Der(0x30, der::Field(0, der::Integer(session_enctype)) +
+                        sealed(session, tavrel::tests::kAuthenticatorKeyUsage, authenticator))}};
+  const std::string request = Message(14, of_request);
+  const std::vector<char> token = GssToken({request.begin(), request.end()});
   return {token.begin(), token.end()};
 }
 

@@ -2,6 +2,7 @@
 #ifndef TAVREL_PLUS_TESTS_SERVICE_H
 #define TAVREL_PLUS_TESTS_SERVICE_H
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,6 +26,27 @@ tavrel::tests::ForgedTicket TicketWithPac(const ForgedUser& user = {});
 std::string Token(const tavrel::tests::ForgedTicket& ticket);
 std::string Negotiated(const tavrel::tests::ForgedTicket& ticket,
                        const std::vector<std::string>& mechanisms = {tavrel::tests::kKerberosOid});
+
+// The token of a client that needs no library for it: each sealed field goes as it stands here.
+struct ForgedToken {
+  // Whoever signs in by `ticket`, which has the key of Ticket(), with a session key of zeros.
+  explicit ForgedToken(tavrel::tests::ForgedTicket ticket = TicketWithPac());
+
+  std::string TicketPart() const;  // RFC 4120, 5.3, before it is sealed
+  std::string Authenticator() const;
+  std::string Sealed(const std::string& ticket_part, const std::string& authenticator) const;
+  std::string Bytes() const { return Sealed(TicketPart(), Authenticator()); }
+
+  using Fields = std::map<unsigned char, std::string>;  // by number, in DER
+  Fields of_ticket;
+  Fields of_authenticator;
+  tavrel::tests::ForgedTicket ticket;  // the names and numbers beside what is sealed
+  krb5_enctype session_enctype = ENCTYPE_AES256_CTS_HMAC_SHA1_96;
+};
+
+// A key, and text of some type, as these fields have them.
+std::string KeyField(krb5_enctype enctype, std::size_t size);
+std::string TypedField(std::int32_t type, const std::string& bytes);
 
 // Appends the key of `ticket` to the keytab file `path`, under the name of its service.
 void AddKey(const std::string& path, const tavrel::tests::ForgedTicket& ticket);

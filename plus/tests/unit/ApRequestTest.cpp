@@ -1,0 +1,254 @@
+#include "ApRequest.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Service.h"
+
+namespace tavrel::plus::tests {
+namespace {
+
+namespace der = tavrel::tests::der;
+using tavrel::tests::Der;
+
+AcceptorOptions Patient() {
+  AcceptorOptions options;
+  options.require_pac = false;
+  options.replay_protection = false;
+  return options;
+}
+
+// What an acceptor says of a token after `change`.
+template <typename Change>
+std::optional<RefusalReason> Refused(Change change) {
+  static const Service service(Patient());
+  static const auto acceptor = service.Make();
+  ForgedToken token;
+  change(token);
+  const Acceptance result = acceptor->Accept(token.Bytes());
+  if (result) return std::nullopt;
+  return result.refusal->reason;
+}
+
+constexpr auto kMalformed = RefusalReason::kMalformed;
+constexpr auto kNotGenuine = RefusalReason::kNotGenuine;
+
+std::string Data(const std::string& elements) {
+  return Der(0x30, elements);
+}
+
+TEST(WhatATicketSeals, IsAcceptedByTheLetter) {
+  EXPECT_EQ(Refused([](ForgedToken&) {}), std::nullopt);
+  EXPECT_EQ(Refused([](ForgedToken& token) {
+              token.of_ticket.erase(6);  // start
+              token.of_ticket[8] = token.of_ticket[7];
+              token.of_ticket[9] = Data(TypedField(2, std::string("\x0a\0\0\1", 4)));  // addresses
+              token.of_ticket[10] = Data("");
+            }),
+            std::nullopt);
+  EXPECT_EQ(Refused([](ForgedToken& token) { token.of_ticket.erase(10); }), std::nullopt);
+}
+
+TEST(WhatATicketSeals, IsRefusedWhenAFieldIsMissingOrWrong) {
+  for (const unsigned char number : std::initializer_list<unsigned char>{0, 1, 2, 3, 4, 5, 7}) {
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket.erase(number); }), kMalformed)
+        << int{number};
+  }
+  for (const unsigned char number :
+       std::initializer_list<unsigned char>{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11}) {
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[number] = Der(0x0c, "x"); }),
+              kMalformed)
+        << int{number};
+  }
+  const std::pair<unsigned char, std::string> wrong[] = {
+      {0, Der(0x03, "\x01\x01\x01\x01")},
+      {1, Der(0x30, der::Field(1, Der(0x04, "x")))},
+      {1, Der(0x30, der::Field(0, der::Integer(18)))},
+      {1, TypedField(18, "short")},
+      {1, KeyField(18, 16)},
+      {3, Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "")))},
+      {4, Der(0x30, der::Field(0, der::Integer(1)))},
+      {10, Data("x")},
+      {10, Data(Der(0x30, der::Field(0, der::Integer(1))))},
+      {10, Data(Der(0x30, der::Field(0, der::Integer(7)) + der::Field(1, Der(0x04, "x")) + "x"))},
+      {10, Data(TypedField(1, "x"))},
+      {10, Data(TypedField(1, Data("") + "x"))},
+      {10, AuthorizationData(1, Data("x"))},
+  };
+  for (const auto& [number, value] : wrong) {
+    EXPECT_EQ(Refused([&, number = number, &value = value](ForgedToken& token) {
+                token.of_ticket[number] = value;
+              }),
+              kMalformed)
+        << int{number} << ": " << testing::PrintToString(value);
+  }
+}
+
+TEST(WhatATicketSeals, HasNothingButPaddingBehindIt) {
+  const ForgedToken token;
+  const std::string part = token.TicketPart();
+
+  EXPECT_TRUE(ReadTicketPart(part));
+  EXPECT_TRUE(ReadTicketPart(part + std::string(7, '\0')));
+  for (std::size_t size = 0; size < part.size(); ++size) {
+    EXPECT_FALSE(ReadTicketPart(part.substr(0, size))) << size;
+  }
+  EXPECT_FALSE(ReadTicketPart(token.Authenticator()));
+  EXPECT_FALSE(ReadTicketPart(Der(0x63, Der(0x30, "") + "x")));
+}
+
+TEST(ATime, IsThatOfTheCalendar) {
+  const auto read = [](const std::string& text) -> std::optional<std::int64_t> {
+    ForgedToken token;
+    token.of_ticket[7] = Der(0x18, text);
+    const std::string part = token.TicketPart();
+    const auto ticket = ReadTicketPart(part);
+    if (!ticket) return std::nullopt;
+    return ticket->end_time;
+  };
+  std::tm parts{};
+  for (parts.tm_year = 0; parts.tm_year < 300; ++parts.tm_year) {
+    for (const auto& [month, day] : {std::pair{0, 1}, {1, 28}, {2, 1}, {11, 31}}) {
+      parts.tm_mon = month;
+      parts.tm_mday = day;
+      char text[32];
+      std::strftime(text, sizeof text, "%Y%m%d235958Z", &parts);
+      std::tm copy = parts;
+      copy.tm_hour = 23;
+      copy.tm_min = 59;
+      copy.tm_sec = 58;
+      ASSERT_EQ(read(text), timegm(&copy)) << text;
+    }
+  }
+  EXPECT_EQ(read("20240229000000Z"), 1709164800);
+  for (const char* text :
+       {"20240001000000Z", "20241301000000Z", "20240100000000Z", "20240132000000Z",
+        "20240101240000Z", "20240101006000Z", "20240101000060Z", "2024010100000Z",
+        "202401010000000Z", "20240101000000z", "2024010100000/Z", "2024010100000:Z"}) {
+    EXPECT_EQ(read(text), std::nullopt) << text;
+  }
+}
+
+TEST(AnAuthenticator, IsRefusedWhenAFieldIsMissingOrWrong) {
+  for (const unsigned char number : std::initializer_list<unsigned char>{0, 1, 2, 3, 4, 5}) {
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator.erase(number); }),
+              kMalformed)
+        << int{number};
+  }
+  for (const unsigned char number :
+       std::initializer_list<unsigned char>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}) {
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[number] = Der(0x0c, "x"); }),
+              kMalformed)
+        << int{number};
+  }
+  const std::pair<unsigned char, std::string> wrong[] = {
+      {0, der::Integer(4)},        {3, TypedField(7, GssChecksum())},
+      {4, Der(0x02, "")},          {4, der::Integer(1 << 24)},
+      {6, KeyField(18, 31)},       {7, der::Integer(-(1LL << 32))},
+      {7, der::Integer(1LL << 32)}};
+  for (const auto& [number, value] : wrong) {
+    EXPECT_EQ(Refused([&, number = number, &value = value](ForgedToken& token) {
+                token.of_authenticator[number] = value;
+              }),
+              kMalformed)
+        << int{number} << ": " << testing::PrintToString(value);
+  }
+  EXPECT_FALSE(ReadAuthenticator(ForgedToken().TicketPart()));
+}
+
+TEST(AnAuthenticator, NumbersItsMessagesWithOrWithoutASign) {
+  for (const auto& [sent, read] : {std::pair{0LL, 0U},
+                                   {5LL, 5U},
+                                   {-1LL, UINT32_MAX},
+                                   {0xFFFFFFFFLL, UINT32_MAX},
+                                   {0x80000000LL, 0x80000000U}}) {
+    ForgedToken token;
+    token.of_authenticator[7] = der::Integer(sent);
+    const std::string plain = token.Authenticator();
+    const auto authenticator = ReadAuthenticator(plain);
+    ASSERT_TRUE(authenticator) << sent;
+    EXPECT_EQ(authenticator->sequence, read);
+  }
+}
+
+TEST(AnAuthenticator, MustBeOfTheTicketsClient) {
+  EXPECT_EQ(Refused([](ForgedToken& token) { token.of_authenticator[1] = Der(0x1b, "OTHER"); }),
+            kNotGenuine);
+  EXPECT_EQ(
+      Refused([](ForgedToken& token) { token.of_authenticator[2] = der::PrincipalName({"bob"}); }),
+      kNotGenuine);
+  EXPECT_EQ(Refused([](ForgedToken& token) {
+              token.of_authenticator[2] = der::PrincipalName({"alice", ""});
+            }),
+            kNotGenuine);
+}
+
+TEST(AnAuthenticator, HasKeysOfAllowedTypesAlone) {
+  const auto of_rc4 = [](ForgedToken& token) {
+    token.session_enctype = ENCTYPE_ARCFOUR_HMAC;
+    token.of_ticket[1] = KeyField(ENCTYPE_ARCFOUR_HMAC, 16);
+  };
+  EXPECT_EQ(Refused(of_rc4), RefusalReason::kEnctype);
+  EXPECT_EQ(Refused([](ForgedToken& token) { token.of_authenticator[6] = KeyField(23, 16); }),
+            RefusalReason::kEnctype);
+  EXPECT_EQ(Refused([](ForgedToken& token) { token.of_authenticator[6] = KeyField(17, 16); }),
+            std::nullopt);
+  // Its own type must be that of the key in the ticket.
+  EXPECT_EQ(Refused([](ForgedToken& token) { token.session_enctype = 17; }), kNotGenuine);
+}
+
+// RFC 4120, 2.7: who does not check the way through other realms refuses the ticket. That way, and
+// data that libkrb5 reads, are for libkrb5 to judge.
+TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
+  const auto through = [](const std::string& realms) {
+    return Refused([&](ForgedToken& token) {
+      token.of_ticket[2] = token.of_authenticator[1] = Der(0x1b, "SUB.EAST.CORP.EXAMPLE.COM");
+      token.of_ticket[4] = TypedField(1, realms);
+    });
+  };
+  EXPECT_EQ(through(""), std::nullopt);
+  EXPECT_EQ(through("EAST.CORP.EXAMPLE.COM"), std::nullopt) << "the one between the two";
+  EXPECT_EQ(through("EVIL.COM"), kNotGenuine);
+
+  constexpr std::int32_t kIssuedByKdc = 4;
+  for (const std::int32_t type : {7, 129, 141, 142, 143}) {  // that it lets pass
+    const std::string data = Data(TypedField(type, "x"));
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = data; }), std::nullopt);
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[8] = data; }), std::nullopt);
+  }
+  const std::string unreadable = Data(TypedField(kIssuedByKdc, "x"));
+  EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = unreadable; }), kMalformed);
+  EXPECT_EQ(Refused([&](ForgedToken& token) {
+              token.of_ticket[10] = AuthorizationData(kIssuedByKdc, "x");
+            }),
+            kMalformed);
+}
+
+// RFC 4120, 5.5.2.
+TEST(AReply, RepeatsWhatTheClientSent) {
+  ForgedToken token;
+  token.of_authenticator[6] = KeyField(18, 32);
+  const std::string plain = token.Authenticator();
+  const auto authenticator = ReadAuthenticator(plain);
+  ASSERT_TRUE(authenticator);
+
+  const Secret part = ReplyPart(*authenticator, 0x40000001);
+
+  EXPECT_EQ(part.View(), Der(0x7b, Der(0x30, der::Field(0, token.of_authenticator[5]) +
+                                                 der::Field(1, token.of_authenticator[4]) +
+                                                 der::Field(2, token.of_authenticator[6]) +
+                                                 der::Field(3, der::Integer(0x40000001)))));
+  EXPECT_EQ(
+      ApReply(18, "sealed"),
+      Der(0x6f, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, der::Integer(15)) +
+                              der::Field(2, Der(0x30, der::Field(0, der::Integer(18)) +
+                                                          der::Field(2, Der(0x04, "sealed")))))));
+}
+
+}  // namespace
+}  // namespace tavrel::plus::tests
