@@ -19,12 +19,6 @@ std::string DnOf(const std::string& name) {
 
 }  // namespace
 
-std::string Lab(const std::string& variable) {
-  const char* value = std::getenv(("LAB_" + variable).c_str());
-  if (value == nullptr) throw std::runtime_error("LAB_" + variable + " is missing: use lab/run");
-  return value;
-}
-
 Directory::Directory() {
   const int version = LDAP_VERSION3;
   const int client = 0;

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-namespace tavrel::tests {
+#include "Lab.h"
 
-// What lab/run says about the domain, for example Lab("REALM"); throws when it says nothing.
-std::string Lab(const std::string& variable);
+namespace tavrel::tests {
 
 // The values of each attribute, both in the directory's spelling and order.
 using Attributes = std::map<std::string, std::vector<std::string>>;

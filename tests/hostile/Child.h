@@ -34,8 +34,6 @@ class Child {
   // Waits for the end; as InChild().
   std::string Result();
 
-  pid_t Id() const { return id_; }
-
  private:
   pid_t id_ = -1;
   int result_ = -1;

@@ -18,6 +18,7 @@
 #include "Child.h"
 #include "GssClient.h"
 #include "Interpose.h"
+#include "Lab.h"
 #include "LogCapture.h"
 #include "ScratchFolder.h"
 #include "ScratchKeytab.h"
@@ -25,12 +26,6 @@
 
 namespace tavrel::tests {
 namespace {
-
-std::string Lab(const std::string& name) {
-  const char* const value = std::getenv(("LAB_" + name).c_str());
-  if (value == nullptr) throw std::runtime_error("LAB_" + name + " is not set: use lab/run");
-  return value;
-}
 
 // A machine of a test's own.
 class HostileJoin : public testing::Test {

@@ -18,6 +18,7 @@
 #include "ForgedRequest.h"
 #include "KnownLeak.h"
 #include "KrbSettings.h"
+#include "Lab.h"
 #include "LogCapture.h"
 #include "Peer.h"
 #include "tavrel/KrbContext.h"
@@ -27,12 +28,6 @@ namespace tavrel::tests {
 namespace {
 
 using ::testing::Le;
-
-std::string Lab(const std::string& name) {
-  const char* const value = std::getenv(("LAB_" + name).c_str());
-  if (value == nullptr) throw std::runtime_error("LAB_" + name + " is not set: use lab/run");
-  return value;
-}
 
 // What alice's sign-in with her password tells where that is the realm's KDC.
 std::string SignIn(const std::string& kdc, const std::string& realm = "CORP.EXAMPLE.COM") {

@@ -17,6 +17,7 @@
 
 #include "ForgedRequest.h"
 #include "KrbSettings.h"
+#include "Lab.h"
 #include "ScratchFolder.h"
 #include "tavrel/KrbError.h"
 #include "tavrel/KrbRealm.h"
@@ -25,12 +26,6 @@ namespace tavrel::tests {
 namespace {
 
 using ::testing::ElementsAreArray;
-
-std::string Lab(const std::string& name) {
-  const char* const value = std::getenv(("LAB_" + name).c_str());
-  if (value == nullptr) throw std::runtime_error("LAB_" + name + " is not set: use lab/run");
-  return value;
-}
 
 std::string Bytes(const void* first, std::size_t size) {
   return {static_cast<const char*>(first), size};

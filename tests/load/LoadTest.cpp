@@ -25,6 +25,7 @@
 #include "ForgedRequest.h"
 #include "GssClient.h"
 #include "KrbSettings.h"
+#include "Lab.h"
 #include "ScratchFolder.h"
 #include "tavrel/KrbError.h"
 #include "tavrel/KrbKeytab.h"
@@ -42,12 +43,6 @@ using ::testing::SizeIs;
 bool Full() {
   const char* const load = std::getenv("TAVREL_LOAD");
   return load != nullptr && std::string(load) == "full";
-}
-
-std::string Lab(const std::string& name) {
-  const char* const value = std::getenv(("LAB_" + name).c_str());
-  if (value == nullptr) throw std::runtime_error("LAB_" + name + " is not set: use lab/run");
-  return value;
 }
 
 double Now() {

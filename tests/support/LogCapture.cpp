@@ -11,7 +11,6 @@ struct State {
   std::mutex mutex;
   bool capturing = false;
   std::vector<LogRecord> records;
-  std::vector<std::string> categories;
 };
 
 State& TheState() {
@@ -66,18 +65,9 @@ void LogCapture::Clear() {
   state.records.clear();
 }
 
-std::vector<std::string> LoggerCategories() {
-  State& state = TheState();
-  const std::lock_guard<std::mutex> lock(state.mutex);
-  return state.categories;
-}
-
 }  // namespace tavrel::tests
 
 std::string getLogger(const char* category) {
-  auto& state = tavrel::tests::TheState();
-  const std::lock_guard<std::mutex> lock(state.mutex);
-  state.categories.emplace_back(category);
   return category;
 }
 

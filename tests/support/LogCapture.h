@@ -40,9 +40,6 @@ class LogCapture {
   void Clear();
 };
 
-// The categories that getLogger() was called with, in order.
-std::vector<std::string> LoggerCategories();
-
 }  // namespace tavrel::tests
 
 #endif

@@ -217,18 +217,6 @@ TEST_F(AccountChange, SetsNoPasswordThatCannotBeEncoded) {
                           "password to join domain"));
 }
 
-TEST_F(AccountChange, SetsNoPasswordWithoutAHandle) {
-  AccountObject account = Account();
-  account.ldap = nullptr;
-
-  EXPECT_FALSE(joiner.SetPassword(account, &error));
-  EXPECT_FALSE(joiner.SetPassword(account, nullptr));
-
-  EXPECT_EQ(error, "Invalid LDAP context");
-  EXPECT_THAT(fake.Lines(), IsEmpty());
-  EXPECT_THAT(log.Notable(), IsEmpty());
-}
-
 // --- flags ---------------------------------------------------------------------------------------
 
 TEST_F(AccountChange, MakesTheAccountAnEnabledWorkstationAndKeepsItsOtherFlags) {
@@ -276,14 +264,17 @@ TEST_F(AccountChange, ReportsThatTheFlagsWereRefused) {
   EXPECT_EQ(error, "Insufficient access");
 }
 
-TEST_F(AccountChange, SetsNoFlagsWithoutAHandle) {
+TEST_F(AccountChange, SetsNothingWithoutAHandle) {
   AccountObject account = Account();
   account.ldap = nullptr;
+  for (const auto set : {&Joiner::SetPassword, &Joiner::SetProperties}) {
+    error = kEarlier;
 
-  EXPECT_FALSE(joiner.SetProperties(account, &error));
-  EXPECT_FALSE(joiner.SetProperties(account, nullptr));
+    EXPECT_FALSE((joiner.*set)(account, &error));
+    EXPECT_FALSE((joiner.*set)(account, nullptr));
 
-  EXPECT_EQ(error, "Invalid LDAP context");
+    EXPECT_EQ(error, "Invalid LDAP context");
+  }
   EXPECT_THAT(fake.Lines(), IsEmpty());
   EXPECT_THAT(log.Notable(), IsEmpty());
 }
