@@ -273,7 +273,8 @@ Failure Kdc::Parse(const std::string& name, KrbPrincipal& principal) {
 
 template <typename Prepare>
 Failure Kdc::GetInitial(krb5_principal client, const std::vector<krb5_enctype>& types,
-                        const char* service, KrbCache& cache, const Prepare& prepare) {
+                        const char* service, bool is_key_known, KrbCache& cache,
+                        const Prepare& prepare) {
   error_ = 0;
   krb5_get_init_creds_opt* options = nullptr;
   krb5_error_code code = krb5_get_init_creds_opt_alloc(context_, &options);
@@ -285,6 +286,10 @@ Failure Kdc::GetInitial(krb5_principal client, const std::vector<krb5_enctype>& 
   krb5_get_init_creds_opt_set_renew_life(options, 0);
   krb5_get_init_creds_opt_set_forwardable(options, 0);
   krb5_get_init_creds_opt_set_proxiable(options, 0);
+
+  // Who need not ask how the key is made proves at once that he has it.
+  krb5_preauthtype timestamp = KRB5_PADATA_ENC_TIMESTAMP;
+  if (is_key_known) krb5_get_init_creds_opt_set_preauth_list(options, &timestamp, 1);
 
   krb5_init_creds_context init = nullptr;
   code = krb5_init_creds_init(context_, client, nullptr, nullptr, 0, options, &init);
@@ -318,14 +323,14 @@ Failure Kdc::SignIn(krb5_principal client, const Secret& password,
                     const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
   Secret text(password.Size() + 1);  // libkrb5 wants a NUL behind it
   std::memcpy(text.Data(), password.View().data(), password.Size());
-  return GetInitial(client, types, service, cache, [&](krb5_init_creds_context init) {
+  return GetInitial(client, types, service, false, cache, [&](krb5_init_creds_context init) {
     return krb5_init_creds_set_password(context_, init, text.Data());
   });
 }
 
 Failure Kdc::SignIn(krb5_principal client, krb5_keytab keytab,
                     const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
-  return GetInitial(client, types, service, cache, [&](krb5_init_creds_context init) {
+  return GetInitial(client, types, service, true, cache, [&](krb5_init_creds_context init) {
     return krb5_init_creds_set_keytab(context_, init, keytab);
   });
 }

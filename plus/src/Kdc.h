@@ -84,7 +84,8 @@ class Kdc {
                 std::string& reply, Address* local = nullptr) const;
   template <typename Prepare>
   Failure GetInitial(krb5_principal client, const std::vector<krb5_enctype>& types,
-                     const char* service, KrbCache& cache, const Prepare& prepare);
+                     const char* service, bool is_key_known, KrbCache& cache,
+                     const Prepare& prepare);
 
   const std::string& realm_;
   const Controller& controller_;

@@ -69,6 +69,11 @@ std::string BaseDn(const std::string& domain) {
   return dn;
 }
 
+bool IsWorkstation(const Entry& account) {
+  return (ToNumber<std::uint32_t>(account.First("useraccountcontrol")) &
+          kWorkstationTrustAccount) != 0;
+}
+
 // What a distinguished name lies in.
 std::string ContainerOf(const std::string& dn) {
   for (std::size_t i = 0; i < dn.size(); ++i) {
@@ -227,6 +232,7 @@ class Membership::Operation {
   Result Run(Body body, bool is_held);
   Failure Hold();
   Failure Begin(Session& session);
+  Failure Reach(Session& session);
   Failure ConnectTo(Session& session);
   Failure SignIn(Session& session);
   Failure SignInAsMachine(Session& session, const char* service, KrbCache& cache);
@@ -235,9 +241,11 @@ class Membership::Operation {
   Failure LookUp(Session& session, std::optional<Entry>& account);
   Failure ReadVersion(Session& session, const std::string& dn, std::uint32_t& version);
 
+  Failure EnrolByItself(Session& session, bool& is_done);
   Failure EnrolAt(Session& session);
   Failure Create(Session& session, const Secret& password);
-  Failure Update(Session& session, const Entry& account, std::uint32_t& encryption_types);
+  std::vector<Change> Differences(const Entry& account) const;
+  Failure Update(Session& session, const Entry& account);
   Failure NameConflict(Session& session, Failure failure);
   Failure SetPassword(Session& session, const std::string& dn, const Secret& password);
   Failure ChangeOwnPassword(Session& session, const Secret& password, bool& is_unknown);
@@ -257,13 +265,14 @@ class Membership::Operation {
   std::set<std::uint32_t> Versions() const;
   std::vector<MachineKey> KeysOf(std::uint32_t version) const;
   bool Fits(std::uint32_t version, const std::vector<krb5_enctype>& types) const;
-  Failure FindWorking(Session& session, const std::vector<krb5_enctype>& types,
-                      std::optional<std::uint32_t>& working);
+  Failure FindWorking(Session& session, const std::vector<krb5_enctype>& types, const char* service,
+                      KrbCache& cache, std::optional<std::uint32_t>& working);
   std::vector<KeytabKey> Kept(std::uint32_t version, const std::vector<MachineKey>& keys,
                               std::uint32_t written) const;
   void AppendOld(std::uint32_t below, std::vector<KeytabKey>& keys) const;
   Failure Write(std::vector<KeytabKey> keys, Session& session);
   Failure Settle(Session& session, std::uint32_t version, std::uint32_t in_force);
+  Failure SettleEnrolled(Session& session, const Entry& account, std::uint32_t version);
 
   Result Ended(Failure failure, const std::string& controller = {});
 
@@ -273,6 +282,7 @@ class Membership::Operation {
   MachineKeytab keytab_;
   Step step_ = Step::kArguments;
   bool changed_ = false;
+  std::set<std::uint32_t> refused_;  // versions of keys that the controller at work refused
   Departure departure_ = Departure::kDisable;
   MembershipStatus* status_ = nullptr;
 };
@@ -322,10 +332,18 @@ Result Membership::Operation::Run(Body body, bool is_held) {
   std::string last;
   for (std::size_t i = 0; i < controllers.size(); ++i) {
     last = controllers[i].name;
-    Session session(settings_.realm, controllers[i],
-                    end_.Share(std::min(controllers.size() - i, kMostShares)));
-    failure = Begin(session);
-    if (!failure) failure = (this->*body)(session);
+    const Deadline share = end_.Share(std::min(controllers.size() - i, kMostShares));
+    bool is_done = false;
+    failure = {};
+    if (body == &Operation::EnrolAt) {
+      Session session(settings_.realm, controllers[i], share);
+      failure = EnrolByItself(session, is_done);
+    }
+    if (!failure && !is_done) {
+      Session session(settings_.realm, controllers[i], share);
+      failure = Begin(session);
+      if (!failure) failure = (this->*body)(session);
+    }
     if (!failure || !IsOfTheController(failure.cause) || end_.HasPassed()) break;
     logger.Warning("Leaving controller ", last, ": ", ToText(step_), ": ", OneLine(failure.text));
   }
@@ -333,9 +351,7 @@ Result Membership::Operation::Run(Body body, bool is_held) {
 }
 
 Failure Membership::Operation::Begin(Session& session) {
-  if (Failure failure = ConnectTo(session)) return failure;
-  if (Failure failure = session.kdc.Open()) return failure;
-  if (Failure failure = session.kdc.Parse(settings_.Principal(), session.machine)) return failure;
+  if (Failure failure = Reach(session)) return failure;
   if (settings_.options.simple_bind && credentials_.kind == Credentials::Data::Kind::kPassword) {
     step_ = Step::kBind;
     std::string user = credentials_.name;
@@ -346,6 +362,12 @@ Failure Membership::Operation::Begin(Session& session) {
   if (Failure failure = SignIn(session)) return failure;
   step_ = Step::kBind;
   return session.directory.BindKerberos(session.kdc, session.cache.get(), settings_.realm);
+}
+
+Failure Membership::Operation::Reach(Session& session) {
+  if (Failure failure = ConnectTo(session)) return failure;
+  if (Failure failure = session.kdc.Open()) return failure;
+  return session.kdc.Parse(settings_.Principal(), session.machine);
 }
 
 Failure Membership::Operation::ConnectTo(Session& session) {
@@ -461,25 +483,20 @@ Failure Membership::Operation::Create(Session& session, const Secret& password) 
   return {};
 }
 
-// Sets what differs from what is wanted. `encryption_types` is what the account then has.
-Failure Membership::Operation::Update(Session& session, const Entry& account,
-                                      std::uint32_t& encryption_types) {
-  step_ = Step::kUpdate;
+// What is to be set, since it differs from what is wanted.
+std::vector<Change> Membership::Operation::Differences(const Entry& account) const {
   using Kind = Change::Kind;
   std::vector<Change> changes;
   const auto flags = ToNumber<std::uint32_t>(account.First("useraccountcontrol"));
-  if ((flags & kWorkstationTrustAccount) == 0) {
-    return {Cause::kAccountBarred, account.dn + " is no computer's account"};
-  }
   const std::uint32_t wanted = flags & ~(kAccountDisabled | kPasswordNotRequired | kDesKeysOnly);
   if (flags != wanted) {
     changes.push_back({Kind::kReplace, "userAccountControl", {std::to_string(wanted)}});
   }
-  encryption_types = ToNumber<std::uint32_t>(account.First("msds-supportedencryptiontypes"));
-  if (encryption_types != settings_.EncryptionTypes()) {
-    encryption_types = settings_.EncryptionTypes();
-    changes.push_back(
-        {Kind::kReplace, "msDS-SupportedEncryptionTypes", {std::to_string(encryption_types)}});
+  if (ToNumber<std::uint32_t>(account.First("msds-supportedencryptiontypes")) !=
+      settings_.EncryptionTypes()) {
+    changes.push_back({Kind::kReplace,
+                       "msDS-SupportedEncryptionTypes",
+                       {std::to_string(settings_.EncryptionTypes())}});
   }
   if (!SameIgnoringCase(account.First("dnshostname"), settings_.dns_name)) {
     changes.push_back({Kind::kReplace, "dNSHostName", {settings_.dns_name}});
@@ -489,11 +506,20 @@ Failure Membership::Operation::Update(Session& session, const Entry& account,
     if (!Contains(account.All("serviceprincipalname"), name)) missing.push_back(name);
   }
   if (!missing.empty()) changes.push_back({Kind::kAdd, "servicePrincipalName", missing});
-  if (changes.empty()) return {};
+  return changes;
+}
 
+Failure Membership::Operation::Update(Session& session, const Entry& account) {
+  step_ = Step::kUpdate;
+  if (!IsWorkstation(account)) {
+    return {Cause::kAccountBarred, account.dn + " is no computer's account"};
+  }
+  const std::vector<Change> changes = Differences(account);
+  if (changes.empty()) return {};
   Failure failure = session.directory.Modify(account.dn, changes);
   if (failure) return NameConflict(session, std::move(failure));
   changed_ = true;
+  refused_.clear();
   logger.Notice("Updated the account ", account.dn);
   return {};
 }
@@ -581,20 +607,23 @@ bool Membership::Operation::Fits(std::uint32_t version,
          });
 }
 
-// The newest version that has the types, and that the KDC takes; nothing when there is none.
+// The newest version that has the types, and that the KDC takes for a ticket for `service`; nothing
+// when there is none. What the KDC has refused is not tried again.
 Failure Membership::Operation::FindWorking(Session& session, const std::vector<krb5_enctype>& types,
+                                           const char* service, KrbCache& cache,
                                            std::optional<std::uint32_t>& working) {
   step_ = Step::kProof;
   working.reset();
   const std::set<std::uint32_t> versions = Versions();
   for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
-    if (!Fits(*version, types)) continue;
-    KrbCache cache;  // each key was used when it was written, so the strongest speaks for all
-    Failure failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), nullptr, cache);
+    if (!Fits(*version, types) || refused_.count(*version) != 0) continue;
+    // Each key was used when it was written, so the strongest speaks for all.
+    Failure failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), service, cache);
     if (!failure) {
       working = *version;
       return {};
     }
+    if (failure.cause == Cause::kBadCredentials) refused_.insert(*version);
     if (failure.cause != Cause::kBadCredentials && failure.cause != Cause::kNoEncryptionType) {
       return failure;
     }
@@ -681,30 +710,59 @@ Failure Membership::Operation::Settle(Session& session, std::uint32_t version,
   return Write(std::move(content), session);
 }
 
+Failure Membership::Operation::SettleEnrolled(Session& session, const Entry& account,
+                                              std::uint32_t version) {
+  const auto in_force = ToNumber<std::uint32_t>(account.First("msds-keyversionnumber"));
+  return Settle(session, version, in_force != 0 ? in_force : version);
+}
+
 // --- the operations ------------------------------------------------------------------------------
 
 Result Membership::Operation::Enrol() {
   return Run(&Operation::EnrolAt, true);
 }
 
+// As the machine, with the keys that it has: one exchange proves them and gets the ticket for the
+// directory. Done when nothing has to be changed there; otherwise the given credentials have to.
+Failure Membership::Operation::EnrolByItself(Session& session, bool& is_done) {
+  is_done = false;
+  if (settings_.options.simple_bind) return {};
+  const std::vector<krb5_enctype> types = TypesOf(settings_.EncryptionTypes());
+  const std::set<std::uint32_t> versions = Versions();
+  refused_.clear();
+  if (std::none_of(versions.begin(), versions.end(),
+                   [&](std::uint32_t version) { return Fits(version, types); })) {
+    return {};
+  }
+  if (Failure failure = Reach(session)) return failure;
+  std::optional<std::uint32_t> working;
+  const std::string service = "ldap/" + session.controller.name;
+  Failure failure = FindWorking(session, types, service.c_str(), session.cache, working);
+  std::optional<Entry> account;
+  if (!failure && working) {
+    step_ = Step::kBind;
+    failure = session.directory.BindKerberos(session.kdc, session.cache.get(), settings_.realm);
+    if (!failure) failure = LookUp(session, account);
+  }
+  if (failure.cause == Cause::kUnreachable || failure.cause == Cause::kTimedOut) return failure;
+  if (!account || !IsWorkstation(*account) || !Differences(*account).empty()) return {};
+  is_done = true;
+  return SettleEnrolled(session, *account, *working);
+}
+
 Failure Membership::Operation::EnrolAt(Session& session) {
   std::optional<Entry> account;
   if (Failure failure = LookUp(session, account)) return failure;
 
-  std::uint32_t encryption_types = settings_.EncryptionTypes();
   std::string dn = settings_.NewDn();
+  const std::vector<krb5_enctype> types = TypesOf(settings_.EncryptionTypes());
   if (account) {
     dn = account->dn;
-    if (Failure failure = Update(session, *account, encryption_types)) return failure;
-  }
-  const std::vector<krb5_enctype> types = TypesOf(encryption_types);
-  if (account) {
+    if (Failure failure = Update(session, *account)) return failure;
     std::optional<std::uint32_t> working;
-    if (Failure failure = FindWorking(session, types, working)) return failure;
-    if (working) {
-      const auto in_force = ToNumber<std::uint32_t>(account->First("msds-keyversionnumber"));
-      return Settle(session, *working, in_force != 0 ? in_force : *working);
-    }
+    KrbCache cache;
+    if (Failure failure = FindWorking(session, types, nullptr, cache, working)) return failure;
+    if (working) return SettleEnrolled(session, *account, *working);
   }
 
   if (account && IsSelf(session)) return Renew(session, *account, types);

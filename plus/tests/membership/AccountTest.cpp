@@ -178,6 +178,7 @@ TEST_F(Account, IsEnrolledWithTheTicketsOfACache) {
 
   EXPECT_THAT(Member().Enrol(Credentials::Cache(cache), kLimit), Changes());
   EXPECT_EQ(SignIn(), kAlice);
+  std::remove(keytab.c_str());
   EXPECT_THAT(Member().Enrol(Credentials::Cache("FILE:" + (folder / "none")), kLimit),
               Fails(Cause::kBadCredentials, Step::kSignIn));
 }

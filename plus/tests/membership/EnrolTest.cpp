@@ -42,6 +42,19 @@ TEST_F(Enrolment, ChangesNothingWhenTheKeysWork) {
   EXPECT_EQ(KeytabBytes(), bytes);
 }
 
+TEST_F(Enrolment, UsesTheCredentialsOnlyWhenThereIsSomethingToChange) {
+  NameMachine("frugal");
+  ASSERT_THAT(Enrol(), Changes());
+  const std::string bytes = KeytabBytes();
+  const Credentials wrong = Credentials::Password(user, "Wrong.Pass.1");
+
+  EXPECT_THAT(Member().Enrol(wrong, kLimit), ChangesNothing());
+  options.services = {"HTTP"};
+  EXPECT_THAT(Member().Enrol(wrong, kLimit), Fails(Cause::kBadCredentials, Step::kSignIn));
+  EXPECT_THAT(Enrol(), Changes());
+  EXPECT_EQ(KeytabBytes(), bytes);
+}
+
 TEST_F(Enrolment, LeavesAMachineThatTheCoreJoinsAndAuthenticatesWith) {
   NameMachine("core");
   ASSERT_THAT(Enrol(), Changes());

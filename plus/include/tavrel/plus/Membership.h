@@ -205,6 +205,9 @@ class TAVREL_EXPORT Membership {
   /// account's encryption types, that is all. Otherwise sets a new password, derives a key of each
   /// type as the KDC says, uses them once, and writes them to the keytab with the directory's key
   /// version; older keys stay for as long as tickets live.
+  ///
+  /// The machine looks by itself, with its own keys, whether anything is to be done. The
+  /// credentials are used when something is, so wrong ones go unnoticed when nothing is.
   Result Enrol(const Credentials& credentials, std::chrono::milliseconds limit);
 
   /// Gives the account a new password, with the keys in the keytab as the only credentials. The new
