@@ -67,33 +67,46 @@ std::optional<Address> HttpRequest::Peer() const {
 struct HttpServer::Callbacks {
   static HttpServer& Server(void* server) { return *static_cast<HttpServer*>(server); }
 
+  // What `act` returns, or `otherwise` when it throws.
+  template <typename Act, typename Result>
+  static Result Guarded(const Act& act, Result otherwise) noexcept {
+    try {
+      return act();
+    } catch (const std::exception& error) {
+      WriteFailure("request", error);
+      return otherwise;
+    }
+  }
+
   static Connection* Of(MHD_Connection* connection) {
     const auto* const info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
     return info != nullptr ? static_cast<Connection*>(info->socket_context) : nullptr;
   }
 
-  static MHD_Result Accept(void* server, const sockaddr* address, socklen_t /*size*/) {
-    return Server(server).MayConnect(address) ? MHD_YES : MHD_NO;
+  static MHD_Result Accept(void* server, const sockaddr* address, socklen_t /*size*/) noexcept {
+    return Guarded([&] { return Server(server).MayConnect(address) ? MHD_YES : MHD_NO; }, MHD_NO);
   }
 
+  // A connection without a context is not served.
   static void Notify(void* server, MHD_Connection* connection, void** context,
-                     MHD_ConnectionNotificationCode what) {
+                     MHD_ConnectionNotificationCode what) noexcept {
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
-      *context = Server(server).Opened(connection);
+      Connection* const none = nullptr;
+      *context = Guarded([&] { return Server(server).Opened(connection); }, none);
     } else if (*context != nullptr) {
       Server(server).Closed(static_cast<Connection*>(std::exchange(*context, nullptr)));
     }
   }
 
   // The first line of a request is there.
-  static void* Began(void* server, const char* /*uri*/, MHD_Connection* connection) {
+  static void* Began(void* server, const char* /*uri*/, MHD_Connection* connection) noexcept {
     Server(server).Mark(Of(connection), true);
     return nullptr;
   }
 
   static void Completed(void* server, MHD_Connection* connection, void** /*state*/,
-                        MHD_RequestTerminationCode /*how*/) {
+                        MHD_RequestTerminationCode /*how*/) noexcept {
     Server(server).Mark(Of(connection), false);
   }
 
@@ -101,17 +114,15 @@ struct HttpServer::Callbacks {
   // the first, when the header is there, ends the connection.
   static MHD_Result Handle(void* server, MHD_Connection* connection, const char* path,
                            const char* /*method*/, const char* /*version*/, const char* /*body*/,
-                           std::size_t* size, void** state) {
+                           std::size_t* size, void** state) noexcept {
     static char seen;
     *size = 0;
+    if (Of(connection) == nullptr) return MHD_NO;  // its limits would not hold
     const HttpRequest request(connection, path);
     if (std::exchange(*state, &seen) == nullptr && !HasBody(request)) return MHD_YES;
-    try {
-      return Server(server).Respond(connection, Server(server).handler_(request));
-    } catch (const std::exception& error) {
-      Write(Record("error", "request").Add("message", error.what()));
-      return MHD_NO;
-    }
+    return Guarded(
+        [&] { return Server(server).Respond(connection, Server(server).handler_(request)); },
+        MHD_NO);
   }
 };
 
@@ -156,9 +167,10 @@ HttpServer::Connection* HttpServer::Opened(MHD_Connection* connection) {
   const int socket = fd != nullptr ? fd->connect_fd : -1;
   const auto client = HttpRequest(connection, "").Peer();
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (client) ++of_client_[*client];
-  return &connections_.emplace_back(
-      Connection{socket, client, false, Clock::now() + limits_.request_time});
+  unsigned int* const open = client ? &of_client_[*client] : nullptr;
+  connections_.push_back({socket, client, false, Clock::now() + limits_.request_time});
+  if (open != nullptr) ++*open;  // now that nothing can throw any more
+  return &connections_.back();
 }
 
 void HttpServer::Closed(Connection* connection) {

@@ -20,6 +20,13 @@ void Write(const JsonObject& record) {
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 
+void WriteFailure(std::string_view what, const std::exception& error) noexcept {
+  try {
+    Write(Record("error", what).Add("message", error.what()));
+  } catch (const std::exception&) {  // and that is all that can be done
+  }
+}
+
 }  // namespace tavrel::tools
 
 // The libraries' records go the same way: the dynamic linker finds these before the platform's.
