@@ -2,16 +2,22 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <list>
+#include <exception>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "authd/Log.h"
@@ -25,11 +31,12 @@ constexpr std::size_t kLongestLine = 96UL * 1024;
 // Squid ends a helper whose answer is longer than its buffer of 32 KB.
 constexpr std::size_t kLongestAnswer = 32000;
 constexpr std::size_t kChunk = 16384;
+constexpr int kPause = 100;  // in milliseconds, before another try
 
 // Squid ends itself when it is not given a token to send to the client. This one stands for none.
 constexpr std::string_view kNoReply = "AA==";
 
-std::string Message(std::string_view verdict, std::string_view text) {
+std::string Told(std::string_view verdict, std::string_view text) {
   std::string clean;
   for (const char c : text) {
     if (static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\') continue;
@@ -57,15 +64,99 @@ bool TakeLine(std::string& buffer, std::string& line) {
   return true;
 }
 
+// False at the end of the input. What cannot wait (O_NONBLOCK) may have nothing.
 bool Read(int from, std::string& buffer) {
   char chunk[kChunk];
   ssize_t got = 0;
   do {
     got = read(from, chunk, sizeof chunk);
   } while (got == -1 && errno == EINTR);
+  if (got == -1 && errno == EAGAIN) return true;
   if (got <= 0) return false;
   buffer.append(chunk, static_cast<std::size_t>(got));
   return true;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor = -1) : descriptor_(descriptor) {}
+  Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (descriptor_ != -1) close(descriptor_);
+  }
+  int Get() const { return descriptor_; }
+  explicit operator bool() const { return descriptor_ != -1; }
+
+ private:
+  int descriptor_;
+};
+
+// --- what a helper lends -------------------------------------------------------------------------
+
+// What a helper has to know when its daemon is gone: a word that both share.
+enum State : std::uint32_t {
+  kIdle,  // all that was read is answered
+  kBusy,  // there may be a question that was read and is not answered
+  kOver,  // Squid asks no more
+};
+using SharedWord = std::atomic<std::uint32_t>;
+static_assert(SharedWord::is_always_lock_free);
+struct Unmap {
+  void operator()(SharedWord* word) const { munmap(word, sizeof *word); }
+};
+using SharedState = std::unique_ptr<SharedWord, Unmap>;
+constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW;  // it stays as long as it is
+
+SharedState Share(const Descriptor& memory) {
+  void* const word =
+      mmap(nullptr, sizeof(SharedWord), PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
+  return SharedState(word != MAP_FAILED ? static_cast<SharedWord*>(word) : nullptr);
+}
+
+constexpr std::size_t kLent = 3;  // input, output, and the shared word
+struct Message {
+  Message() {
+    header.msg_iov = &content;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+  }
+  char byte = 0;  // a message needs one
+  iovec content{&byte, sizeof byte};
+  alignas(cmsghdr) char control[CMSG_SPACE(kLent * sizeof(int))]{};
+  msghdr header{};
+};
+
+bool Lend(const Descriptor& daemon, const std::array<int, kLent>& lent) {
+  Message message;
+  cmsghdr* const rights = CMSG_FIRSTHDR(&message.header);
+  rights->cmsg_level = SOL_SOCKET;
+  rights->cmsg_type = SCM_RIGHTS;
+  rights->cmsg_len = CMSG_LEN(sizeof lent);
+  std::memcpy(CMSG_DATA(rights), lent.data(), sizeof lent);
+  return sendmsg(daemon.Get(), &message.header, MSG_NOSIGNAL) == 1;
+}
+
+// Fewer descriptors than kLent when it was another message.
+std::vector<Descriptor> Borrow(const Descriptor& helper) {
+  Message message;
+  std::vector<Descriptor> lent;
+  lent.reserve(kLent);
+  if (recvmsg(helper.Get(), &message.header, MSG_CMSG_CLOEXEC) != 1) return lent;
+  const cmsghdr* const rights = CMSG_FIRSTHDR(&message.header);
+  if (rights == nullptr || rights->cmsg_type != SCM_RIGHTS) return lent;
+  for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= rights->cmsg_len; at += sizeof(int)) {
+    int one = -1;
+    std::memcpy(&one, CMSG_DATA(rights) + at, sizeof one);
+    lent.emplace_back(one);
+  }
+  return lent;
 }
 
 }  // namespace
@@ -74,7 +165,7 @@ std::string AnswerSquid(std::string_view line, Gate* gate, Metrics* metrics) {
   const auto begin = std::chrono::steady_clock::now();
   const std::vector<std::string_view> words = Words(line);
   if (words.size() < 2 || words.size() > 3 || (words[0] != "YR" && words[0] != "KK")) {
-    return Message("BH", "not a request of the negotiate protocol");
+    return Told("BH", "not a request of the negotiate protocol");
   }
   Question question;
   const std::string authorization = "Negotiate " + std::string(words[1]);
@@ -82,7 +173,7 @@ std::string AnswerSquid(std::string_view line, Gate* gate, Metrics* metrics) {
   if (words.size() == 3) question.client = Address::Parse(words[2]);
   const Answer answer = gate->Decide(question);
   metrics->Count(answer.result, std::chrono::steady_clock::now() - begin);
-  if (answer.verdict != Answer::Verdict::kAllowed) return Message("ERR", answer.reason);
+  if (answer.verdict != Answer::Verdict::kAllowed) return Told("ERR", answer.reason);
 
   std::string reply = "OK token=";
   reply += answer.reply.empty() ? std::string(kNoReply) : ToBase64(answer.reply);
@@ -90,59 +181,138 @@ std::string AnswerSquid(std::string_view line, Gate* gate, Metrics* metrics) {
   for (const plus::Sid& group : answer.user.groups)
     reply += " group=" + group.ToText();
   if (reply.size() <= kLongestAnswer) return reply;
-  return Message("ERR", "the user is in more groups than Squid can be told of");
+  return Told("ERR", "the user is in more groups than Squid can be told of");
 }
 
 // --- the daemon ----------------------------------------------------------------------------------
+
+struct SquidServer::Helper {
+  std::uint64_t name = 0;
+  Descriptor control{};          // ends with the helper
+  Descriptor input{}, output{};  // none until the helper has lent them
+  SharedState state{};
+  std::string buffer{};
+};
+
+namespace {
+
+// What epoll names an event by: a helper's name, and a bit for what of it.
+constexpr std::uint64_t kFromSquid = 1;
+constexpr std::uint64_t kName = 2;  // the least of a helper
+constexpr std::uint64_t kWake = 0;
+constexpr std::uint64_t kListener = 1;
+
+}  // namespace
 
 SquidServer::SquidServer(int listener, Gate* gate, Metrics* metrics)
     : listener_(listener),
       gate_(gate),
       metrics_(metrics),
       wake_(eventfd(0, EFD_CLOEXEC)),
-      thread_([this] { Run(); }) {}
+      watched_(epoll_create1(EPOLL_CLOEXEC)) {
+  Watch(wake_, kWake);
+  Watch(listener_, kListener);
+  thread_ = std::thread([this] { Run(); });
+}
 
 SquidServer::~SquidServer() {
   const std::uint64_t one = 1;
   [[maybe_unused]] const ssize_t wrote = write(wake_, &one, sizeof one);
   thread_.join();
-  close(wake_);
-  close(listener_);
+  for (const int descriptor : {wake_, watched_, listener_})
+    close(descriptor);
+}
+
+void SquidServer::Watch(int descriptor, std::uint64_t name) const {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = name;
+  if (epoll_ctl(watched_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll");
+  }
 }
 
 void SquidServer::Run() {
-  std::list<Helper> helpers;
-  std::vector<pollfd> polled;
-  do {
-    polled.assign({{wake_, POLLIN, 0}, {listener_, POLLIN, 0}});
-    for (const Helper& helper : helpers)
-      polled.push_back({helper.socket, POLLIN, 0});
-    if (poll(polled.data(), polled.size(), -1) == -1) continue;
-    auto helper = helpers.begin();
-    for (std::size_t i = 2; i < polled.size(); ++i) {
-      if (polled[i].revents != 0 && !Serve(*helper)) {
-        close(helper->socket);
-        helper = helpers.erase(helper);
-      } else {
-        ++helper;
+  std::array<epoll_event, 64> events{};
+  for (bool ending = false; !ending;) {
+    const int count = epoll_wait(watched_, events.data(), events.size(), -1);
+    for (int i = 0; i < count; ++i) {
+      const std::uint64_t event = events[static_cast<std::size_t>(i)].data.u64;
+      if (event == kWake) {
+        ending = true;
+      } else if (event == kListener) {
+        Welcome();
+      } else if (const auto found = helpers_.find(event & ~kFromSquid);
+                 found != helpers_.end() && !Heard(*found->second, (event & kFromSquid) != 0)) {
+        helpers_.erase(found);
       }
     }
-    if ((polled[1].revents & POLLIN) != 0) {
-      const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (socket != -1) helpers.push_back({socket, ""});
-    }
-  } while ((polled[0].revents & POLLIN) == 0);
-  for (const Helper& helper : helpers)
-    close(helper.socket);
+  }
+  helpers_.clear();
+}
+
+// No exception ends the thread: memory that is short costs one helper.
+void SquidServer::Welcome() {
+  Descriptor control(accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!control) {
+    poll(nullptr, 0, kPause);  // too many are open, and that one stays in the queue
+    return;
+  }
+  try {
+    const std::uint64_t name = last_name_ += kName;
+    Watch(control.Get(), name);
+    auto helper = std::make_unique<Helper>();
+    helper->control = std::move(control);
+    helper->name = name;
+    helpers_.emplace(name, std::move(helper));
+  } catch (const std::exception& error) {
+    WriteFailure("squid", error);
+  }
+}
+
+bool SquidServer::Heard(Helper& helper, bool from_squid) const {
+  try {
+    if (from_squid) return Serve(helper);
+    return !helper.input && TakeOver(helper);
+  } catch (const std::exception& error) {
+    WriteFailure("squid", error);
+    return false;
+  }
+}
+
+bool SquidServer::TakeOver(Helper& helper) const {
+  std::vector<Descriptor> lent = Borrow(helper.control);
+  if (lent.size() != kLent) return false;
+  const int seals = fcntl(lent[2].Get(), F_GET_SEALS);
+  struct stat status {};
+  if (seals == -1 || (seals & kSeals) != kSeals || fstat(lent[2].Get(), &status) != 0 ||
+      status.st_size < ssize_t{sizeof(SharedWord)}) {
+    return false;
+  }
+  for (const std::size_t i : {0, 1}) {
+    const int flags = fcntl(lent[i].Get(), F_GETFL);
+    if (flags == -1 || fcntl(lent[i].Get(), F_SETFL, flags | O_NONBLOCK) == -1) return false;
+  }
+  helper.state = Share(lent[2]);
+  helper.input = std::move(lent[0]);
+  helper.output = std::move(lent[1]);
+  if (!helper.state) return false;
+  Watch(helper.input.Get(), helper.name | kFromSquid);
+  return true;
 }
 
 bool SquidServer::Serve(Helper& helper) const {
-  if (!Read(helper.socket, helper.buffer)) return false;
+  helper.state->store(kBusy);
+  if (!Read(helper.input.Get(), helper.buffer)) {
+    helper.state->store(kOver);
+    return false;
+  }
   std::string line;
   while (TakeLine(helper.buffer, line)) {
-    // A helper that does not take an answer of its own question has a full socket: it is broken.
-    if (!WriteAll(helper.socket, AnswerSquid(line, gate_, metrics_) + "\n")) return false;
+    // A Squid that does not take an answer to its own question is broken.
+    if (!WriteAll(helper.output.Get(), AnswerSquid(line, gate_, metrics_) + "\n")) return false;
   }
+  if (helper.buffer.empty()) helper.state->store(kIdle);
   return helper.buffer.size() <= kLongestLine;
 }
 
@@ -150,54 +320,60 @@ bool SquidServer::Serve(Helper& helper) const {
 
 namespace {
 
-int ConnectTo(const std::string& path) {
+Descriptor ConnectTo(const std::string& path) {
   sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) return -1;
+  if (path.size() >= sizeof address.sun_path) return Descriptor();
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (client == -1) return -1;
-  if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return client;
+  Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!client ||
+      connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return Descriptor();
   }
-  close(client);
-  return -1;
+  return client;
 }
 
-// Asks on a connection that may have ended since it was last used.
-bool Ask(int& daemon, const std::string& question, std::string& answer) {
-  std::string buffer;
-  if (daemon != -1 && WriteAll(daemon, question)) {
-    while (Read(daemon, buffer)) {
-      if (TakeLine(buffer, answer)) return true;
-    }
+// Lends the daemon this process's input and output, and returns when the daemon is gone. The last
+// state that it left; nothing when it did not get them.
+std::optional<std::uint32_t> LendUntilGone(const std::string& socket) {
+  const Descriptor daemon = ConnectTo(socket);
+  const Descriptor memory(memfd_create("tavrel-squid", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (!daemon || !memory || ftruncate(memory.Get(), sizeof(SharedWord)) != 0 ||
+      fcntl(memory.Get(), F_ADD_SEALS, kSeals) != 0) {
+    return std::nullopt;
   }
-  if (daemon != -1) close(daemon);
-  daemon = -1;
-  return false;
+  const SharedState state = Share(memory);
+  if (!state || !Lend(daemon, {STDIN_FILENO, STDOUT_FILENO, memory.Get()})) return std::nullopt;
+  pollfd end{daemon.Get(), POLLIN, 0};
+  while (poll(&end, 1, -1) == -1) {
+  }
+  return state->load();
 }
 
 }  // namespace
 
 int RunSquidHelper(const std::string& socket) {
-  int daemon = ConnectTo(socket);
   std::string buffer;
   std::string line;
   for (;;) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    poll(&input, 1, -1);
+    if (buffer.empty()) {
+      const auto state = LendUntilGone(socket);
+      if (state == kOver) return 0;
+      if (state == kBusy) return 1;
+
+      if (state) {
+        poll(nullptr, 0, kPause);  // it ends, and may begin anew
+        continue;
+      }
+    }
+    if (!Read(STDIN_FILENO, buffer)) return 0;
     while (TakeLine(buffer, line)) {
-      std::string answer;
-      line += '\n';
-      // A token that was taken to a daemon that then ended is not asked about twice: it could count
-      // as a replay. Nothing was taken where there was no connection.
-      if (daemon == -1) daemon = ConnectTo(socket);
-      if (!Ask(daemon, line, answer)) answer = Message("BH", "tavrel-authd does not answer");
-      if (!WriteAll(STDOUT_FILENO, answer + "\n")) return 1;
+      if (!WriteAll(STDOUT_FILENO, Told("BH", "tavrel-authd does not answer") + "\n")) return 1;
     }
     if (buffer.size() > kLongestLine) return 1;
-    if (!Read(STDIN_FILENO, buffer)) break;
   }
-  if (daemon != -1) close(daemon);
-  return 0;
 }
 
 }  // namespace tavrel::tools

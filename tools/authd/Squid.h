@@ -2,7 +2,8 @@
 #ifndef TAVREL_TOOLS_AUTHD_SQUID_H
 #define TAVREL_TOOLS_AUTHD_SQUID_H
 
-#include <atomic>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -28,23 +29,30 @@ class SquidServer {
   ~SquidServer();
 
  private:
-  struct Helper {
-    int socket;
-    std::string buffer;
-  };
+  struct Helper;
+
   void Run();
-  bool Serve(Helper& helper) const;  // false when the connection is over
+  void Watch(int descriptor, std::uint64_t name) const;
+  void Welcome();
+  bool Heard(Helper& helper, bool from_squid) const;  // false when the helper is to go
+  bool TakeOver(Helper& helper) const;
+  bool Serve(Helper& helper) const;
 
   const int listener_;
   Gate* const gate_;
   Metrics* const metrics_;
-  int wake_ = -1;
+  const int wake_;
+  const int watched_;  // of epoll
+  std::map<std::uint64_t, std::unique_ptr<Helper>> helpers_;
+  std::uint64_t last_name_ = 0;
   std::thread thread_;
 };
 
-// The helper: passes lines from standard input to the daemon at `socket` and its answers to
-// standard output, until standard input ends. A daemon that is away, or goes away, is connected to
-// again; until it is back each line is answered with BH. Returns the exit status.
+// The helper. It lends its standard input and output to the daemon at `socket`, which then reads
+// Squid's lines and answers them itself, and waits until the input ends. When the daemon goes away
+// it lends them again, and answers with BH until there is one. A daemon that is killed between a
+// question and its answer ends this helper, since nobody else knows that there was a question.
+// Returns the exit status.
 int RunSquidHelper(const std::string& socket);
 
 }  // namespace tavrel::tools
