@@ -28,6 +28,12 @@ struct CipherFree {
 };
 using Cipher = std::unique_ptr<EVP_CIPHER_CTX, CipherFree>;
 
+// Null when libcrypto has none. Looking it up takes longer than opening a cookie.
+const EVP_CIPHER* Aes256Gcm() {
+  static const EVP_CIPHER* const kCipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+  return kCipher;
+}
+
 const unsigned char* Bytes(std::string_view text) {
   return reinterpret_cast<const unsigned char*>(text.data());
 }
@@ -251,8 +257,7 @@ std::string Sessions::Seal(const User& user, std::string_view host, std::int64_t
   const Cipher cipher(EVP_CIPHER_CTX_new());
   int size = 0;
   if (!cipher ||
-      EVP_EncryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, Bytes(key.bytes),
-                         Bytes(nonce)) != 1 ||
+      EVP_EncryptInit_ex(cipher.get(), Aes256Gcm(), nullptr, Bytes(key.bytes), Bytes(nonce)) != 1 ||
       EVP_EncryptUpdate(cipher.get(), nullptr, &size, Bytes(bound),
                         static_cast<int>(bound.size())) != 1 ||
       EVP_EncryptUpdate(cipher.get(), Bytes(sealed), &size, Bytes(plain),
@@ -272,18 +277,19 @@ std::optional<Sessions::Opened> Sessions::Open(std::string_view cookie, std::str
   if (!bytes || bytes->size() < kHeaderSize + kTagSize || bytes->front() != kVersion) {
     return std::nullopt;
   }
-  const SessionKeys::Key* const key = keys_.Find(bytes->substr(1, kIdSize));
+  const std::string_view view = *bytes;
+  const SessionKeys::Key* const key = keys_.Find(view.substr(1, kIdSize));
   if (key == nullptr) return std::nullopt;
-  const std::string bound = Bound(bytes->substr(0, 1 + kIdSize), host);
-  const std::string nonce = bytes->substr(1 + kIdSize, kNonceSize);
-  const std::string sealed = bytes->substr(kHeaderSize, bytes->size() - kHeaderSize - kTagSize);
+  const std::string bound = Bound(view.substr(0, 1 + kIdSize), host);
+  const std::string_view nonce = view.substr(1 + kIdSize, kNonceSize);
+  const std::string_view sealed = view.substr(kHeaderSize, view.size() - kHeaderSize - kTagSize);
   std::string tag = bytes->substr(bytes->size() - kTagSize);
   std::string plain(sealed.size(), '\0');
   const Cipher cipher(EVP_CIPHER_CTX_new());
   int size = 0;
   if (!cipher ||
-      EVP_DecryptInit_ex(cipher.get(), EVP_aes_256_gcm(), nullptr, Bytes(key->bytes),
-                         Bytes(nonce)) != 1 ||
+      EVP_DecryptInit_ex(cipher.get(), Aes256Gcm(), nullptr, Bytes(key->bytes), Bytes(nonce)) !=
+          1 ||
       EVP_DecryptUpdate(cipher.get(), nullptr, &size, Bytes(bound),
                         static_cast<int>(bound.size())) != 1 ||
       EVP_DecryptUpdate(cipher.get(), Bytes(plain), &size, Bytes(sealed),

@@ -33,8 +33,16 @@ std::string Quoted(std::string_view text) {
 }  // namespace
 
 std::string Escaped(std::string_view text, bool json) {
+  const auto is_plain = [json](char c) {
+    return c >= ' ' && c < 0x7F && !(json && (c == '"' || c == '\\'));
+  };
   std::string result;
   while (!text.empty()) {
+    const auto plain = static_cast<std::size_t>(
+        std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+    result += text.substr(0, plain);
+    text.remove_prefix(plain);
+    if (text.empty()) break;
     const std::size_t length = CharacterLength(text);
     const auto first = static_cast<unsigned char>(text.front());
     const bool control =
@@ -48,7 +56,7 @@ std::string Escaped(std::string_view text, bool json) {
       result += "0123456789abcdef"[code >> 4U];
       result += "0123456789abcdef"[code & 0xFU];
     } else {
-      if (json && (first == '"' || first == '\\')) result += '\\';
+      if (length == 1) result += '\\';  // in front of what JSON does not take as it is
       result += text.substr(0, length);
     }
     text.remove_prefix(std::max<std::size_t>(length, 1));

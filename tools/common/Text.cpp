@@ -5,30 +5,73 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 namespace tavrel::tools {
 namespace {
 
 constexpr std::string_view kBlank = " \t";
+constexpr std::string_view kAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view kUrlAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 constexpr std::int64_t kLongestDuration = 366 * std::int64_t{86400};
 
 char LowerLetter(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+constexpr unsigned char kNoDigit = 64;
+using Digits = std::array<unsigned char, 256>;
+constexpr Digits DigitsOf(std::string_view alphabet) {
+  Digits digits{};
+  for (unsigned char& digit : digits)
+    digit = kNoDigit;
+  for (std::size_t i = 0; i < alphabet.size(); ++i) {
+    digits[static_cast<unsigned char>(alphabet[i])] = static_cast<unsigned char>(i);
+  }
+  return digits;
+}
+
+// The bytes of digits without padding. Nothing when one is none, or has bits to spare that are set.
+std::optional<std::string> FromDigits(std::string_view text, const Digits& digits) {
+  if (text.empty() || text.size() % 4 == 1) return std::nullopt;
+  std::string bytes(text.size() * 3 / 4, '\0');
+  char* to = bytes.data();
+  unsigned int bits = 0;   // read and not yet written
+  unsigned int count = 0;  // of them
+  for (const char c : text) {
+    const unsigned int digit = digits[static_cast<unsigned char>(c)];
+    if (digit == kNoDigit) return std::nullopt;
+    bits = bits << 6U | digit;
+    count += 6;
+    if (count < 8) continue;
+    count -= 8;
+    *to++ = static_cast<char>(bits >> count);
+    bits &= (1U << count) - 1;
+  }
+  return bits == 0 ? std::optional(std::move(bytes)) : std::nullopt;
+}
+
 }  // namespace
 
 std::vector<std::string_view> Words(std::string_view text) {
   std::vector<std::string_view> words;
-  for (;;) {
-    text.remove_prefix(std::min(text.find_first_not_of(kBlank), text.size()));
-    if (text.empty()) return words;
-    words.push_back(text.substr(0, text.find_first_of(kBlank)));
-    text.remove_prefix(words.back().size());
+  for (const auto* at = text.begin();;) {
+    const auto* const begin = std::find_if_not(at, text.end(), IsBlank);
+    if (begin == text.end()) return words;
+    at = std::find_if(begin, text.end(), IsBlank);
+    words.push_back(text.substr(static_cast<std::size_t>(begin - text.begin()),
+                                static_cast<std::size_t>(at - begin)));
   }
 }
 
@@ -104,18 +147,11 @@ std::string ToBase64(std::string_view bytes) {
 }
 
 std::optional<std::string> FromBase64(std::string_view text) {
-  if (text.empty() || text.size() % 4 != 0) return std::nullopt;
-  const std::size_t padding = text.size() - (text.find_last_not_of('=') + 1);
-  if (padding > 2) return std::nullopt;
-  std::string bytes(text.size() / 4 * 3, '\0');
-  const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
-                                   reinterpret_cast<const unsigned char*>(text.data()),
-                                   static_cast<int>(text.size()));
-  if (size < 0) return std::nullopt;
-  bytes.resize(static_cast<std::size_t>(size) - padding);
-  // The decoder takes blanks around the text, and bits that the last letter has to spare.
-  if (ToBase64(bytes) != text) return std::nullopt;
-  return bytes;
+  static constexpr Digits kDigits = DigitsOf(kAlphabet);
+  if (text.size() % 4 != 0) return std::nullopt;
+  for (int padding = 0; padding < 2 && !text.empty() && text.back() == '='; ++padding)
+    text.remove_suffix(1);
+  return FromDigits(text, kDigits);
 }
 
 std::string ToBase64Url(std::string_view bytes) {
@@ -127,12 +163,8 @@ std::string ToBase64Url(std::string_view bytes) {
 }
 
 std::optional<std::string> FromBase64Url(std::string_view text) {
-  if (text.find_first_of("+/=") != std::string_view::npos) return std::nullopt;
-  std::string padded(text);
-  std::replace(padded.begin(), padded.end(), '-', '+');
-  std::replace(padded.begin(), padded.end(), '_', '/');
-  padded.append((4 - padded.size() % 4) % 4, '=');
-  return FromBase64(padded);
+  static constexpr Digits kDigits = DigitsOf(kUrlAlphabet);
+  return FromDigits(text, kDigits);
 }
 
 std::optional<std::string> ReadFile(const std::string& path, std::size_t most, std::string* error) {
