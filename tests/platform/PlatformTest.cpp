@@ -119,7 +119,7 @@ TEST(PlatformLogger, KeepsEveryCharacterOfUtf8AndNothingElse) {
   for (int lead = 0x80; lead <= 0xFF; ++lead) {
     std::string message;
     for (const char* tail :
-         {"", "\x80", "\xBF", "A", "\x80\x80", "\xBF\xBF", "\xC0\x80", "\x80\xC0"}) {
+         {"", "\x80", "\xBF", "\x7F", "\x80\x80", "\xBF\xBF", "\xC0\x80", "\x80\xC0"}) {
       for (const char second : {'\x7F', '\x80', '\x8F', '\x90', '\x9F', '\xA0', '\xBF', '\xC0'})
         message.append(1, static_cast<char>(lead)).append(1, second).append(tail) += ' ';
     }

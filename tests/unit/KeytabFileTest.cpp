@@ -184,10 +184,10 @@ TEST_F(ADamagedFile, EndsWhereALengthIsZero) {
 // one.
 TEST_F(ADamagedFile, LosesAnEntryWhoseKeyIsCut) {
   const KnownLeak realm;
-  const std::string whole = kVersion + EntryOf(kHere);
   const std::string cut = EntryOf(kLost);
   const auto short_length = static_cast<std::int32_t>(cut.size() - 8);
   const std::string without_long_version = Length(short_length) + cut.substr(4, cut.size() - 8);
+  const std::string whole = kVersion + without_long_version + EntryOf(kHere);
   for (std::size_t left = without_long_version.size() - 1; left > 4; left -= 3) {
     SCOPED_TRACE(left);
     Put(whole + without_long_version.substr(0, left));
@@ -414,11 +414,13 @@ TEST(AWholeFile, MayBeOfAnySize) {
 }
 
 TEST(AKeytabInMemory, IsNotTakenForAFile) {
-  ScratchKeytab scratch("MEMORY");
-  ASSERT_TRUE(scratch.krb.SetKeytab("MEMORY:" + std::string(5000, 'x')));  // no path is as long
-
-  EXPECT_THAT(LastCalls(scratch),
-              ElementsAre("krb5_kt_get_name", "krb5_kt_add_entry", "krb5_free_keyblock_contents"));
+  const ScratchKeytab file;
+  for (const std::string& name : {std::string(5000, 'x'), file.Path()}) {  // no path is as long
+    ScratchKeytab scratch("MEMORY");
+    ASSERT_TRUE(scratch.krb.SetKeytab("MEMORY:" + name));
+    EXPECT_THAT(LastCalls(scratch), ElementsAre("krb5_kt_get_name", "krb5_kt_add_entry",
+                                                "krb5_free_keyblock_contents"));
+  }
 }
 
 }  // namespace
