@@ -4,6 +4,7 @@
 #include <unwind.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <new>

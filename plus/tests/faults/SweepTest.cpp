@@ -3,6 +3,7 @@
 // well.
 #include <unwind.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
