@@ -18,8 +18,8 @@ constexpr std::uint16_t kKdcPort = 88;
 constexpr std::uint16_t kPasswordPort = 464;
 constexpr std::uint32_t kLargestReply = 1U << 20U;
 constexpr std::size_t kLargestSalt = 1024;
-constexpr std::uint32_t kMostRounds = 1U << 20U;
-constexpr krb5_deltat kTicketLife = 600;  // longer than any operation needs it
+constexpr std::uint32_t kMostRounds = 1U << 18U;  // 64 times what is usual
+constexpr krb5_deltat kTicketLife = 600;          // longer than any operation needs it
 constexpr krb5_deltat kLargestSkew = 300;
 
 using KrbInitOptions =
@@ -271,10 +271,20 @@ Failure Kdc::Parse(const std::string& name, KrbPrincipal& principal) {
   return {};
 }
 
-template <typename Prepare>
-Failure Kdc::GetInitial(krb5_principal client, const std::vector<krb5_enctype>& types,
-                        const char* service, bool is_key_known, KrbCache& cache,
-                        const Prepare& prepare) {
+// Not by libkrb5's own way with a password, which takes whatever work a KDC asks for.
+Failure Kdc::SignIn(krb5_principal client, const Secret& password,
+                    const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
+  KeyRecipe recipe;
+  if (Failure failure = GetRecipe(client, types, recipe)) return failure;
+  std::vector<MachineKey> keys(1);
+  if (const krb5_error_code code = DeriveKey(context_, password, recipe, keys.front())) {
+    return Explain(code);
+  }
+  return SignIn(client, keys, service, cache);
+}
+
+Failure Kdc::SignIn(krb5_principal client, krb5_keytab keytab,
+                    const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
   error_ = 0;
   krb5_get_init_creds_opt* options = nullptr;
   krb5_error_code code = krb5_get_init_creds_opt_alloc(context_, &options);
@@ -287,15 +297,15 @@ Failure Kdc::GetInitial(krb5_principal client, const std::vector<krb5_enctype>& 
   krb5_get_init_creds_opt_set_forwardable(options, 0);
   krb5_get_init_creds_opt_set_proxiable(options, 0);
 
-  // Who need not ask how the key is made proves at once that he has it.
+  // The keys are known, so the first request proves that.
   krb5_preauthtype timestamp = KRB5_PADATA_ENC_TIMESTAMP;
-  if (is_key_known) krb5_get_init_creds_opt_set_preauth_list(options, &timestamp, 1);
+  krb5_get_init_creds_opt_set_preauth_list(options, &timestamp, 1);
 
   krb5_init_creds_context init = nullptr;
   code = krb5_init_creds_init(context_, client, nullptr, nullptr, 0, options, &init);
   if (code != 0) return Explain(code);
   const KrbInit owned_init(init, {context_});
-  if (code == 0) code = prepare(init);
+  if (code == 0) code = krb5_init_creds_set_keytab(context_, init, keytab);
   if (code == 0 && service != nullptr) code = krb5_init_creds_set_service(context_, init, service);
   if (code == 0) code = krb5_init_creds_get(context_, init);
   if (code != 0) return Explain(code);
@@ -317,22 +327,6 @@ Failure Kdc::GetInitial(krb5_principal client, const std::vector<krb5_enctype>& 
   if (code == 0) code = krb5_cc_store_cred(context_, memory, &credentials);
   krb5_free_cred_contents(context_, &credentials);
   return code != 0 ? Explain(code) : Failure();
-}
-
-Failure Kdc::SignIn(krb5_principal client, const Secret& password,
-                    const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
-  Secret text(password.Size() + 1);  // libkrb5 wants a NUL behind it
-  std::memcpy(text.Data(), password.View().data(), password.Size());
-  return GetInitial(client, types, service, false, cache, [&](krb5_init_creds_context init) {
-    return krb5_init_creds_set_password(context_, init, text.Data());
-  });
-}
-
-Failure Kdc::SignIn(krb5_principal client, krb5_keytab keytab,
-                    const std::vector<krb5_enctype>& types, const char* service, KrbCache& cache) {
-  return GetInitial(client, types, service, true, cache, [&](krb5_init_creds_context init) {
-    return krb5_init_creds_set_keytab(context_, init, keytab);
-  });
 }
 
 Failure Kdc::SignIn(krb5_principal client, const std::vector<MachineKey>& keys, const char* service,
@@ -394,13 +388,15 @@ Failure Kdc::GetTicket(const char* service, krb5_ccache cache) {
   return {};
 }
 
-Failure Kdc::GetRecipe(krb5_principal principal, krb5_enctype type, KeyRecipe& recipe) {
+Failure Kdc::GetRecipe(krb5_principal principal, const std::vector<krb5_enctype>& types,
+                       KeyRecipe& recipe) {
   error_ = 0;
   krb5_get_init_creds_opt* options = nullptr;
   krb5_error_code code = krb5_get_init_creds_opt_alloc(context_, &options);
   if (code != 0) return Explain(code);
   const KrbInitOptions owned_options(options, {context_});
-  krb5_get_init_creds_opt_set_etype_list(options, &type, 1);
+  std::vector<krb5_enctype> of_ours = types;
+  krb5_get_init_creds_opt_set_etype_list(options, of_ours.data(), static_cast<int>(types.size()));
   krb5_data salt{};
   krb5_data parameters{};
   code = krb5_get_etype_info(context_, principal, options, &recipe.type, &salt, &parameters);
@@ -408,9 +404,8 @@ Failure Kdc::GetRecipe(krb5_principal principal, krb5_enctype type, KeyRecipe& r
   const KrbContents owned_salt(&salt, {context_});
   const KrbContents owned_parameters(&parameters, {context_});
   // A KDC that has no such key may say so by nothing at all.
-  if (recipe.type != type) {
-    return {Cause::kNoEncryptionType,
-            "The KDC has no key of type " + std::to_string(type) + " for the account"};
+  if (std::find(types.begin(), types.end(), recipe.type) == types.end()) {
+    return {Cause::kNoEncryptionType, "The KDC has no key of a type that was asked for"};
   }
   recipe.salt = View(salt);
   recipe.parameters = View(parameters);

@@ -67,8 +67,10 @@ class Kdc {
   // Adds a ticket for the service on this controller: "ldap".
   Failure GetTicket(const char* service, krb5_ccache cache);
 
-  // How the KDC makes keys of `type` for the principal.
-  Failure GetRecipe(krb5_principal principal, krb5_enctype type, KeyRecipe& recipe);
+  // How the KDC makes a key for the principal, of one of `types`. A way that would take this side
+  // long is a failure.
+  Failure GetRecipe(krb5_principal principal, const std::vector<krb5_enctype>& types,
+                    KeyRecipe& recipe);
 
   // Changes the password of the cache's client, whose ticket is for "kadmin/changepw" (RFC 3244).
   // `is_unknown` tells that the answer did not come: it may be changed or not.
@@ -82,10 +84,6 @@ class Kdc {
                               const krb5_data* message, krb5_data** new_message, krb5_data** reply);
   bool Exchange(std::uint16_t port, std::string_view message, std::uint32_t largest,
                 std::string& reply, Address* local = nullptr) const;
-  template <typename Prepare>
-  Failure GetInitial(krb5_principal client, const std::vector<krb5_enctype>& types,
-                     const char* service, bool is_key_known, KrbCache& cache,
-                     const Prepare& prepare);
 
   const std::string& realm_;
   const Controller& controller_;

@@ -73,7 +73,7 @@ Failure DeriveKeys(Kdc& kdc, krb5_principal principal, const Secret& password,
   keys.clear();
   for (const krb5_enctype type : types) {
     KeyRecipe recipe;
-    if (Failure failure = kdc.GetRecipe(principal, type, recipe)) return failure;
+    if (Failure failure = kdc.GetRecipe(principal, {type}, recipe)) return failure;
     MachineKey key{};
     if (const krb5_error_code code = DeriveKey(kdc.Context(), password, recipe, key)) {
       return kdc.Explain(code);

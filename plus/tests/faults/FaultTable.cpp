@@ -44,7 +44,6 @@ const std::vector<Fallible>& FaultTable() {
       {"krb5_set_principal_realm", NoMemory()},
       {"krb5_get_init_creds_opt_alloc", NoMemory()},
       {"krb5_init_creds_init", NoMemory()},
-      {"krb5_init_creds_set_password", NoMemory()},
       {"krb5_init_creds_set_keytab", NoMemory()},
       {"krb5_init_creds_set_service", NoMemory()},
       {"krb5_init_creds_get", Exchange()},

@@ -1,5 +1,7 @@
 // Controllers that are silent, or that are none.
 
+#include <sys/resource.h>
+
 #include <gssapi/gssapi_ext.h>
 
 #include <chrono>
@@ -316,6 +318,68 @@ TEST_F(HostileController, WhoseKdcTalksNonsenseIsLeft) {
     EXPECT_THAT(result.cause, AnyOf(cause, Cause::kUnreachable)) << testing::PrintToString(result);
     options.controllers.push_back(kDc1);
     EXPECT_TRUE(Enrol());
+  }
+}
+
+// A KDC's answer to a request without proof: make a key like this (RFC 4120, 5.9.1 and 5.2.7.5).
+std::string AskingForAKey(char type, const std::string& salt, const std::string& parameters) {
+  const auto tlv = [](unsigned char tag, const std::string& content) {
+    const std::size_t size = content.size();
+    std::string text(1, static_cast<char>(tag));
+    text += '\x83';
+    for (const unsigned shift : {16U, 8U, 0U})
+      text += static_cast<char>(size >> shift & 0xFFU);
+    return text + content;
+  };
+  const auto number = [&](char value) { return tlv(0x02, std::string(1, value)); };
+  const std::string name =
+      tlv(0x30, tlv(0xA0, number(2)) +
+                    tlv(0xA1, tlv(0x30, tlv(0x1B, "krbtgt") + tlv(0x1B, "CORP.EXAMPLE.COM"))));
+  const std::string way = tlv(0x30, tlv(0xA0, number(type)) + tlv(0xA1, tlv(0x1B, salt)) +
+                                        tlv(0xA2, tlv(0x04, parameters)));
+  const std::string hint = tlv(0x30, tlv(0xA1, number(19)) + tlv(0xA2, tlv(0x04, tlv(0x30, way))));
+  const std::string error =
+      tlv(0x7E, tlv(0x30, tlv(0xA0, number(5)) + tlv(0xA1, number(30)) +
+                              tlv(0xA4, tlv(0x18, "20300101000000Z")) + tlv(0xA5, number(0)) +
+                              tlv(0xA6, number(25)) + tlv(0xA9, tlv(0x1B, "CORP.EXAMPLE.COM")) +
+                              tlv(0xAA, name) + tlv(0xAC, tlv(0x04, tlv(0x30, hint)))));
+  return std::string(1, '\0') + tlv(0, error).substr(2, 3) + error;
+}
+
+TEST_F(HostileController, WhoseKdcAsksForTooMuchWorkIsLeft) {
+  NameMachine("worker");
+  const struct {
+    const char* what;
+    std::string answer;
+    Cause cause;
+  } answers[] = {
+      {"another type", AskingForAKey(23, "salt", ""), Cause::kNoEncryptionType},
+      {"a huge salt", AskingForAKey(18, std::string(500'000, 's'), ""), Cause::kProtocol},
+      {"2^24 rounds", AskingForAKey(18, "salt", {"\x01\0\0\0", 4}), Cause::kProtocol},
+      {"2^32 rounds", AskingForAKey(18, "salt", {"\0\0\0\0", 4}), Cause::kProtocol},
+      {"no number", AskingForAKey(18, "salt", "many!"), Cause::kProtocol},
+  };
+  Peer directory([](Connection& connection) { connection.AwaitEnd(); });
+  options.controllers = {kRelay + (':' + std::to_string(directory.Port()))};
+  for (const auto& row : answers) {
+    SCOPED_TRACE(row.what);
+    Peer kdc(
+        [&](Connection& connection) {
+          connection.Receive(4);
+          connection.Send(row.answer);
+          connection.AwaitEnd();
+        },
+        88);
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+
+    const Result result = Enrol();
+
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_THAT(result, Fails(row.cause, Step::kSignIn));
+    EXPECT_LE(after.ru_utime.tv_sec - before.ru_utime.tv_sec, 1);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16 << 10);  // KiB
   }
 }
 
