@@ -289,7 +289,7 @@ bool SquidServer::TakeOver(Helper& helper) const {
       status.st_size < ssize_t{sizeof(SharedWord)}) {
     return false;
   }
-  for (const std::size_t i : {0, 1}) {
+  for (const unsigned i : {0U, 1U}) {
     const int flags = fcntl(lent[i].Get(), F_GETFL);
     if (flags == -1 || fcntl(lent[i].Get(), F_SETFL, flags | O_NONBLOCK) == -1) return false;
   }
