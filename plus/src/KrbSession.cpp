@@ -27,7 +27,11 @@ KrbSession::Code KrbSession::CopyValues(const char* const* texts, char*** copy) 
   auto** const made = static_cast<char**>(std::calloc(count + 1, sizeof(char*)));
   if (made == nullptr) return ENOMEM;
   for (std::size_t i = 0; i < count; ++i) {
-    made[i] = strdup(texts[i]);  // one that is null ends the list
+    made[i] = strdup(texts[i]);
+    if (made[i] == nullptr) {
+      FreeValues(nullptr, made);
+      return ENOMEM;  // the library expects that a list has at least one value
+    }
   }
   *copy = made;
   return 0;

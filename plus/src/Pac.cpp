@@ -1,6 +1,7 @@
 #include "Pac.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -182,18 +183,22 @@ const char* DecodeRequestor(std::string_view bytes, Authorization& result) {
 // A buffer of a PAC, empty when it has none of that type.
 class Buffer {
  public:
-  Buffer(krb5_context context, krb5_pac pac, krb5_ui_4 type) : context_(context) {
-    if (krb5_pac_get_buffer(context, pac, type, &data_) != 0) data_ = {};
+  Buffer(krb5_context context, krb5_pac pac, krb5_ui_4 type)
+      : context_(context), code_(krb5_pac_get_buffer(context, pac, type, &data_)) {
+    if (code_ != 0) data_ = {};
   }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
   ~Buffer() { krb5_free_data_contents(context_, &data_); }
 
+  // It is there, but there is no memory for it.
+  bool IsLost() const { return code_ != 0 && code_ != ENOENT; }
   std::string_view View() const { return tavrel::View(data_); }
 
  private:
   krb5_context context_;
   krb5_data data_{};
+  krb5_error_code code_;
 };
 
 // True when no type of buffer is there twice, whichever of the two the library would return.
@@ -239,6 +244,10 @@ const char* ReadPac(krb5_context context, const krb5_data& bytes, krb5_const_pri
   const Buffer delegation_info(context, pac, kDelegationInfo);
   const Buffer attributes(context, pac, kAttributes);
   const Buffer requestor(context, pac, kRequestor);
+  for (const Buffer* buffer :
+       {&validation_info, &upn_dns_info, &delegation_info, &attributes, &requestor}) {
+    if (buffer->IsLost()) return "a part of it cannot be read";
+  }
   return DecodePac({validation_info.View(), upn_dns_info.View(), delegation_info.View(),
                     attributes.View(), requestor.View()},
                    result);

@@ -7,11 +7,17 @@
 #include <krb5.h>
 #include <ldap.h>
 #include <netdb.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
 #include <poll.h>
 #include <profile.h>
+#include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 
 #define TAVREL_INTERPOSED_LIBRARY "libtavrel-plus.so"
+#ifndef TAVREL_INTERPOSED_CALLS
 #define TAVREL_INTERPOSED_CALLS "MembershipCalls.inc"
+#endif
 
 #endif

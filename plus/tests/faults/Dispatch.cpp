@@ -15,7 +15,7 @@ R Dispatch(const char* name, Interposed<R(Args...)>& function, Args... args) {
   if (failure->after) function.Real(args...);
   errno = failure->number;
   if constexpr (std::is_pointer_v<R>) {
-    return nullptr;
+    return reinterpret_cast<R>(failure->value);
   } else {
     return static_cast<R>(failure->value);
   }
@@ -26,7 +26,7 @@ struct Dispatcher {
 #define TAVREL_CALL(result, name, parameters, arguments) \
   StandIn<Interposed<result parameters>> name{           \
       calls::name, [](auto... args) { return Dispatch(#name, calls::name, args...); }};
-#include "MembershipCalls.inc"
+#include TAVREL_INTERPOSED_CALLS
 #undef TAVREL_CALL
 };
 const Dispatcher dispatcher;

@@ -42,6 +42,53 @@ std::string Data(const std::string& elements) {
   return Der(0x30, elements);
 }
 
+// A request with those parts, in DER.
+std::string Request(const std::string& service, const std::string& sealed_ticket,
+                    const std::string& sealed_authenticator) {
+  const std::string ticket =
+      Der(0x61, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, Der(0x1b, "REALM")) +
+                              der::Field(2, service) + der::Field(3, sealed_ticket)));
+  return Der(0x6e, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, der::Integer(14)) +
+                                 der::Field(2, der::BitString(0)) + der::Field(3, ticket) +
+                                 der::Field(4, sealed_authenticator)));
+}
+
+TEST(ARequest, IsReadByTheLetter) {
+  const std::string name = der::PrincipalName({"HTTP", "a"});
+  const auto sealed = [](const std::string& version) {
+    return Der(0x30, der::Field(0, der::Integer(18)) + version + der::Field(2, Der(0x04, "x")));
+  };
+  const auto version_of = [&](const std::string& version) -> std::optional<std::uint32_t> {
+    const std::string bytes = Request(name, sealed(der::Field(1, version)), sealed(""));
+    const auto request = ReadApRequest(bytes);
+    return request ? request->key_version : std::nullopt;
+  };
+  const auto is_read = [](const std::string& bytes) { return ReadApRequest(bytes).has_value(); };
+  const std::string right = sealed("");
+
+  EXPECT_TRUE(is_read(Request(name, right, right)));
+  EXPECT_FALSE(is_read(Request(name, right, right) + "x"));
+  EXPECT_EQ(version_of(der::Integer(2)), 2U);
+  EXPECT_EQ(version_of(der::Integer(0xFFFFFFFF)), UINT32_MAX);
+  EXPECT_EQ(version_of(der::Integer(-1)), UINT32_MAX) << "as some write it";
+  EXPECT_EQ(version_of(der::Integer(1LL << 32)), std::nullopt);
+  EXPECT_EQ(version_of(Der(0x04, "x")), std::nullopt);
+  for (const std::string& wrong :
+       {std::string(), Der(0x30, ""), Der(0x04, "x"),
+        Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "x"))),
+        Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "")) + "x"),
+        der::PrincipalName(std::vector<std::string>(33, "a"))}) {
+    EXPECT_FALSE(is_read(Request(wrong, right, right))) << testing::PrintToString(wrong);
+  }
+  EXPECT_TRUE(
+      is_read(Request(der::PrincipalName(std::vector<std::string>(32, "a")), right, right)));
+  for (const std::string& wrong : {std::string(), Der(0x04, "x"), Der(0x30, ""), sealed("x"),
+                                   Der(0x30, der::Field(0, der::Integer(18)))}) {
+    EXPECT_FALSE(is_read(Request(name, wrong, right))) << testing::PrintToString(wrong);
+    EXPECT_FALSE(is_read(Request(name, right, wrong))) << testing::PrintToString(wrong);
+  }
+}
+
 TEST(WhatATicketSeals, IsAcceptedByTheLetter) {
   EXPECT_EQ(Refused([](ForgedToken&) {}), std::nullopt);
   EXPECT_EQ(Refused([](ForgedToken& token) {

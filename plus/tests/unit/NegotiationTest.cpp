@@ -200,6 +200,8 @@ TEST_F(ANegotiation, IsNotBegunWithWhoHasNoKerberos) {
   EXPECT_EQ(first(Init(kerberos_list, Offer(ntlm))), RefusalReason::kNtlm);
   EXPECT_EQ(first(ntlm), RefusalReason::kNtlm);
   EXPECT_EQ(first(""), RefusalReason::kNoToken);
+  const Acceptance alone = acceptor->Accept(Init(List({kKerberosOid}), ""));
+  EXPECT_EQ(Reason(alone), RefusalReason::kNoToken) << "where no other token can follow";
   EXPECT_TRUE(Accept(Negotiated(TicketWithPac())));
 }
 
