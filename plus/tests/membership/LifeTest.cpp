@@ -1,7 +1,9 @@
 // Long lives, and many machines.
 #include <cstdint>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <new>
 #include <thread>
 
 #include "GssClient.h"
@@ -49,6 +51,43 @@ class Life : public MembershipScenario {
     return GssClient(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
   }
 };
+
+// In which the clocks of all go on together.
+class Week : public Life {
+ public:
+  // So many hours from the beginning. The controller then ends connections that it takes for idle.
+  void Reach(int hour) {
+    std::ofstream(Lab("MOVING_CLOCK")) << '+' << hour << 'h';
+    directory.~Directory();
+    new (&directory) tavrel::tests::Directory;
+  }
+};
+
+TEST_F(Week, OfDailyRotationsAcceptsEveryUserForAsLongAsTheirTicketLives) {
+  NameMachine("weekly");
+  ASSERT_THAT(Enrol(), Changes());
+  const int first = std::stoi(Value("msDS-KeyVersionNumber"));
+  tavrel::tests::JoinedRealm realm(*this);
+  std::map<int, GssClient> clients;  // by the hour in which their ticket was issued
+  for (int hour = 0; hour <= 7 * 24; hour += 4) {
+    SCOPED_TRACE(hour);
+    Reach(hour);
+    clients.erase(clients.begin(), clients.lower_bound(hour - 9));
+    clients.emplace(hour, Alice());
+    for (const auto& [issued, client] : clients)
+      EXPECT_EQ(Accepts(realm, client), kAlice) << "issued in hour " << issued;
+
+    const Result result = Member().RotateWhenOlderThan(std::chrono::hours(24), kLimit);
+
+    // Eleven hours after a rotation is too late for the old key: twelve, in steps of four.
+    EXPECT_EQ(result.changed, hour > 0 && (hour % 24 == 0 || (hour > 24 && hour % 24 == 12)));
+    EXPECT_TRUE(result) << testing::PrintToString(result);
+    EXPECT_EQ(Value("msDS-KeyVersionNumber"), std::to_string(first + hour / 24));
+    EXPECT_LE(Entries().size(), 4U);
+    for (const auto& [issued, client] : clients)
+      EXPECT_EQ(Accepts(realm, client), kAlice) << "issued in hour " << issued;
+  }
+}
 
 TEST_F(Life, OfAWeekOfDailyRotationsHasTwoVersionsAndLosesNoUser) {
   NameMachine("weekly");
