@@ -72,6 +72,12 @@ ForgedToken::ForgedToken(ForgedTicket of) : ticket(std::move(of)) {
       {4, der::Integer(1)}, {5, der::Time(static_cast<krb5_timestamp>(std::time(nullptr)))}};
 }
 
+ForgedToken::ForgedToken()
+    : ForgedToken([] {
+        static const ForgedTicket ticket = TicketWithPac();  // a PAC takes a while to sign
+        return ticket;
+      }()) {}
+
 namespace {
 
 std::string Message(unsigned char number, const ForgedToken::Fields& fields) {

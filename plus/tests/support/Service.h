@@ -30,7 +30,8 @@ std::string Negotiated(const tavrel::tests::ForgedTicket& ticket,
 // The token of a client that needs no library for it: each sealed field goes as it stands here.
 struct ForgedToken {
   // Whoever signs in by `ticket`, which has the key of Ticket(), with a session key of zeros.
-  explicit ForgedToken(tavrel::tests::ForgedTicket ticket = TicketWithPac());
+  explicit ForgedToken(tavrel::tests::ForgedTicket ticket);
+  ForgedToken();  // alice, by TicketWithPac()
 
   std::string TicketPart() const;  // RFC 4120, 5.3, before it is sealed
   std::string Authenticator() const;
