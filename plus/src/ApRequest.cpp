@@ -301,9 +301,8 @@ Secret ReplyPart(const Authenticator& authenticator, std::uint32_t sequence) {
                           static_cast<char>(der::kSequence), length(size)};
   Secret part(frame.size() + size);
   char* end = part.Data();
-  for (const std::string_view piece :
-       {std::string_view(frame), std::string_view(time), std::string_view(microseconds),
-        std::string_view(key_frame), key, std::string_view(last)}) {
+  const std::string_view pieces[] = {frame, time, microseconds, key_frame, key, last};
+  for (const std::string_view piece : pieces) {
     end = std::copy(piece.begin(), piece.end(), end);
   }
   return part;
