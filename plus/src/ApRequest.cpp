@@ -192,6 +192,11 @@ bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
         case kPac: data.pacs.push_back(bytes); break;
         case kApOptions: data.ap_options.push_back(bytes); break;
         case kEnctypesOfClient:
+          if (!inside.Take(der::kSequence, list) || !inside.Empty()) return false;
+          for (Reader types(list); !types.Empty();) {
+            if (!types.Take(der::kInteger, bytes)) return false;
+          }
+          break;
         case kTokenRestrictions:
         case kLocal: break;
         default: data.others = true;

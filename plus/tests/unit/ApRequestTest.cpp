@@ -263,11 +263,18 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
   EXPECT_EQ(through("EVIL.COM"), kNotGenuine);
 
   constexpr std::int32_t kIssuedByKdc = 4;
-  for (const std::int32_t type : {7, 129, 141, 142, 143}) {  // that it lets pass
+  for (const std::int32_t type : {7, 141, 142, 143}) {  // that it lets pass
     const std::string data = Data(TypedField(type, "x"));
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = data; }), std::nullopt);
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[8] = data; }), std::nullopt);
   }
+  const auto wants = [](const std::string& enctypes) {
+    return Refused(
+        [&](ForgedToken& token) { token.of_authenticator[8] = Data(TypedField(129, enctypes)); });
+  };
+  EXPECT_EQ(wants(Der(0x30, der::Integer(18) + der::Integer(17))), std::nullopt);
+  EXPECT_EQ(wants("z"), kMalformed);
+  EXPECT_EQ(wants(Der(0x30, "z")), kMalformed);
   const std::string unreadable = Data(TypedField(kIssuedByKdc, "x"));
   EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = unreadable; }), kMalformed);
   EXPECT_EQ(Refused([&](ForgedToken& token) {
