@@ -164,6 +164,17 @@ bool TakeTime(Reader& fields, unsigned number, std::int64_t& seconds,
   return true;
 }
 
+// RFC 4537, 3: a sequence of encryption types.
+bool IsEnctypeList(std::string_view bytes) {
+  Reader outer(bytes);
+  std::string_view content;
+  if (!outer.Take(der::kSequence, content) || !outer.Empty()) return false;
+  Reader types(content);
+  while (types.Take(der::kInteger, bytes)) {
+  }
+  return types.Empty();
+}
+
 // Optional authorization data.
 bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
   std::string_view list;
@@ -192,10 +203,7 @@ bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
         case kPac: data.pacs.push_back(bytes); break;
         case kApOptions: data.ap_options.push_back(bytes); break;
         case kEnctypesOfClient:
-          if (!inside.Take(der::kSequence, list) || !inside.Empty()) return false;
-          for (Reader types(list); !types.Empty();) {
-            if (!types.Take(der::kInteger, bytes)) return false;
-          }
+          if (!IsEnctypeList(bytes)) return false;
           break;
         case kTokenRestrictions:
         case kLocal: break;
