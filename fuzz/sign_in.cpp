@@ -23,6 +23,7 @@ JsonObject Record(std::string_view /*level*/, std::string_view /*event*/) {
 void Write(const JsonObject& record) {
   fuzz::Expect(record.Text().find('\n') == std::string::npos, "a record is one line");
 }
+void WriteFailure(std::string_view /*what*/, const std::exception& /*error*/) noexcept {}
 }  // namespace tavrel::tools
 
 namespace tavrel::fuzz {
