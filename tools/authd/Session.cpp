@@ -28,10 +28,10 @@ struct CipherFree {
 };
 using Cipher = std::unique_ptr<EVP_CIPHER_CTX, CipherFree>;
 
-// Null when libcrypto has none. Looking it up takes longer than opening a cookie.
+// Looked up once, since that takes longer than opening a cookie; each time, if it failed then.
 const EVP_CIPHER* Aes256Gcm() {
   static const EVP_CIPHER* const kCipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
-  return kCipher;
+  return kCipher != nullptr ? kCipher : EVP_aes_256_gcm();
 }
 
 const unsigned char* Bytes(std::string_view text) {
