@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <ctime>
 #include <iterator>
+#include <list>
 #include <mutex>
 #include <type_traits>
 #include <utility>
@@ -208,13 +209,13 @@ struct Acceptor::Parts {
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     ~Lease();
-    explicit operator bool() const { return worker_.session != nullptr; }
-    krb5_context Context() const { return worker_.session->Get(); }
-    ReadyKeys& Keys() { return worker_.keys; }
+    explicit operator bool() const { return worker_.front().session != nullptr; }
+    krb5_context Context() const { return worker_.front().session->Get(); }
+    ReadyKeys& Keys() { return worker_.front().keys; }
 
    private:
     const Parts& parts_;
-    Worker worker_;
+    std::list<Worker> worker_;  // one, whose return needs no memory
   };
 
   // What is known of a token on its way through.
@@ -277,26 +278,25 @@ struct Acceptor::Parts {
   std::unique_ptr<ReplayCache> replays;  // null: no protection
 
   mutable std::mutex lock;
-  mutable std::vector<Worker> idle;
+  mutable std::list<Worker> idle;
 };
 
 Acceptor::Parts::Lease::Lease(const Parts& parts) : parts_(parts) {
   {
     const std::lock_guard<std::mutex> guard(parts.lock);
     if (!parts.idle.empty()) {
-      worker_ = std::move(parts.idle.back());
-      parts.idle.pop_back();
+      worker_.splice(worker_.begin(), parts.idle, parts.idle.begin());
       return;
     }
   }
   std::string error;
-  worker_.session = KrbSession::Make(parts.overrides, error);
+  worker_.push_back({KrbSession::Make(parts.overrides, error), {}});
 }
 
 Acceptor::Parts::Lease::~Lease() {
-  if (worker_.session == nullptr) return;
+  if (!*this) return;
   const std::lock_guard<std::mutex> guard(parts_.lock);
-  parts_.idle.push_back(std::move(worker_));
+  parts_.idle.splice(parts_.idle.begin(), worker_);
 }
 
 std::optional<Refusal> Acceptor::Parts::Decide(Exchange& exchange, std::string_view channel) const {
@@ -375,7 +375,7 @@ std::optional<Refusal> Acceptor::Parts::ReadTicket(Exchange& exchange,
     return Because(RefusalReason::kNotYetValid, "the ticket is marked invalid");
   }
   if (!IsAllowed(ticket->session.enctype)) return OfNoPermission(ticket->session);
-  if (ticket->client.components.empty()) {
+  if (ticket->client.components.empty() || (ticket->flags & TKT_FLG_ANONYMOUS) != 0) {
     return Because(RefusalReason::kMalformed, "the ticket names no client");
   }
   exchange.ticket = std::move(*ticket);
@@ -507,6 +507,9 @@ std::optional<Refusal> Acceptor::Parts::CheckPac(Exchange& exchange) const {
 // not read here.
 std::optional<Refusal> Acceptor::Parts::AskLibrary(Exchange& exchange) {
   const AuthData& of_request = exchange.authenticator.data;
+  if (exchange.ticket.data.critical || of_request.critical) {
+    return Because(RefusalReason::kMalformed, "authorization data that has to be understood");
+  }
   if (exchange.ticket.transited.empty() && !exchange.ticket.data.others && !of_request.others &&
       of_request.pacs.empty()) {
     return std::nullopt;

@@ -180,9 +180,14 @@ bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
   std::string_view list;
   if (fields.Empty()) return true;
   if (!fields.TakeField(number, der::kSequence, list)) return false;
-  std::vector<std::string_view> lists = {list};
+  struct List {
+    std::string_view bytes;
+    bool if_relevant;
+  };
+  std::vector<List> lists = {{list, false}};
   while (!lists.empty()) {
-    Reader elements(lists.back());
+    Reader elements(lists.back().bytes);
+    const bool if_relevant = lists.back().if_relevant;
     lists.pop_back();
     while (!elements.Empty()) {
       std::string_view element;
@@ -198,7 +203,7 @@ bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
       switch (type) {
         case kIfRelevant:
           if (!inside.Take(der::kSequence, list) || !inside.Empty()) return false;
-          lists.push_back(list);
+          lists.push_back({list, true});
           break;
         case kPac: data.pacs.push_back(bytes); break;
         case kApOptions: data.ap_options.push_back(bytes); break;
@@ -207,7 +212,7 @@ bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
           break;
         case kTokenRestrictions:
         case kLocal: break;
-        default: data.others = true;
+        default: (if_relevant ? data.others : data.critical) = true;
       }
     }
   }

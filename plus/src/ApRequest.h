@@ -45,6 +45,7 @@ struct AuthData {
   std::vector<std::string_view> pacs;
   std::vector<std::string_view> ap_options;  // KERB_AP_OPTIONS ([MS-KILE] 2.2.3)
   bool others = false;                       // some that are not known to say nothing to a service
+  bool critical = false;  // such that is not in AD-IF-RELEVANT: who does not know it must refuse
 };
 
 // What the service's key seals (RFC 4120, 5.3).

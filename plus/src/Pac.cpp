@@ -180,7 +180,7 @@ const char* DecodeRequestor(std::string_view bytes, Authorization& result) {
   return nullptr;
 }
 
-// A buffer of a PAC, empty when it has none of that type.
+// A buffer of a PAC.
 class Buffer {
  public:
   Buffer(krb5_context context, krb5_pac pac, krb5_ui_4 type)
@@ -193,7 +193,11 @@ class Buffer {
 
   // It is there, but there is no memory for it.
   bool IsLost() const { return code_ != 0 && code_ != ENOENT; }
-  std::string_view View() const { return tavrel::View(data_); }
+  // Without an address when the PAC has none of that type.
+  std::string_view View() const {
+    if (code_ != 0) return {};
+    return data_.length != 0 ? tavrel::View(data_) : "";
+  }
 
  private:
   krb5_context context_;
@@ -224,7 +228,8 @@ const char* DecodePac(const PacBuffers& buffers, Authorization& result) {
                 {buffers.requestor, DecodeRequestor}};
   const char* wrong = DecodeValidationInfo(buffers.validation_info, result);
   for (const auto& other : others) {
-    if (wrong == nullptr && !other.bytes.empty()) wrong = other.decode(other.bytes, result);
+    const bool there = other.bytes.data() != nullptr;
+    if (wrong == nullptr && there) wrong = other.decode(other.bytes, result);
   }
   return wrong;
 }

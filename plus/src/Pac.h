@@ -10,7 +10,7 @@
 
 namespace tavrel::plus {
 
-// What of a PAC is read; one that is not there is empty.
+// What of a PAC is read; one that is not there has no address.
 struct PacBuffers {
   std::string_view validation_info;
   std::string_view upn_dns_info;

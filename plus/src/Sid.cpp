@@ -10,6 +10,7 @@ constexpr std::size_t kHeaderSize = 8;  // revision, count, authority
 constexpr std::size_t kPartSize = 4;
 constexpr char kRevision = 1;
 constexpr std::uint64_t kLargestAuthority = 0xFFFFFFFFFFFF;
+constexpr std::size_t kHexDigits = 12;  // of an authority
 constexpr std::uint64_t kLargestDecimalAuthority = 0xFFFFFFFF;
 
 // Takes a whole number off the front of `text`; false when it has none, or one above `largest`.
@@ -54,7 +55,11 @@ std::optional<Sid> Sid::FromText(std::string_view text) {
   if (!TakePrefix(text, "S-1-")) return std::nullopt;
   Sid sid;
   if (TakePrefix(text, "0x")) {
-    if (!TakeNumber(text, kLargestAuthority, sid.authority_, 16)) return std::nullopt;
+    const std::size_t behind = text.size();
+    if (!TakeNumber(text, kLargestAuthority, sid.authority_, 16) ||
+        behind - text.size() != kHexDigits) {
+      return std::nullopt;
+    }
   } else if (!TakeNumber(text, kLargestDecimalAuthority, sid.authority_)) {
     return std::nullopt;
   }

@@ -378,7 +378,11 @@ TEST(AnAcceptor, RefusesAPacThatIsNotOfThisTicket) {
   PacParts of_another_asker = parts;
   of_another_asker.back().second = Sid::FromText("S-1-5-21-1-2-3-1106")->ToBytes();
 
+  PacParts of_no_asker = parts;
+  of_no_asker.back().second.clear();
+
   EXPECT_TRUE(decision(Ticket()));
+  EXPECT_EQ(Reason(decision(Ticket(), of_no_asker)), RefusalReason::kPacWrong);
   EXPECT_EQ(Reason(decision(of_another)), RefusalReason::kPacWrong);
   EXPECT_EQ(Reason(decision(by_another)), RefusalReason::kPacWrong);
   EXPECT_EQ(Reason(decision(of_another_time)), RefusalReason::kPacWrong);
@@ -550,7 +554,10 @@ TEST(AnAcceptor, RefusesATicketWithTwoPacs) {
 TEST(AnAcceptor, RefusesATicketOfNobody) {
   ForgedTicket ticket = Ticket();
   ticket.client = {};
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
 
+  ticket.client = {"WELLKNOWN", "ANONYMOUS"};  // RFC 8062
+  ticket.flags |= TKT_FLG_ANONYMOUS;
   EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
 }
 

@@ -264,7 +264,7 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
 
   constexpr std::int32_t kIssuedByKdc = 4;
   for (const std::int32_t type : {7, 141, 142, 143}) {  // that it lets pass
-    const std::string data = Data(TypedField(type, "x"));
+    const std::string data = AuthorizationData(type, "x");
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = data; }), std::nullopt);
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[8] = data; }), std::nullopt);
   }
@@ -275,12 +275,29 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
   EXPECT_EQ(wants(Der(0x30, der::Integer(18) + der::Integer(17))), std::nullopt);
   EXPECT_EQ(wants("z"), kMalformed);
   EXPECT_EQ(wants(Der(0x30, "z")), kMalformed);
-  const std::string unreadable = Data(TypedField(kIssuedByKdc, "x"));
-  EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = unreadable; }), kMalformed);
   EXPECT_EQ(Refused([&](ForgedToken& token) {
               token.of_ticket[10] = AuthorizationData(kIssuedByKdc, "x");
             }),
             kMalformed);
+}
+
+// RFC 4120, 5.2.6.
+TEST(WhatNobodyKnows, IsPassedOverOnlyWhereThatMayBe) {
+  const auto reason = [](const std::string& data) {
+    const auto in_ticket = Refused([&](ForgedToken& token) { token.of_ticket[10] = data; });
+    EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[8] = data; }), in_ticket);
+    return in_ticket;
+  };
+  const auto if_relevant = [](const std::string& elements) { return TypedField(1, elements); };
+  const std::string unknown = TypedField(7, "x");
+  const std::string known = TypedField(141, "x");
+
+  EXPECT_EQ(reason(Data(known)), std::nullopt);
+  EXPECT_EQ(reason(Data(unknown)), kMalformed);
+  EXPECT_EQ(reason(Data(if_relevant(Data(unknown)))), std::nullopt);
+  EXPECT_EQ(reason(Data(if_relevant(Data(if_relevant(Data(unknown)))))), std::nullopt);
+  EXPECT_EQ(reason(Data(if_relevant(Data(unknown)) + unknown)), kMalformed);
+  EXPECT_EQ(reason(Data(unknown + if_relevant(Data(known)))), kMalformed);
 }
 
 // RFC 4120, 5.5.2.

@@ -97,13 +97,13 @@ TEST(APac, CutOffAnywhereIsRefused) {
 
   for (std::size_t size = 0; size < info.size(); ++size)
     EXPECT_NE(wrong({std::string_view(info).substr(0, size), {}, {}, {}, {}}), "") << size;
-  for (std::size_t size = 1; size < upn.size(); ++size)
+  for (std::size_t size = 0; size < upn.size(); ++size)
     EXPECT_NE(wrong({info, std::string_view(upn).substr(0, size), {}, {}, {}}), "") << size;
-  for (std::size_t size = 1; size < delegation.size(); ++size)
+  for (std::size_t size = 0; size < delegation.size(); ++size)
     EXPECT_NE(wrong({info, {}, std::string_view(delegation).substr(0, size), {}, {}}), "") << size;
-  for (std::size_t size = 1; size < requestor.size(); ++size)
+  for (std::size_t size = 0; size < requestor.size(); ++size)
     EXPECT_NE(wrong({info, {}, {}, {}, std::string_view(requestor).substr(0, size)}), "") << size;
-  for (std::size_t size = 1; size < 8; ++size)
+  for (std::size_t size = 0; size < 8; ++size)
     EXPECT_NE(wrong({info, {}, {}, std::string_view("\2\0\0\0\1\0\0\0", size), {}}), "") << size;
   EXPECT_EQ(wrong({info, upn, delegation, {}, requestor}), "");
 }

@@ -61,10 +61,27 @@ TEST(Sid, RefusesTextThatIsNotExactlyOne) {
   EXPECT_TRUE(Sid::FromText("S-1-5"));
   EXPECT_TRUE(Sid::FromText("S-1-4294967295"));
   EXPECT_TRUE(Sid::FromText(fifteen));
-  for (const char* text :
-       {"", "S", "S-1", "S-1-", "s-1-5", "S-2-5", "S-1--5", "S-1-5-", "S-1-5-x", "S-1-5-1x",
-        "S-1-5-+1", "S-1-5- 1", "S-1-5--1", "S-1-5-4294967296", "S-1-5-18446744073709551616",
-        "S-1-4294967296", "S-1-0x", "S-1-0x1000000000000", "S-1-5-32\n"}) {
+  for (const char* text : {"",
+                           "S",
+                           "S-1",
+                           "S-1-",
+                           "s-1-5",
+                           "S-2-5",
+                           "S-1--5",
+                           "S-1-5-",
+                           "S-1-5-x",
+                           "S-1-5-1x",
+                           "S-1-5-+1",
+                           "S-1-5- 1",
+                           "S-1-5--1",
+                           "S-1-5-4294967296",
+                           "S-1-5-18446744073709551616",
+                           "S-1-4294967296",
+                           "S-1-0x",
+                           "S-1-0x5",
+                           "S-1-0x0100000000000a",
+                           "S-1-0x1000000000000",
+                           "S-1-5-32\n"}) {
     EXPECT_FALSE(Sid::FromText(text)) << text;
   }
   EXPECT_FALSE(Sid::FromText(fifteen + "-16"));

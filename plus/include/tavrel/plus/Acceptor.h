@@ -73,7 +73,7 @@ enum class RefusalReason {
   kNoToken,                ///< nothing was presented
   kNtlm,                   ///< NTLM: the client has no ticket for this name
   kNotKerberos,            ///< a mechanism that is not Kerberos
-  kMalformed,              ///< neither SPNEGO nor Kerberos by the letter
+  kMalformed,              ///< neither SPNEGO nor Kerberos by the letter, or a ticket of nobody
   kNoKey,                  ///< no key opens the ticket
   kEnctype,                ///< of the ticket or of its session key: not allowed
   kWrongService,           ///< a ticket for a service that is not allowed, or of another realm
