@@ -97,16 +97,15 @@ std::vector<const KeyRing::Key*> KeyRing::Candidates(std::optional<std::uint32_t
       found.push_back(&key);
     }
   };
+  found.reserve(kMostOtherVersions + 1);
   if (version) {
     const auto of_version = of_type->second.find(*version);
-    if (of_version != of_type->second.end()) {
-      take(of_version->second);
-      return found;
-    }
+    if (of_version != of_type->second.end()) take(of_version->second);
   }
-  std::size_t versions = 0;
+  std::size_t others = 0;
   for (const auto& [number, keys] : of_type->second) {
-    if (versions++ == kMostOtherVersions) break;
+    if (version == number) continue;
+    if (others++ == kMostOtherVersions) break;
     take(keys);
   }
   return found;
@@ -152,11 +151,10 @@ bool KeyStore::FileIdentity::operator==(const FileIdentity& other) const {
 }
 
 bool KeyStore::FileIdentity::Settled() const {
-  return status.st_mtim.tv_sec + kTimesSettle < std::time(nullptr);
+  return status.st_ctim.tv_sec + kTimesSettle < std::time(nullptr);  // a time that nobody can set
 }
 
 bool KeyStore::Open(krb5_context context, std::string& error) {
-  const std::lock_guard<std::mutex> guard(lock_);
   looked_ = Clock::now();
   file_.emplace(path_);
   settled_ = file_->Settled();
@@ -165,10 +163,18 @@ bool KeyStore::Open(krb5_context context, std::string& error) {
 }
 
 KeyStore::Rings KeyStore::Current(krb5_context context, bool missed) const {
-  const std::lock_guard<std::mutex> guard(lock_);
   const Clock::time_point now = Clock::now();
-  const bool due = now - looked_ >= kLookEvery;
-  if (missed || due) Look(context, now, due);
+  {
+    std::unique_lock<std::mutex> looking(looking_, std::defer_lock);
+    if (missed) {
+      looking.lock();
+    } else {
+      looking.try_lock();
+    }
+    const bool due = looking && now - looked_ >= kLookEvery;
+    if (missed || due) Look(context, now, due);
+  }
+  const std::lock_guard<std::mutex> guard(lock_);
   if (rings_.before && now >= before_until_) rings_.before = nullptr;
   return rings_;
 }
@@ -176,8 +182,8 @@ KeyStore::Rings KeyStore::Current(krb5_context context, bool missed) const {
 void KeyStore::Look(krb5_context context, Clock::time_point now, bool due) const {
   const FileIdentity file(path_);
   const bool unchanged = *file_ == file;
+  if (due || !unchanged) looked_ = now;
   if (unchanged && (settled_ || !due)) return;
-  looked_ = now;
   file_ = file;
   settled_ = file.Settled();
 
@@ -188,6 +194,7 @@ void KeyStore::Look(krb5_context context, Clock::time_point now, bool due) const
     return;
   }
   if (*ring == *rings_.now) return;
+  const std::lock_guard<std::mutex> guard(lock_);
   if (!rings_.before) {
     rings_.before = std::move(rings_.now);
     before_until_ = now + kReplacementTakes;

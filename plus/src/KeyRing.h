@@ -48,8 +48,8 @@ class KeyRing {
   const std::string& Realm() const { return realm_; }
 
   // The keys that may open a ticket which asks for `version` (none: it does not say) and `enctype`:
-  // those of that version, or if there are none the newest few, since a keytab's versions can be
-  // others than the directory's. Their cost does not depend on how many keys there are.
+  // those of that version, then the newest few, since a keytab's versions can be others than the
+  // directory's. Their cost does not depend on how many keys there are.
   std::vector<const Key*> Candidates(std::optional<std::uint32_t> version,
                                      std::int32_t enctype) const;
   bool operator==(const KeyRing& other) const;
@@ -95,7 +95,8 @@ class KeyStore {
   // The ring to use now, and the one before it as long as a replacement may be under way: whoever
   // writes a keytab in place may have written no more than its beginning so far. The file is looked
   // at every now and then, or at once when `missed` says that the last rings had no key for a
-  // ticket. One that cannot be read, or has no keys, changes nothing.
+  // ticket. One that cannot be read, or has no keys, changes nothing. Reading waits for whoever has
+  // locked the file; meanwhile the other threads get the rings of before.
   Rings Current(krb5_context context, bool missed = false) const;
 
  private:
@@ -116,12 +117,14 @@ class KeyStore {
   const std::string path_;
   const KeyFilter filter_;
 
-  mutable std::mutex lock_;  // of all that follows
-  mutable Rings rings_;
-  mutable Clock::time_point before_until_;
+  mutable std::mutex looking_;  // of who looks at the file, and the following
   mutable Clock::time_point looked_;
   mutable std::optional<FileIdentity> file_;  // as it was when it was last read
   mutable bool settled_ = false;              // and is to be read again only when it changes
+
+  mutable std::mutex lock_;  // of the following
+  mutable Rings rings_;
+  mutable Clock::time_point before_until_;
 };
 
 }  // namespace tavrel::plus

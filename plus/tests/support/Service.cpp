@@ -1,9 +1,14 @@
 #include "Service.h"
 
+#include <fcntl.h>
 #include <krb5.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <ctime>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace tavrel::plus::tests {
@@ -167,6 +172,40 @@ std::unique_ptr<Acceptor> Service::Make() const {
   auto acceptor = Acceptor::Make(options, &error);
   if (!acceptor) throw std::runtime_error(error);
   return acceptor;
+}
+
+HeldUp::HeldUp(const Service& service, const Acceptor& acceptor)
+    : keytab_(open(service.options.keytab.c_str(), O_RDWR | O_CLOEXEC)) {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  struct stat status {};
+  if (fcntl(keytab_, F_OFD_SETLK, &lock) != 0 || futimens(keytab_, nullptr) != 0 ||
+      fstat(keytab_, &status) != 0) {
+    throw std::runtime_error("no lock of " + service.options.keytab);
+  }
+  ForgedTicket of_another = TicketWithPac();
+  of_another.password = "Another.1";
+  thread_ = std::thread([&acceptor, token = Token(of_another)] { acceptor.Accept(token); });
+  const std::string file = ":" + std::to_string(status.st_ino) + " ";
+  for (bool waits = false; !waits;) {
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+      if (line.find("->") != std::string::npos && line.find(file) != std::string::npos)
+        waits = true;
+    }
+  }
+}
+
+void HeldUp::Release() const {
+  struct flock lock {};
+  lock.l_type = F_UNLCK;
+  fcntl(keytab_, F_OFD_SETLK, &lock);
+}
+
+HeldUp::~HeldUp() {
+  Release();
+  thread_.join();
+  close(keytab_);
 }
 
 }  // namespace tavrel::plus::tests

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ForgedPac.h"
@@ -62,6 +63,22 @@ class Service {
 
   tavrel::tests::KrbSettings settings;
   AcceptorOptions options;  // keytab and replay file are in a folder of their own
+};
+
+// Somebody has locked the service's keytab, which has changed, and a thread waits in the acceptor
+// to read it.
+class HeldUp {
+ public:
+  HeldUp(const Service& service, const Acceptor& acceptor);
+  HeldUp(const HeldUp&) = delete;
+  HeldUp& operator=(const HeldUp&) = delete;
+  ~HeldUp();
+
+  void Release() const;
+
+ private:
+  int keytab_;
+  std::thread thread_;
 };
 
 }  // namespace tavrel::plus::tests

@@ -2,10 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <climits>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -96,7 +101,57 @@ TEST(AKeytab, ThatIsGoneOrNonsenseChangesNothing) {
   EXPECT_TRUE(acceptor->Accept(Token(TicketWithPac())));
 }
 
-TEST(AKeyRing, OffersTheVersionAskedForOrTheNewestFew) {
+// A core join numbers its keys one below the directory.
+TEST(AKeytab, WhoseVersionsAreNotTheDirectorysOpensTicketsOfBothKeys) {
+  const Service service;
+  AddKey(service.options.keytab, WithKey("Next.1", 2));
+  const auto acceptor = service.Make();
+
+  EXPECT_TRUE(acceptor->Accept(Token(WithKey("Secret.1", 2))));
+  EXPECT_TRUE(acceptor->Accept(Token(WithKey("Next.1", 3))));
+}
+
+// Its modification time says nothing: whoever copies a file can keep that of another.
+TEST(AKeytab, IsReadAgainUntilAChangeWouldShow) {
+  const Service service;
+  const std::string& path = service.options.keytab;
+  std::filesystem::last_write_time(
+      path, std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+  KeyStore store(path, {});
+  std::string error;
+  ASSERT_TRUE(store.Open(context, error)) << error;
+  const int watch = inotify_init1(IN_NONBLOCK);
+  ASSERT_GE(inotify_add_watch(watch, path.c_str(), IN_OPEN), 0);
+
+  char event[sizeof(inotify_event) + NAME_MAX + 1];
+  bool opened = false;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
+  while (!opened && std::chrono::steady_clock::now() < end) {
+    store.Current(context);
+    opened = read(watch, event, sizeof event) > 0;
+  }
+
+  EXPECT_TRUE(opened);
+  close(watch);
+  krb5_free_context(context);
+}
+
+TEST(AKeytab, ThatSomebodyLocksHoldsUpOneThread) {
+  const Service service;
+  const auto acceptor = service.Make();
+  const HeldUp held_up(service, *acceptor);
+
+  auto other = std::async(std::launch::async,
+                          [&] { return bool{acceptor->Accept(Token(TicketWithPac()))}; });
+
+  EXPECT_EQ(other.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  held_up.Release();
+  EXPECT_TRUE(other.get());
+}
+
+TEST(AKeyRing, OffersTheVersionAskedForAndTheNewestFew) {
   const Service service;
   for (krb5_kvno version = 2; version <= 20; ++version)
     AddKey(service.options.keytab, WithKey("Old." + std::to_string(version), version));
@@ -109,8 +164,9 @@ TEST(AKeyRing, OffersTheVersionAskedForOrTheNewestFew) {
 
   ASSERT_TRUE(ring) << error;
   EXPECT_EQ(ring->Realm(), "CORP.EXAMPLE.COM");
-  EXPECT_EQ(ring->Candidates(20, kAes256Sha1).size(), 1U);
-  EXPECT_EQ(ring->Candidates(1, kAes256Sha1).size(), 1U);
+  EXPECT_EQ(ring->Candidates(20, kAes256Sha1).size(), 1 + KeyRing::kMostOtherVersions);
+  EXPECT_EQ(ring->Candidates(1, kAes256Sha1).size(), 1 + KeyRing::kMostOtherVersions);
+  EXPECT_NE(ring->Candidates(1, kAes256Sha1).front(), ring->Candidates(2, kAes256Sha1).front());
   EXPECT_EQ(ring->Candidates(99, kAes256Sha1).size(), KeyRing::kMostOtherVersions);
   EXPECT_EQ(ring->Candidates(std::nullopt, kAes256Sha1).front(),
             ring->Candidates(20, kAes256Sha1).front());

@@ -3,6 +3,7 @@
 #include <gssapi/gssapi.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,25 @@ TEST_F(ANegotiation, WithKerberosSecondTakesTwoTokens) {
   EXPECT_EQ(second.identity->RealmAndName(), "CORP.EXAMPLE.COM\\alice");
   EXPECT_TRUE(client.Verifies(list, Part(second.reply, 3)));
   EXPECT_THAT(log.Lines(), ElementsAre(StartsWith("2 krb-acceptor Accept: Accepted alice@")));
+}
+
+// The one that the acceptor has is in use, and its settings are no longer any.
+TEST_F(ANegotiation, WithoutAKerberosLibraryIsRefused) {
+  TicketHolder client(TicketWithPac(), GSS_C_MUTUAL_FLAG);
+  Accept(first_token);
+  const Acceptance second = Accept(Response(Offer(client.Step())));
+  client.Step(Part(second.reply, 2));
+  const std::string signature = Response(Signature(client.Mic(list)));
+  const std::string token = Token(TicketWithPac());
+  const HeldUp held_up(service, *acceptor);
+  std::ofstream(service.settings / "krb5.conf") << "[libdefaults\n";
+
+  const Acceptance third = Accept(signature);
+  const Acceptance another = acceptor->Accept(token);
+
+  EXPECT_EQ(Reason(second), RefusalReason::kUnfinished);
+  EXPECT_EQ(Reason(third), RefusalReason::kInternal);
+  EXPECT_EQ(Reason(another), RefusalReason::kInternal);
 }
 
 TEST_F(ANegotiation, OfAMutualClientEndsWithItsSignature) {
