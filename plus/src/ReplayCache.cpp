@@ -148,22 +148,22 @@ std::unique_ptr<ReplayCache> ReplayCache::Open(const std::string& path, std::siz
   }
   void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
   if (memory == MAP_FAILED) return failed_call();
-  return std::unique_ptr<ReplayCache>(new ReplayCache(memory, size));
+  return std::unique_ptr<ReplayCache>(
+      new ReplayCache(memory, static_cast<std::size_t>(header.records)));
 }
 
-ReplayCache::ReplayCache(void* memory, std::size_t size)
+ReplayCache::ReplayCache(void* memory, std::size_t records)
     : header_(static_cast<Header*>(memory)),
       records_(reinterpret_cast<Record*>(static_cast<char*>(memory) + kHeaderSize)),
-      size_(size) {}
+      count_(records) {}
 
 ReplayCache::~ReplayCache() {
-  munmap(header_, size_);
+  munmap(header_, kHeaderSize + count_ * sizeof(Record));
 }
 
 ReplayCache::Verdict ReplayCache::Remember(std::string_view request, std::uint32_t made) {
   const std::uint64_t digest = KeyedDigest(header_->key, request);
-  const auto rows = static_cast<std::size_t>(header_->records / kRowSize);
-  Record* const row = records_ + digest % rows * kRowSize;
+  Record* const row = records_ + digest % (count_ / kRowSize) * kRowSize;
   const std::uint64_t record = std::uint64_t{made} << 32U | digest >> 32U;
 
   for (;;) {

@@ -44,12 +44,12 @@ class ReplayCache {
   struct Header;
   using Record = std::atomic<std::uint64_t>;  // when it was made, and a digest; 0: none
 
-  ReplayCache(void* memory, std::size_t size);
+  ReplayCache(void* memory, std::size_t records);
   void RaiseHorizon(std::uint64_t made);
 
   Header* header_;
   Record* records_;
-  std::size_t size_;  // of the file
+  std::size_t count_;  // of records; what the file says of it is not believed twice
 };
 
 }  // namespace tavrel::plus

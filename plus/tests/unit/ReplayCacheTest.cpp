@@ -138,6 +138,16 @@ TEST_F(AReplayCache, TellsOneThreadAtMostThatARequestIsNew) {
   EXPECT_EQ(most, 1);
 }
 
+TEST_F(AReplayCache, KeepsToTheSizeThatItFound) {
+  const auto cache = Open();
+  std::fstream file(path_, std::ios::in | std::ios::out);
+  file.seekp(8) << std::string(8, '\0') << std::flush;  // no records, it says now
+
+  EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kNew);
+  EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kSeen);
+  EXPECT_FALSE(Open());
+}
+
 TEST_F(AReplayCache, IsOfItsOwnerAlone) {
   ASSERT_TRUE(Open());
   struct stat status {};
