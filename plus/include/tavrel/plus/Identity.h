@@ -19,7 +19,8 @@ struct TAVREL_EXPORT Principal {
   std::string realm;
 
   /// As Kerberos writes it, `HTTP/www.example.com@EXAMPLE.COM`: a backslash goes before what would
-  /// otherwise separate parts, and non-printing characters are escaped.
+  /// otherwise separate parts; newline, tab, backspace and NUL become a backslash and `n`, `t`, `b`
+  /// or `0`. All other bytes are as they are.
   std::string Text() const;
 };
 
@@ -71,8 +72,9 @@ struct TAVREL_EXPORT Authorization {
   bool IsMemberOf(const Sid& sid) const;
 };
 
-/// Who signed in. Every part of it was sealed with the service's key, except `service`: whoever
-/// has the ticket can rename the service in it to another one of the same key.
+/// Who signed in, as the service's key sealed it, with these exceptions: whoever has the ticket can
+/// change `key_version`, and rename `service` to another one of the same key; and `gss_flags` are
+/// the client's word.
 struct TAVREL_EXPORT Identity {
   Principal client;
   Principal service;  ///< as the client's ticket names it
@@ -89,7 +91,8 @@ struct TAVREL_EXPORT Identity {
 
   std::optional<Authorization> authorization;  ///< nothing when the ticket has no PAC
 
-  /// `CORP.EXAMPLE.COM\alice`: realm and last component, what the core's `Authenticate` returns.
+  /// `CORP.EXAMPLE.COM\alice`: realm and last component, what the core's `Authenticate` returns. A
+  /// text to show: `alice` and `x/alice` have the same.
   std::string RealmAndName() const;
 
   /// True when `sid` is the user or one of the user's groups that may grant something. False
