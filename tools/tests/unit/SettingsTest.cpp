@@ -65,6 +65,11 @@ TEST(Base64, IsReadOnlyAsItIsWritten) {
   EXPECT_EQ(ToBase64Url("a"), "YQ");
 }
 
+TEST(Time, AfterJanuary2038IsReadAsItIsWritten) {
+  EXPECT_EQ(FormatTime(4'294'967'296), "2106-02-07T06:28:16Z");
+  EXPECT_THAT(ParseTime("2106-02-07T06:28:16Z"), Optional(Eq(4'294'967'296)));
+}
+
 TEST(Json, HoldsWhateverIsPutIntoIt) {
   const JsonObject object = JsonObject()
                                 .Add("a\"b", "c\\d\n\xFF\xC3\xA9")
