@@ -31,9 +31,12 @@ std::string Forge(Script& script) {
   if ((choice & 64) != 0) token.of_ticket[4] = plus::tests::TypedField(1, script.Text());
   if ((choice & 128) != 0) {
     token.of_authenticator[6] = plus::tests::KeyField(token.session_enctype, 32);
-    token.of_authenticator[7] = tavrel::tests::der::Integer(script.Word());
-    token.of_authenticator[8] =
-        Der(0x30, plus::tests::TypedField(static_cast<std::int32_t>(script.Byte()), script.Text()));
+    const unsigned sequence = script.Word();
+    token.of_authenticator[7] = tavrel::tests::der::Integer(sequence);
+    const auto type = static_cast<std::int32_t>(script.Byte());
+    const std::string text = script.Text();
+    token.of_authenticator[8] = sequence % 2 != 0 ? Der(0x30, plus::tests::TypedField(type, text))
+                                                  : plus::tests::AuthorizationData(type, text);
   }
   std::string ticket_part = token.TicketPart();
   std::string authenticator = token.Authenticator();

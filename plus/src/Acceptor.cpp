@@ -170,15 +170,6 @@ std::optional<Refusal> CheckMic(krb5_context context, const krb5_keyblock& key,
   return Because(RefusalReason::kNotGenuine, "the mechListMIC is not of this list");
 }
 
-// True when the client says that it binds its tokens ([MS-KILE] 3.2.5.8): then one that names no
-// channel was stripped of it, or came through none.
-bool ClaimsToBind(const Authenticator& authenticator) {
-  constexpr unsigned char kChannelBinding = 0x40;  // of the second byte
-  const auto& options = authenticator.data.ap_options;
-  return !options.empty() && options[0].size() >= 4 &&
-         (static_cast<unsigned char>(options[0][1]) & kChannelBinding) != 0;
-}
-
 }  // namespace
 
 struct Negotiation::State {
@@ -473,7 +464,8 @@ std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
     return std::nullopt;
   }
   if (exchange.checksum.channel == ChannelDigest{}) {
-    if (required || ClaimsToBind(exchange.authenticator)) {
+    // Whoever binds tokens, but not this one, was stripped of the channel, or came through none.
+    if (required || exchange.authenticator.data.binds_channel) {
       return missing("the client bound its token to no channel");
     }
     return std::nullopt;

@@ -23,6 +23,8 @@ constexpr std::int32_t kTokenRestrictions = 141;
 constexpr std::int32_t kLocal = 142;
 constexpr std::int32_t kApOptions = 143;
 
+constexpr char kBindsChannel = 0x40;  // of the second byte of KERB_AP_OPTIONS ([MS-KILE] 3.2.5.8)
+
 bool TakeVersion(Reader& fields) {
   std::int32_t version = 0;
   return fields.TakeField(0, version) && version == kVersion;
@@ -103,15 +105,18 @@ bool TakeMessage(std::string_view plain, unsigned number, std::string_view& fiel
   return inner.Take(der::kSequence, fields) && inner.Empty();
 }
 
-// A sequence of a type and bytes.
+// The content of a sequence of a type and bytes.
+bool ReadTyped(std::string_view content, std::int32_t& type, std::string_view& bytes) {
+  Reader parts(content);
+  return parts.TakeField(0, type) && parts.TakeField(1, der::kOctetString, bytes) && parts.Empty();
+}
+
 bool TakeTyped(Reader& fields, unsigned number, std::string_view& bytes,
                std::int32_t* type = nullptr, std::string_view* whole = nullptr) {
   std::string_view content;
   std::int32_t unused = 0;
-  if (!fields.TakeField(number, der::kSequence, content, whole)) return false;
-  Reader parts(content);
-  return parts.TakeField(0, type != nullptr ? *type : unused) &&
-         parts.TakeField(1, der::kOctetString, bytes) && parts.Empty();
+  return fields.TakeField(number, der::kSequence, content, whole) &&
+         ReadTyped(content, type != nullptr ? *type : unused, bytes);
 }
 
 bool TakeKey(Reader& fields, unsigned number, SealedKey& key) {
@@ -175,44 +180,51 @@ bool IsEnctypeList(std::string_view bytes) {
   return types.Empty();
 }
 
+// A list of elements of authorization data.
+struct DataList {
+  std::string_view elements;
+  bool if_relevant = false;
+};
+
+// An element of `list`. The list that one can have in it goes to `lists`.
+bool ReadElement(const DataList& list, std::int32_t type, std::string_view bytes, AuthData& data,
+                 std::vector<DataList>& lists) {
+  switch (type) {
+    case kIfRelevant: {
+      Reader inside(bytes);
+      DataList& inner = lists.emplace_back();
+      inner.if_relevant = true;
+      return inside.Take(der::kSequence, inner.elements) && inside.Empty();
+    }
+    case kPac: data.pacs.push_back(bytes); return true;
+    case kApOptions:
+      if (bytes.size() != sizeof(std::uint32_t)) return false;
+      if ((bytes[1] & kBindsChannel) != 0) data.binds_channel = true;
+      return true;
+    case kEnctypesOfClient: return IsEnctypeList(bytes);
+    case kTokenRestrictions:
+    case kLocal: return true;
+    default: (list.if_relevant ? data.others : data.critical) = true; return true;
+  }
+}
+
 // Optional authorization data.
 bool TakeAuthData(Reader& fields, unsigned number, AuthData& data) {
-  std::string_view list;
   if (fields.Empty()) return true;
-  if (!fields.TakeField(number, der::kSequence, list)) return false;
-  struct List {
-    std::string_view bytes;
-    bool if_relevant;
-  };
-  std::vector<List> lists = {{list, false}};
+  DataList list;
+  if (!fields.TakeField(number, der::kSequence, list.elements)) return false;
+  std::vector<DataList> lists = {list};
   while (!lists.empty()) {
-    Reader elements(lists.back().bytes);
-    const bool if_relevant = lists.back().if_relevant;
+    list = lists.back();
     lists.pop_back();
+    Reader elements(list.elements);
     while (!elements.Empty()) {
       std::string_view element;
       std::int32_t type = 0;
       std::string_view bytes;
-      if (!elements.Take(der::kSequence, element)) return false;
-      Reader parts(element);
-      if (!parts.TakeField(0, type) || !parts.TakeField(1, der::kOctetString, bytes) ||
-          !parts.Empty()) {
+      if (!elements.Take(der::kSequence, element) || !ReadTyped(element, type, bytes) ||
+          !ReadElement(list, type, bytes, data, lists)) {
         return false;
-      }
-      Reader inside(bytes);
-      switch (type) {
-        case kIfRelevant:
-          if (!inside.Take(der::kSequence, list) || !inside.Empty()) return false;
-          lists.push_back({list, true});
-          break;
-        case kPac: data.pacs.push_back(bytes); break;
-        case kApOptions: data.ap_options.push_back(bytes); break;
-        case kEnctypesOfClient:
-          if (!IsEnctypeList(bytes)) return false;
-          break;
-        case kTokenRestrictions:
-        case kLocal: break;
-        default: (if_relevant ? data.others : data.critical) = true;
       }
     }
   }

@@ -43,8 +43,8 @@ struct SealedKey {
 // Authorization data (RFC 4120, 5.2.6), that in AD-IF-RELEVANT included.
 struct AuthData {
   std::vector<std::string_view> pacs;
-  std::vector<std::string_view> ap_options;  // KERB_AP_OPTIONS ([MS-KILE] 2.2.3)
-  bool others = false;                       // some that are not known to say nothing to a service
+  bool binds_channel = false;  // the client says that it binds its tokens ([MS-KILE] 3.2.5.8)
+  bool others = false;         // some that are not known to say nothing to a service
   bool critical = false;  // such that is not in AD-IF-RELEVANT: who does not know it must refuse
 };
 

@@ -263,7 +263,7 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
   EXPECT_EQ(through("EVIL.COM"), kNotGenuine);
 
   constexpr std::int32_t kIssuedByKdc = 4;
-  for (const std::int32_t type : {7, 141, 142, 143}) {  // that it lets pass
+  for (const std::int32_t type : {7, 141, 142}) {  // that it lets pass
     const std::string data = AuthorizationData(type, "x");
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_ticket[10] = data; }), std::nullopt);
     EXPECT_EQ(Refused([&](ForgedToken& token) { token.of_authenticator[8] = data; }), std::nullopt);
@@ -275,6 +275,13 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
   EXPECT_EQ(wants(Der(0x30, der::Integer(18) + der::Integer(17))), std::nullopt);
   EXPECT_EQ(wants("z"), kMalformed);
   EXPECT_EQ(wants(Der(0x30, "z")), kMalformed);
+  const auto has_options = [](const std::string& options) {
+    return Refused(
+        [&](ForgedToken& token) { token.of_authenticator[8] = AuthorizationData(143, options); });
+  };
+  EXPECT_EQ(has_options(std::string(4, '\0')), std::nullopt);
+  EXPECT_EQ(has_options(std::string(3, '\0')), kMalformed);
+  EXPECT_EQ(has_options(std::string(5, '\0')), kMalformed);
   EXPECT_EQ(Refused([&](ForgedToken& token) {
               token.of_ticket[10] = AuthorizationData(kIssuedByKdc, "x");
             }),
