@@ -32,6 +32,8 @@ constexpr std::size_t kLongestLine = 96UL * 1024;
 constexpr std::size_t kLongestAnswer = 32000;
 constexpr std::size_t kChunk = 16384;
 constexpr int kPause = 100;  // in milliseconds, before another try
+// A helper takes three descriptors. What is left of the 8192 that the unit allows is HTTP's.
+constexpr std::size_t kMostHelpers = 2048;
 
 // Squid ends itself when it is not given a token to send to the client. This one stands for none.
 constexpr std::string_view kNoReply = "AA==";
@@ -64,17 +66,32 @@ bool TakeLine(std::string& buffer, std::string& line) {
   return true;
 }
 
-// False at the end of the input. What cannot wait (O_NONBLOCK) may have nothing.
+// Reads what a socket has, which may be nothing; false at the end of the input. Never waits: who
+// lends a socket can make O_NONBLOCK mean nothing at any time.
 bool Read(int from, std::string& buffer) {
   char chunk[kChunk];
-  ssize_t got = 0;
-  do {
-    got = read(from, chunk, sizeof chunk);
-  } while (got == -1 && errno == EINTR);
-  if (got == -1 && errno == EAGAIN) return true;
+  const ssize_t got = recv(from, chunk, sizeof chunk, MSG_DONTWAIT);
+  if (got == -1 && (errno == EAGAIN || errno == EINTR)) return true;
   if (got <= 0) return false;
   buffer.append(chunk, static_cast<std::size_t>(got));
   return true;
+}
+
+// Sends an answer, without waiting: a Squid that does not take the answer to its own question is
+// broken.
+bool Send(int to, const std::string& answer) {
+  const std::string line = answer + "\n";
+  const ssize_t sent = send(to, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent == static_cast<ssize_t>(line.size());
+}
+
+bool IsUnixStream(int descriptor) {
+  int domain = 0;
+  int type = 0;
+  socklen_t size = sizeof(int);
+  return getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
+         getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && domain == AF_UNIX &&
+         type == SOCK_STREAM;
 }
 
 class Descriptor {
@@ -101,9 +118,10 @@ class Descriptor {
 
 // What a helper has to know when its daemon is gone: a word that both share.
 enum State : std::uint32_t {
-  kIdle,  // all that was read is answered
-  kBusy,  // there may be a question that was read and is not answered
-  kOver,  // Squid asks no more
+  kLentAlone,  // the daemon has not taken over
+  kIdle,       // all that was read is answered
+  kBusy,       // there may be a question that was read and is not answered
+  kOver,       // Squid asks no more
 };
 using SharedWord = std::atomic<std::uint32_t>;
 static_assert(SharedWord::is_always_lock_free);
@@ -258,6 +276,7 @@ void SquidServer::Welcome() {
     poll(nullptr, 0, kPause);  // too many are open, and that one stays in the queue
     return;
   }
+  if (helpers_.size() >= kMostHelpers) return;
   try {
     const std::uint64_t name = last_name_ += kName;
     Watch(control.Get(), name);
@@ -286,18 +305,16 @@ bool SquidServer::TakeOver(Helper& helper) const {
   const int seals = fcntl(lent[2].Get(), F_GET_SEALS);
   struct stat status {};
   if (seals == -1 || (seals & kSeals) != kSeals || fstat(lent[2].Get(), &status) != 0 ||
-      status.st_size < ssize_t{sizeof(SharedWord)}) {
+      status.st_size != ssize_t{sizeof(SharedWord)} || !IsUnixStream(lent[0].Get()) ||
+      !IsUnixStream(lent[1].Get())) {
     return false;
-  }
-  for (const unsigned i : {0U, 1U}) {
-    const int flags = fcntl(lent[i].Get(), F_GETFL);
-    if (flags == -1 || fcntl(lent[i].Get(), F_SETFL, flags | O_NONBLOCK) == -1) return false;
   }
   helper.state = Share(lent[2]);
   helper.input = std::move(lent[0]);
   helper.output = std::move(lent[1]);
   if (!helper.state) return false;
   Watch(helper.input.Get(), helper.name | kFromSquid);
+  helper.state->store(kIdle);
   return true;
 }
 
@@ -309,8 +326,7 @@ bool SquidServer::Serve(Helper& helper) const {
   }
   std::string line;
   while (TakeLine(helper.buffer, line)) {
-    // A Squid that does not take an answer to its own question is broken.
-    if (!WriteAll(helper.output.Get(), AnswerSquid(line, gate_, metrics_) + "\n")) return false;
+    if (!Send(helper.output.Get(), AnswerSquid(line, gate_, metrics_))) return false;
   }
   if (helper.buffer.empty()) helper.state->store(kIdle);
   return helper.buffer.size() <= kLongestLine;
@@ -333,9 +349,9 @@ Descriptor ConnectTo(const std::string& path) {
   return client;
 }
 
-// Lends the daemon this process's input and output, and returns when the daemon is gone. The last
-// state that it left; nothing when it did not get them.
-std::optional<std::uint32_t> LendUntilGone(const std::string& socket) {
+// Lends the daemon Squid's input and output, and returns when the daemon is gone. The last state
+// that it left; nothing when it did not take them.
+std::optional<std::uint32_t> LendUntilGone(const std::string& socket, int input, int output) {
   const Descriptor daemon = ConnectTo(socket);
   const Descriptor memory(memfd_create("tavrel-squid", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!daemon || !memory || ftruncate(memory.Get(), sizeof(SharedWord)) != 0 ||
@@ -343,37 +359,64 @@ std::optional<std::uint32_t> LendUntilGone(const std::string& socket) {
     return std::nullopt;
   }
   const SharedState state = Share(memory);
-  if (!state || !Lend(daemon, {STDIN_FILENO, STDOUT_FILENO, memory.Get()})) return std::nullopt;
+  if (!state || !Lend(daemon, {input, output, memory.Get()})) return std::nullopt;
   pollfd end{daemon.Get(), POLLIN, 0};
   while (poll(&end, 1, -1) == -1) {
   }
-  return state->load();
+  const std::uint32_t left = state->load();
+  return left != kLentAlone ? std::optional(left) : std::nullopt;
 }
 
-}  // namespace
-
-int RunSquidHelper(const std::string& socket) {
+// Between sockets.
+int Help(const std::string& socket, int input, int output) {
   std::string buffer;
   std::string line;
   for (;;) {
-    pollfd input{STDIN_FILENO, POLLIN, 0};
-    poll(&input, 1, -1);
+    pollfd asked{input, POLLIN, 0};
+    poll(&asked, 1, -1);
     if (buffer.empty()) {
-      const auto state = LendUntilGone(socket);
+      const auto state = LendUntilGone(socket, input, output);
       if (state == kOver) return 0;
       if (state == kBusy) return 1;
-
       if (state) {
         poll(nullptr, 0, kPause);  // it ends, and may begin anew
         continue;
       }
     }
-    if (!Read(STDIN_FILENO, buffer)) return 0;
+    if (!Read(input, buffer)) return 0;
     while (TakeLine(buffer, line)) {
-      if (!WriteAll(STDOUT_FILENO, Told("BH", "tavrel-authd does not answer") + "\n")) return 1;
+      if (!Send(output, Told("BH", "tavrel-authd does not answer"))) return 1;
     }
     if (buffer.size() > kLongestLine) return 1;
   }
+}
+
+// Copies until the input ends, or nobody takes the output.
+void Copy(int from, int to) {
+  char chunk[kChunk];
+  for (;;) {
+    const ssize_t got = read(from, chunk, sizeof chunk);
+    if (got == -1 && errno == EINTR) continue;
+    if (got <= 0 || !WriteAll(to, {chunk, static_cast<std::size_t>(got)})) break;
+  }
+  shutdown(to, SHUT_WR);
+}
+
+}  // namespace
+
+int RunSquidHelper(const std::string& socket) {
+  if (IsUnixStream(STDIN_FILENO) && IsUnixStream(STDOUT_FILENO)) {
+    return Help(socket, STDIN_FILENO, STDOUT_FILENO);
+  }
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return 1;
+  const auto [ours, lent] = ends;
+  std::thread(Copy, STDIN_FILENO, ours).detach();  // it ends with the process
+  std::thread back(Copy, ours, STDOUT_FILENO);
+  const int status = Help(socket, lent, lent);
+  shutdown(lent, SHUT_RDWR);
+  back.join();
+  return status;
 }
 
 }  // namespace tavrel::tools

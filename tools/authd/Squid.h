@@ -18,7 +18,8 @@ namespace tavrel::tools {
 // client's address where key_extras sends it.
 std::string AnswerSquid(std::string_view line, Gate* gate, Metrics* metrics);
 
-// Serves any number of helpers, on one thread. It is for processes of this machine.
+// Serves helpers, two thousand at most, on one thread. It is for processes of this machine; none of
+// them can hold it up.
 class SquidServer {
  public:
   // Takes over `listener`, a Unix socket.
@@ -49,10 +50,10 @@ class SquidServer {
 };
 
 // The helper. It lends its standard input and output to the daemon at `socket`, which then reads
-// Squid's lines and answers them itself, and waits until the input ends. When the daemon goes away
-// it lends them again, and answers with BH until there is one. A daemon that is killed between a
-// question and its answer ends this helper, since nobody else knows that there was a question.
-// Returns the exit status.
+// Squid's lines and answers them itself, and waits until the input ends. Pipes are not lent: what
+// comes and goes there is copied. When the daemon goes away it lends again, and answers with BH
+// until there is one. A daemon that is killed between a question and its answer ends this helper,
+// since nobody else knows that there was a question. Returns the exit status.
 int RunSquidHelper(const std::string& socket);
 
 }  // namespace tavrel::tools
