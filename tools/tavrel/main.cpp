@@ -36,7 +36,10 @@ int Run(int argc, char** argv) {
   for (const Command& command : kCommands) {
     if (name != command.name) continue;
     try {
-      return command.run(argc - 1, argv + 1);
+      const int status = command.run(argc - 1, argv + 1);
+      if (std::cout.flush()) return status;
+      std::cerr << "tavrel " << name << ": cannot write what there is to say\n";
+      return 1;
     } catch (const std::exception& error) {
       std::cerr << "tavrel " << name << ": " << error.what() << '\n';
       return 1;
