@@ -51,7 +51,10 @@ Take Enctypes(std::vector<std::int32_t>* to) {
   };
 }
 
+// True for a socket at which nobody listens.
 bool IsNobodys(const sockaddr_un& address) {
+  struct stat status {};
+  if (lstat(address.sun_path, &status) != 0 || !S_ISSOCK(status.st_mode)) return false;
   const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const bool refused =
       connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 &&

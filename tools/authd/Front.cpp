@@ -72,8 +72,8 @@ bool Front::IsTrusted(const std::optional<Address>& peer) const {
 std::optional<Address> Front::Client(const HttpRequest& request) const {
   const auto peer = request.Peer();
   if (!IsTrusted(peer)) return peer;
-  const std::string forwarded = request.AllHeaders("X-Forwarded-For");
-  return forwarded.empty() ? peer : ForwardedFor(forwarded, settings_.trusted_proxies);
+  // The proxy's own address is not the client's.
+  return ForwardedFor(request.AllHeaders("X-Forwarded-For"), settings_.trusted_proxies);
 }
 
 std::string Front::SetCookie(const std::string& value) const {

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
+#include <iterator>
 #include <thread>
 
 #include "authd/Log.h"
@@ -37,6 +39,22 @@ using Response = std::unique_ptr<MHD_Response, DestroyResponse>;
 std::string_view HttpRequest::Value(MHD_ValueKind kind, const char* name) const {
   const char* const value = MHD_lookup_connection_value(connection_, kind, name);
   return value != nullptr ? value : "";
+}
+
+std::string_view HttpRequest::Cookie(const char* name) const {
+  struct Search {
+    const char* name;
+    const char* value;
+  } search{name, ""};
+  const auto compare = [](void* to, MHD_ValueKind /*kind*/, const char* cookie,
+                          const char* value) -> MHD_Result {
+    auto* const into = static_cast<Search*>(to);
+    if (std::strcmp(cookie, into->name) != 0) return MHD_YES;
+    if (value != nullptr) into->value = value;
+    return MHD_NO;
+  };
+  MHD_get_connection_values(connection_, MHD_COOKIE_KIND, compare, &search);
+  return search.value;
 }
 
 std::string HttpRequest::AllHeaders(const char* name) const {
@@ -158,18 +176,20 @@ bool HttpServer::MayConnect(const sockaddr* address) {
   const auto client = Address::Of(address);
   if (!client || IsUnlimited(*client)) return true;
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto open = of_client_.find(*client);
+  const auto open = of_client_.find(client->Client());
   return open == of_client_.end() || open->second < limits_.connections_per_client;
 }
 
 HttpServer::Connection* HttpServer::Opened(MHD_Connection* connection) {
   const auto* const fd = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
   const int socket = fd != nullptr ? fd->connect_fd : -1;
-  const auto client = HttpRequest(connection, "").Peer();
+  auto client = HttpRequest(connection, "").Peer();
+  if (client) client = client->Client();
   const std::lock_guard<std::mutex> lock(mutex_);
   unsigned int* const open = client ? &of_client_[*client] : nullptr;
   connections_.push_back({socket, client, false, Clock::now() + limits_.request_time});
   if (open != nullptr) ++*open;  // now that nothing can throw any more
+  connections_.back().place = std::prev(connections_.end());
   return &connections_.back();
 }
 
@@ -179,7 +199,7 @@ void HttpServer::Closed(Connection* connection) {
     const auto open = of_client_.find(*connection->client);
     if (--open->second == 0) of_client_.erase(open);
   }
-  connections_.remove_if([&](const Connection& candidate) { return &candidate == connection; });
+  connections_.erase(connection->place);
 }
 
 void HttpServer::Mark(Connection* connection, bool busy) {

@@ -27,9 +27,10 @@ class HttpRequest {
       : connection_(connection), path_(path) {}
 
   std::string_view path() const { return path_; }
-  // The first header, cookie or parameter of the query of that name; empty when there is none.
+  // The first header, cookie or parameter of the query of that name; empty when there is none. The
+  // case of letters counts in a cookie's name: browsers guard `__Host-`, and nothing like it.
   std::string_view Header(const char* name) const { return Value(MHD_HEADER_KIND, name); }
-  std::string_view Cookie(const char* name) const { return Value(MHD_COOKIE_KIND, name); }
+  std::string_view Cookie(const char* name) const;
   std::string_view Parameter(const char* name) const { return Value(MHD_GET_ARGUMENT_KIND, name); }
   // All headers of that name, as if they were one (RFC 9110, 5.2).
   std::string AllHeaders(const char* name) const;
@@ -51,9 +52,10 @@ struct HttpAnswer {
 
 struct HttpLimits {
   unsigned int connections = 1024;
-  unsigned int connections_per_client = 64;  // not of processes of this machine, or `unlimited`
-  std::chrono::seconds request_time{10};     // to send a request's header
-  std::chrono::seconds idle_time{120};       // between two requests
+  // Not of processes of this machine, or `unlimited`. In IPv6 a client has a network of /64.
+  unsigned int connections_per_client = 64;
+  std::chrono::seconds request_time{10};  // to send a request's header
+  std::chrono::seconds idle_time{120};    // between two requests
   std::vector<Network> unlimited;
 };
 
@@ -80,9 +82,10 @@ class HttpServer {
   using Clock = std::chrono::steady_clock;
   struct Connection {
     int socket;
-    std::optional<Address> client;
-    bool busy;  // a request has begun
+    std::optional<Address> client;  // whom it counts for
+    bool busy;                      // a request has begun
     Clock::time_point deadline;
+    std::list<Connection>::iterator place{};  // of itself
   };
   struct Callbacks;  // of libmicrohttpd
 

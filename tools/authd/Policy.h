@@ -20,8 +20,8 @@ namespace tavrel::tools {
 //   revoke everyone|user NAME-OR-SID before TIME
 //
 // where a condition is `user NAME-OR-SID` (alice@CORP.EXAMPLE.COM or S-1-5-...), `group SID`,
-// `service NAME` (HTTP/box.corp.example.com) or `network ADDRESS[/BITS]`. Names are compared
-// without regard to case. `revoke` ends sessions that began before a time (UTC,
+// `service NAME` (HTTP/box.corp.example.com) or `network ADDRESS[/BITS]`. The case of ASCII
+// letters in names does not count. `revoke` ends sessions that began before a time (UTC,
 // 2026-11-22T01:00:00Z), wherever the line stands.
 class Policy {
  public:

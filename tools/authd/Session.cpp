@@ -59,13 +59,14 @@ std::optional<std::string> FromHex(std::string_view text) {
     return -1;
   };
   std::string bytes;
+  bytes.reserve(text.size() / 2);  // growing would leave parts of a key behind
   for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
     const int high = digit(text[i]);
     const int low = digit(text[i + 1]);
     if (high < 0 || low < 0) return std::nullopt;
     bytes += static_cast<char>(high * 16 + low);
   }
-  return text.size() % 2 == 0 ? std::optional(bytes) : std::nullopt;
+  return text.size() % 2 == 0 ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 // Everything that a cookie must agree with, and that is not in it.
@@ -177,9 +178,9 @@ std::optional<SessionKeys> SessionKeys::Parse(std::string_view text, const std::
   const auto take = [&](std::string_view content, int /*number*/) -> std::string {
     const std::vector<std::string_view> words = Words(content);
     Key key;
-    const auto bytes = FromHex(words[0]);
+    auto bytes = FromHex(words[0]);
     if (!bytes || bytes->size() != kKeySize) return "a key has 64 hexadecimal digits";
-    key.bytes = *bytes;
+    key.bytes = std::move(*bytes);
     if (words.size() != 1) {
       const auto from = words.size() == 3 ? ParseTime(words[2]) : std::nullopt;
       if (words[1] != "from" || !from) {

@@ -25,16 +25,22 @@ std::string_view Environment(const char* name) {
 
 }  // namespace
 
-std::map<std::string, int> PassedSockets() {
+std::map<std::string, int> PassedSockets(const std::set<std::string>& known, std::string* error) {
   std::map<std::string, int> sockets;
-  const auto count = ParseNumber(Environment("LISTEN_FDS"), 1, kMostSockets);
-  if (!count || Environment("LISTEN_PID") != std::to_string(getpid())) return sockets;
+  if (Environment("LISTEN_PID") != std::to_string(getpid())) return sockets;
+  const auto count = ParseNumber(Environment("LISTEN_FDS"), 0, kMostSockets);
+  if (!count) *error = "the service manager passes too many sockets";
   std::string_view names = Environment("LISTEN_FDNAMES");
-  for (int i = 0; i < *count; ++i) {
-    const std::string_view name = names.substr(0, names.find(':'));
+  for (int i = 0; i < count.value_or(0); ++i) {
+    const std::string name(names.substr(0, names.find(':')));
     names.remove_prefix(name.size() < names.size() ? name.size() + 1 : names.size());
     fcntl(kFirstSocket + i, F_SETFD, FD_CLOEXEC);
-    sockets.emplace(name, kFirstSocket + i);
+    const bool first = sockets.emplace(name, kFirstSocket + i).second;
+    // Nobody would answer at a socket that is passed over.
+    if (!first || known.count(name) == 0) {
+      *error = "the service manager passes " + std::string(first ? "a socket" : "two sockets") +
+               " named '" + name + "'";
+    }
   }
   return sockets;
 }

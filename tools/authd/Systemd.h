@@ -4,12 +4,14 @@
 #define TAVREL_TOOLS_AUTHD_SYSTEMD_H
 
 #include <map>
+#include <set>
 #include <string>
 
 namespace tavrel::tools {
 
-// Listening sockets by their FileDescriptorName=, which are this process's from now on.
-std::map<std::string, int> PassedSockets();
+// Listening sockets by their FileDescriptorName=, which are this process's from now on. Says in
+// `*error` when one has none of the `known` names, or that of another.
+std::map<std::string, int> PassedSockets(const std::set<std::string>& known, std::string* error);
 
 // Tells the manager, `READY=1` for example.
 void Notify(const std::string& state);

@@ -2,6 +2,8 @@
 // it.
 #include <fcntl.h>
 #include <getopt.h>
+#include <openssl/crypto.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,9 +55,11 @@ std::shared_ptr<const Rules> ReadRules(const Config& config, std::string* error)
   if (!policy) return nullptr;
   std::optional<Sessions> sessions;
   if (!config.session_keys.empty()) {
-    const auto keys_text = ReadFile(config.session_keys, kLargestFile, error);
+    auto keys_text = ReadFile(config.session_keys, kLargestFile, error);
     if (!keys_text) return nullptr;
     auto keys = SessionKeys::Parse(*keys_text, config.session_keys, error);
+    const std::size_t size = keys_text->size();
+    OPENSSL_cleanse(keys_text->data(), size);
     if (!keys) return nullptr;
     sessions.emplace(std::move(*keys), config.session_lifetime, config.session_idle);
   }
@@ -133,6 +137,7 @@ void WatchUntilTerm(const Config& config, const sigset_t& signals, Gate& gate,
 }
 
 int Serve(const std::string& config_file, bool check_only) {
+  prctl(PR_SET_DUMPABLE, 0);  // a core file would have the keys in it
   std::string error;
   const auto text = ReadFile(config_file, kLargestFile, &error);
   if (!text) return Complain(error, kConfig);
@@ -155,7 +160,7 @@ int Serve(const std::string& config_file, bool check_only) {
     sigaddset(&signals, signal);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  const auto passed = PassedSockets();
+  const auto passed = PassedSockets({"http", "status", "squid"}, &error);
   const int http = Obtain(passed, "http", config->listen, &error);
   const int status = Obtain(passed, "status", config->status_listen, &error);
   const int squid = Obtain(passed, "squid", config->squid_listen, &error);

@@ -14,6 +14,7 @@ namespace {
 
 constexpr unsigned char kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
 constexpr int kMappedBits = 96;
+constexpr int kClientBytes = 8;
 
 }  // namespace
 
@@ -45,6 +46,12 @@ std::optional<Address> Address::Of(const sockaddr* address) {
 
 bool Address::is_ipv4() const {
   return std::equal(std::begin(kMapped), std::end(kMapped), bytes_.begin());
+}
+
+Address Address::Client() const {
+  Address client = *this;
+  if (!is_ipv4()) std::fill(client.bytes_.begin() + kClientBytes, client.bytes_.end(), 0);
+  return client;
 }
 
 std::string Address::Text() const {

@@ -22,6 +22,9 @@ class Address {
 
   std::string Text() const;
   bool is_ipv4() const;
+  // The address by which connections of one client are counted: of IPv6 the network of /64, all of
+  // which a client may have.
+  Address Client() const;
 
   friend bool operator==(const Address& a, const Address& b) { return a.bytes_ == b.bytes_; }
   friend bool operator<(const Address& a, const Address& b) { return a.bytes_ < b.bytes_; }

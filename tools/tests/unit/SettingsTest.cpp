@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "common/Address.h"
 #include "common/Json.h"
 #include "common/Text.h"
 
@@ -49,6 +50,12 @@ TEST(Durations, HaveUnits) {
        {"", "h", "0", "-1", "1w", "1 h", "367d", "1.5h", "99999999999999999h"}) {
     EXPECT_EQ(seconds(wrong), -1) << wrong;
   }
+}
+
+TEST(Address, OfIPv6CountsForItsNetwork) {
+  const auto client = [](const char* text) { return Address::Parse(text)->Client().Text(); };
+  EXPECT_EQ(client("2001:db8:1:2:3:4:5:6"), "2001:db8:1:2::");
+  EXPECT_EQ(client("::ffff:10.1.2.3"), "10.1.2.3");
 }
 
 TEST(Base64, IsReadOnlyAsItIsWritten) {
