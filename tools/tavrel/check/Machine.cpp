@@ -55,7 +55,7 @@ std::string Damage(const std::string& bytes) {
     }
     const auto size = static_cast<std::uint64_t>(length < 0 ? -length : length);  // negative: hole
     if (size > bytes.size() - at - 4) return "cut short" + where;
-    at += 4 + size;
+    at += 4 + static_cast<std::size_t>(size);
   }
   return "";
 }
