@@ -17,6 +17,7 @@ using testing::IsEmpty;
 
 constexpr krb5_timestamp kEarliest = std::numeric_limits<krb5_timestamp>::min();
 constexpr krb5_timestamp kLatest = std::numeric_limits<krb5_timestamp>::max();
+constexpr bool kClockHas32Bits = sizeof(std::time_t) == sizeof(krb5_timestamp);
 
 static_assert(std::is_same_v<decltype(KrbTicketValidator::kMaxOffsetSeconds), const std::int64_t>);
 static_assert(!std::is_default_constructible_v<KrbTicketValidator>);
@@ -30,12 +31,12 @@ krb5_ticket_times Times(krb5_timestamp authtime, krb5_timestamp starttime, krb5_
 }
 
 // What the checks answer when the library's clock shows `now`.
-bool StartValid(std::time_t now, const krb5_ticket_times& times) {
-  const StandIn clock(calls::time, [=](std::time_t*) { return now; });
+bool StartValid(std::int64_t now, const krb5_ticket_times& times) {
+  const StandIn clock(calls::time, [=](std::time_t*) { return static_cast<std::time_t>(now); });
   return KrbTicketValidator::IsStartTimeValid(times);
 }
-bool TicketValid(std::time_t now, const krb5_ticket_times& times) {
-  const StandIn clock(calls::time, [=](std::time_t*) { return now; });
+bool TicketValid(std::int64_t now, const krb5_ticket_times& times) {
+  const StandIn clock(calls::time, [=](std::time_t*) { return static_cast<std::time_t>(now); });
   return KrbTicketValidator::IsTicketTimeValid(times);
 }
 
@@ -72,18 +73,19 @@ TEST(IsStartTimeValid, DoesNotLookAtTheEnd) {
 }
 
 TEST(IsStartTimeValid, DoesNotWrapAtTheEndsOf32Bits) {
-  const std::time_t latest = kLatest;
-  const std::time_t earliest = kEarliest;
+  const std::int64_t latest = kLatest;
+  const std::int64_t earliest = kEarliest;
 
   EXPECT_TRUE(StartValid(latest, Times(0, kLatest, 0)));
-  EXPECT_TRUE(StartValid(latest + 300, Times(0, kLatest, 0)));
-  EXPECT_FALSE(StartValid(latest + 301, Times(0, kLatest, 0)));
   EXPECT_FALSE(StartValid(earliest, Times(0, kLatest, 0)));
   EXPECT_TRUE(StartValid(earliest, Times(0, kEarliest, 0)));
-  EXPECT_TRUE(StartValid(earliest - 300, Times(0, kEarliest, 0)));
-  EXPECT_FALSE(StartValid(earliest - 301, Times(0, kEarliest, 0)));
   EXPECT_FALSE(StartValid(latest, Times(0, kEarliest, 0)));
   EXPECT_TRUE(StartValid(0, Times(0, 0, 0)));
+  if (kClockHas32Bits) return;
+  EXPECT_TRUE(StartValid(latest + 300, Times(0, kLatest, 0)));
+  EXPECT_FALSE(StartValid(latest + 301, Times(0, kLatest, 0)));
+  EXPECT_TRUE(StartValid(earliest - 300, Times(0, kEarliest, 0)));
+  EXPECT_FALSE(StartValid(earliest - 301, Times(0, kEarliest, 0)));
 }
 
 struct Presented {
@@ -127,18 +129,19 @@ TEST(IsTicketTimeValid, UsesTheStartTimeWheneverThereIsOne) {
 }
 
 TEST(IsTicketTimeValid, DoesNotWrapAtTheEndsOf32Bits) {
-  const std::time_t latest = kLatest;
-  const std::time_t earliest = kEarliest;
+  const std::int64_t latest = kLatest;
+  const std::int64_t earliest = kEarliest;
 
   EXPECT_TRUE(TicketValid(latest, Times(0, kEarliest, kLatest)));
   EXPECT_TRUE(TicketValid(earliest, Times(0, kEarliest, kLatest)));
+  EXPECT_FALSE(TicketValid(earliest, Times(0, kLatest, kEarliest)));
+  EXPECT_FALSE(TicketValid(kNow, Times(0, kEarliest, kEarliest)));
+  EXPECT_FALSE(TicketValid(kNow, Times(0, kLatest, kLatest)));
+  if (kClockHas32Bits) return;
   EXPECT_TRUE(TicketValid(latest + 300, Times(0, kLatest, kLatest)));
   EXPECT_FALSE(TicketValid(latest + 301, Times(0, kLatest, kLatest)));
   EXPECT_TRUE(TicketValid(earliest - 300, Times(0, kEarliest, kLatest)));
   EXPECT_FALSE(TicketValid(earliest - 301, Times(0, kEarliest, kLatest)));
-  EXPECT_FALSE(TicketValid(earliest, Times(0, kLatest, kEarliest)));
-  EXPECT_FALSE(TicketValid(kNow, Times(0, kEarliest, kEarliest)));
-  EXPECT_FALSE(TicketValid(kNow, Times(0, kLatest, kLatest)));
 }
 
 TEST(BothChecks, ReadTheClockOnceAndLogNothing) {
