@@ -166,12 +166,8 @@ KeyStore::Rings KeyStore::Current(krb5_context context, bool missed) const {
   const Clock::time_point now = Clock::now();
   {
     std::unique_lock<std::mutex> looking(looking_, std::defer_lock);
-    if (missed) {
-      looking.lock();
-    } else {
-      looking.try_lock();
-    }
-    const bool due = looking && now - looked_ >= kLookEvery;
+    if (missed) looking.lock();
+    const bool due = (looking || looking.try_lock()) && now - looked_ >= kLookEvery;
     if (missed || due) Look(context, now, due);
   }
   const std::lock_guard<std::mutex> guard(lock_);
