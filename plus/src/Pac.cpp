@@ -103,10 +103,9 @@ const char* DecodeValidationInfo(std::string_view bytes, Authorization& result) 
   if (!reader.Ok() || !groups.Ok()) return "its validation information does not add up";
 
   const auto user_sid = result.domain.WithRid(user);
-  const auto primary_sid = result.domain.WithRid(primary_group);
-  if (!user_sid || !primary_sid) return "its domain has too long an identifier";
+  if (!user_sid) return "its domain has too long an identifier";
   result.user = *user_sid;
-  result.primary_group = *primary_sid;
+  result.primary_group = *result.domain.WithRid(primary_group);
   if ((flags & kHasExtraSids) == 0) result.extra_sids.clear();
   if ((flags & kHasResourceGroups) == 0) result.resource_groups.clear();
   return nullptr;

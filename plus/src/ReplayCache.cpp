@@ -141,7 +141,7 @@ std::unique_ptr<ReplayCache> ReplayCache::Open(const std::string& path, std::siz
   Header header{};
   const auto size = static_cast<std::size_t>(status.st_size);
   if (pread(file.Get(), &header, sizeof header, 0) != ssize_t{sizeof header} ||
-      header.magic != kMagic || header.records > kMostCapacity ||
+      header.magic != kMagic ||
       header.records != RoundUp(static_cast<std::size_t>(header.records)) ||
       size != kHeaderSize + header.records * sizeof(Record)) {
     return failed("not a replay file");

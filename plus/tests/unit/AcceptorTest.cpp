@@ -236,6 +236,20 @@ TEST(AnAcceptor, TakesTheServicesThatItMayAlone) {
   EXPECT_TRUE(decision({"*"}));
 }
 
+TEST(AnAcceptor, IsNotDeceivedByASlashInAName) {
+  AcceptorOptions options = WithoutPac();
+  options.services = {"HTTP/a/b"};
+  const auto decision = [&](std::vector<std::string> server) {
+    ForgedTicket ticket = Ticket();
+    ticket.server = std::move(server);
+    return Decision(options, Token(ticket));
+  };
+
+  EXPECT_TRUE(decision({"HTTP", "a", "b"}));
+  EXPECT_EQ(Reason(decision({"HTTP/a", "b"})), RefusalReason::kWrongService);
+  EXPECT_EQ(Reason(decision({"HTTP", "a/b"})), RefusalReason::kWrongService);
+}
+
 TEST(AnAcceptor, TakesServicesOfItsOwnRealmAlone) {
   ForgedTicket ticket = Ticket();
   ticket.server_realm = "OTHER.EXAMPLE.COM";
@@ -311,6 +325,8 @@ TEST(AnAcceptor, NeedsTheChecksumOfGssApi) {
   EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
   ticket.gss_checksum = GssChecksum().substr(0, 23);
   EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
+  ticket.gss_checksum = "\x11" + GssChecksum().substr(1);
+  EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
   ticket.gss_checksum = GssChecksum("", 0x1000);
   EXPECT_EQ(Reason(Decision(WithoutPac(), Token(ticket))), RefusalReason::kMalformed);
   ticket.gss_checksum = GssChecksum("", 1);  // delegates, but nothing
@@ -359,6 +375,7 @@ TEST(AnAcceptor, NeedsAPacUnlessToldOtherwise) {
   ASSERT_TRUE(without);
   EXPECT_FALSE(without.identity->authorization);
   EXPECT_FALSE(without.identity->IsMemberOf(*Sid::FromText("S-1-5-21-1-2-3-1110")));
+  EXPECT_FALSE(without.identity->IsOfDomain(*Sid::FromText("S-1-5-21-1-2-3")));
 }
 
 TEST(AnAcceptor, RefusesAPacThatIsNotOfThisTicket) {
@@ -447,7 +464,7 @@ TEST(AnAcceptor, LogsOneCleanLineForWhateverComes) {
   ForgedTicket ticket = Ticket();
   ticket.client = {"a\nb\x1b[2J" + std::string(300, 'x')};
   const std::string accepted = Token(ticket);
-  ticket.server = {"evil\r\n\"" + std::string(300, 'y')};
+  ticket.server = {"evil\r\n\"\\\x7f" + std::string(300, 'y')};
   const auto acceptor = Service(WithoutPac()).Make();
   LogCapture log;
 
@@ -460,8 +477,8 @@ TEST(AnAcceptor, LogsOneCleanLineForWhateverComes) {
       ElementsAre("2 krb-acceptor Accept: Accepted a?b?[2J" + std::string(73, 'x') +
                       "... for HTTP/appliance.corp.example.com@CORP.EXAMPLE.COM",
                   "3 krb-acceptor Accept: Refused a token: a ticket for another service for "
-                  "evil???" +
-                      std::string(73, 'y') + "...",
+                  "evil?????" +
+                      std::string(71, 'y') + "...",
                   "3 krb-acceptor Accept: Refused a token: neither SPNEGO nor Kerberos by "
                   "the letter"));
 }

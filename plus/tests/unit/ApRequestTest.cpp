@@ -42,15 +42,43 @@ std::string Data(const std::string& elements) {
   return Der(0x30, elements);
 }
 
+std::string Sequence(const ForgedToken::Fields& fields) {
+  std::string content;
+  for (const auto& [number, value] : fields) {
+    content += der::Field(number, value);
+  }
+  return Der(0x30, content);
+}
+
+ForgedToken::Fields TicketFields(const std::string& service, const std::string& sealed) {
+  return {{0, der::Integer(5)}, {1, Der(0x1b, "REALM")}, {2, service}, {3, sealed}};
+}
+
+ForgedToken::Fields RequestFields(const std::string& ticket, const std::string& authenticator) {
+  return {{0, der::Integer(5)},
+          {1, der::Integer(14)},
+          {2, der::BitString(0)},
+          {3, Der(0x61, ticket)},
+          {4, authenticator}};
+}
+
 // A request with those parts, in DER.
 std::string Request(const std::string& service, const std::string& sealed_ticket,
                     const std::string& sealed_authenticator) {
-  const std::string ticket =
-      Der(0x61, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, Der(0x1b, "REALM")) +
-                              der::Field(2, service) + der::Field(3, sealed_ticket)));
-  return Der(0x6e, Der(0x30, der::Field(0, der::Integer(5)) + der::Field(1, der::Integer(14)) +
-                                 der::Field(2, der::BitString(0)) + der::Field(3, ticket) +
-                                 der::Field(4, sealed_authenticator)));
+  const std::string ticket = Sequence(TicketFields(service, sealed_ticket));
+  return Der(0x6e, Sequence(RequestFields(ticket, sealed_authenticator)));
+}
+
+// Without each of its fields, with another in place of each, and with one more.
+std::vector<ForgedToken::Fields> Spoilt(const ForgedToken::Fields& right) {
+  std::vector<ForgedToken::Fields> all;
+  for (const auto& field : right) {
+    all.emplace_back(right).erase(field.first);
+    all.emplace_back(right)[field.first] = Der(0x0c, "x");
+    all.emplace_back(right)[field.first] += "x";
+  }
+  all.emplace_back(right)[11] = Der(0x0c, "x");
+  return all;
 }
 
 TEST(ARequest, IsReadByTheLetter) {
@@ -72,9 +100,11 @@ TEST(ARequest, IsReadByTheLetter) {
   EXPECT_EQ(version_of(der::Integer(0xFFFFFFFF)), UINT32_MAX);
   EXPECT_EQ(version_of(der::Integer(-1)), UINT32_MAX) << "as some write it";
   EXPECT_EQ(version_of(der::Integer(1LL << 32)), std::nullopt);
+  EXPECT_EQ(version_of(Der(0x02, std::string("\0\x7f\0\0\0", 5))), std::nullopt);
+  EXPECT_EQ(version_of(Der(0x02, std::string("\0\xff\0\0\0\0", 6))), std::nullopt);
   EXPECT_EQ(version_of(Der(0x04, "x")), std::nullopt);
   for (const std::string& wrong :
-       {std::string(), Der(0x30, ""), Der(0x04, "x"),
+       {std::string(), Der(0x30, ""), Der(0x04, "x"), Der(0x30, der::Field(0, der::Integer(1))),
         Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "x"))),
         Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "")) + "x"),
         der::PrincipalName(std::vector<std::string>(33, "a"))}) {
@@ -82,11 +112,42 @@ TEST(ARequest, IsReadByTheLetter) {
   }
   EXPECT_TRUE(
       is_read(Request(der::PrincipalName(std::vector<std::string>(32, "a")), right, right)));
-  for (const std::string& wrong : {std::string(), Der(0x04, "x"), Der(0x30, ""), sealed("x"),
-                                   Der(0x30, der::Field(0, der::Integer(18)))}) {
+  const std::string with_more = right.substr(2) + "x";
+  for (const std::string& wrong :
+       {std::string(), Der(0x04, "x"), Der(0x30, ""), sealed("x"), Der(0x30, with_more),
+        Der(0x30, der::Field(0, der::Integer(18)))}) {
     EXPECT_FALSE(is_read(Request(name, wrong, right))) << testing::PrintToString(wrong);
     EXPECT_FALSE(is_read(Request(name, right, wrong))) << testing::PrintToString(wrong);
   }
+}
+
+TEST(ARequest, HasEachFieldOnce) {
+  const std::string sealed =
+      Der(0x30, der::Field(0, der::Integer(18)) + der::Field(2, Der(0x04, "x")));
+  const auto of_ticket = TicketFields(der::PrincipalName({"HTTP", "a"}), sealed);
+  const auto of_request = RequestFields(Sequence(of_ticket), sealed);
+  const auto is_read = [&](ForgedToken::Fields fields) {
+    return ReadApRequest(Der(0x6e, Sequence(fields))).has_value();
+  };
+  const auto with = [&](unsigned char number, const std::string& value) {
+    ForgedToken::Fields fields = of_request;
+    fields[number] = value;
+    return fields;
+  };
+
+  EXPECT_TRUE(is_read(of_request));
+  for (const auto& fields : Spoilt(of_request))
+    EXPECT_FALSE(is_read(fields)) << testing::PrintToString(fields);
+  for (const auto& fields : Spoilt(of_ticket))
+    EXPECT_FALSE(is_read(with(3, Der(0x61, Sequence(fields))))) << testing::PrintToString(fields);
+  EXPECT_FALSE(is_read(with(0, der::Integer(4))));
+  EXPECT_FALSE(is_read(with(1, der::Integer(15))));
+  EXPECT_FALSE(is_read(with(2, Der(0x03, std::string("\1\0\0\0\0", 5)))));
+  EXPECT_FALSE(is_read(with(3, Der(0x61, ""))));
+  EXPECT_FALSE(is_read(with(3, Der(0x61, Sequence(of_ticket) + "x"))));
+  EXPECT_FALSE(ReadApRequest(Der(0x30, Sequence(of_request))));
+  EXPECT_FALSE(ReadApRequest(Der(0x6e, "")));
+  EXPECT_FALSE(ReadApRequest(Der(0x6e, Sequence(of_request) + "x")));
 }
 
 TEST(WhatATicketSeals, IsAcceptedByTheLetter) {
@@ -147,6 +208,15 @@ TEST(WhatATicketSeals, HasNothingButPaddingBehindIt) {
   }
   EXPECT_FALSE(ReadTicketPart(token.Authenticator()));
   EXPECT_FALSE(ReadTicketPart(Der(0x63, Der(0x30, "") + "x")));
+  EXPECT_FALSE(ReadTicketPart(Der(0x63, "")));
+  const auto with = [](const std::string& last) {
+    ForgedToken::Fields fields = ForgedToken().of_ticket;
+    fields.erase(10);
+    return ReadTicketPart(Der(0x63, Der(0x30, Sequence(fields).substr(3) + last))).has_value();
+  };
+  EXPECT_TRUE(with(""));
+  EXPECT_TRUE(with(std::string("\xa9\0", 2)));
+  EXPECT_FALSE(with("\xa9\x7f")) << "addresses that are cut off";
 }
 
 TEST(ATime, IsThatOfTheCalendar) {
@@ -193,6 +263,11 @@ TEST(AnAuthenticator, IsRefusedWhenAFieldIsMissingOrWrong) {
               kMalformed)
         << int{number};
   }
+  EXPECT_EQ(Refused([](ForgedToken& token) {
+              token.of_authenticator[8] = Data("");
+              token.of_authenticator[9] = Der(0x0c, "x");
+            }),
+            kMalformed);
   const std::pair<unsigned char, std::string> wrong[] = {
       {0, der::Integer(4)},        {3, TypedField(7, GssChecksum())},
       {4, Der(0x02, "")},          {4, der::Integer(1 << 24)},
@@ -275,6 +350,12 @@ TEST(WhatIsUnusual, IsJudgedByTheLibraryToo) {
   EXPECT_EQ(wants(Der(0x30, der::Integer(18) + der::Integer(17))), std::nullopt);
   EXPECT_EQ(wants("z"), kMalformed);
   EXPECT_EQ(wants(Der(0x30, "z")), kMalformed);
+  EXPECT_EQ(wants(Der(0x30, der::Integer(18)) + "z"), kMalformed);
+  EXPECT_EQ(Refused([](ForgedToken& token) {
+              token.of_authenticator[8] = AuthorizationData(128, "of another");
+            }),
+            std::nullopt)
+      << "a client's PAC says nothing";
   const auto has_options = [](const std::string& options) {
     return Refused(
         [&](ForgedToken& token) { token.of_authenticator[8] = AuthorizationData(143, options); });

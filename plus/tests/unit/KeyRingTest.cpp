@@ -138,6 +138,65 @@ TEST(AKeytab, IsReadAgainUntilAChangeWouldShow) {
   krb5_free_context(context);
 }
 
+// Of one size all the time.
+TEST(AKeytab, ThatChangesInAnyWayIsReadAgain) {
+  const Service service;
+  const std::string path = service.settings / "changing";
+  std::string bytes[2];
+  for (const krb5_kvno version : {1U, 2U}) {
+    AddKey(path, WithKey("Key.1", version));
+    bytes[version - 1] = FileBytes(path);
+    std::filesystem::remove(path);
+  }
+  const auto then = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+  const auto write = [&](int which, std::chrono::seconds later) {
+    std::ofstream(path) << bytes[which];
+    std::filesystem::last_write_time(path, then + later);
+  };
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+  std::string error;
+  write(0, {});
+  KeyStore store(path, {});
+  ASSERT_TRUE(store.Open(context, error)) << error;
+  std::shared_ptr<const KeyRing> last = store.Current(context).now;
+  const auto read_again = [&] {
+    const auto ring = store.Current(context, true).now;
+    return std::exchange(last, ring) != ring;
+  };
+
+  write(1, {});  // neither its size nor its modification time tell
+  EXPECT_TRUE(read_again());
+  write(0, std::chrono::seconds(1));
+  EXPECT_TRUE(read_again());
+  std::filesystem::rename(path, path + ".before");
+  write(1, std::chrono::seconds(1));
+  EXPECT_TRUE(read_again());
+  krb5_free_context(context);
+}
+
+TEST(AKeytab, WithoutAKeyRefusesItsTicketsThreeSecondsLater) {
+  Service service;
+  service.options.replay_protection = false;
+  AddKey(service.options.keytab, WithKey("Next.1", 2));
+  const std::string path = service.settings / "one";
+  AddKey(path, WithKey("Next.1", 2));
+  const auto acceptor = service.Make();
+  std::filesystem::rename(path, service.options.keytab);
+  const auto start = std::chrono::steady_clock::now();
+  const std::string of_old_key = Token(WithKey("Secret.1", 1));
+  const std::string of_key = Token(WithKey("Next.1", 2));
+
+  while (acceptor->Accept(of_old_key) &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
+  }
+
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took, std::chrono::seconds(3));
+  EXPECT_LT(took, std::chrono::seconds(20));
+  EXPECT_TRUE(acceptor->Accept(of_key));
+}
+
 TEST(AKeytab, ThatSomebodyLocksHoldsUpOneThread) {
   const Service service;
   const auto acceptor = service.Make();
@@ -189,6 +248,13 @@ TEST(AKeyRing, HoldsTheKeysThatCountAlone) {
     const auto ring = KeyRing::Read(context, service.options.keytab, filter, error);
     return ring && ring->Candidates(version, kAes256Sha1).size() == 1;
   };
+
+  const auto ring = [&](const std::string& realm) {
+    return KeyRing::Read(context, service.options.keytab, {"OTHER$", realm}, error);
+  };
+  AddKey(service.options.keytab, WithKey("Other.1", 6));
+  EXPECT_TRUE(*ring("") == *ring("CORP.EXAMPLE.COM"));
+  EXPECT_FALSE(*ring("") == *ring("OTHER.EXAMPLE.COM"));
 
   EXPECT_TRUE(has({"OTHER$", ""}, 5));
   EXPECT_TRUE(has({"OTHER$@CORP.EXAMPLE.COM", ""}, 5));

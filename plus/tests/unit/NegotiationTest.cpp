@@ -160,10 +160,26 @@ TEST_F(ANegotiation, OfAMutualClientEndsWithItsSignature) {
   EXPECT_THAT(log.Lines(), ElementsAre(StartsWith("2 krb-acceptor Accept: Accepted alice@")));
 }
 
+// RFC 4121, 4.2.2: the flag says that the reply has a key.
+TEST_F(ANegotiation, IsSignedWithAKeyOfTheReplyOnlyWhenThatHasOne) {
+  const auto flags_of_signature = [&](bool mutual, bool subkey) {
+    negotiation = Negotiation();
+    ForgedToken client;
+    client.ticket.options = mutual ? AP_OPTS_MUTUAL_REQUIRED : 0;
+    if (subkey) client.of_authenticator[6] = KeyField(kAes256Sha1, 32);
+    Accept(first_token);
+    return Part(Accept(Response(Offer(client.Bytes()))).reply, 3).substr(0, 3);
+  };
+
+  EXPECT_EQ(flags_of_signature(true, true), "\4\4\5");
+  EXPECT_EQ(flags_of_signature(true, false), "\4\4\1");
+  EXPECT_EQ(flags_of_signature(false, true), "\4\4\1");
+}
+
 TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {
   for (const std::string& last :
-       {Response(Signature(std::string(28, 'x'))), Response(""), std::string("nonsense"),
-        Response(Offer(Token(TicketWithPac())))}) {
+       {Response(Signature(std::string(28, 'x'))), Response(Signature("x")), Response(""),
+        std::string("nonsense"), Response(Offer(Token(TicketWithPac())))}) {
     TicketHolder client(TicketWithPac());
     Accept(first_token);
     const Acceptance second = Accept(Response(Offer(client.Step())));

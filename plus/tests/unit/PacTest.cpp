@@ -108,6 +108,49 @@ TEST(APac, CutOffAnywhereIsRefused) {
   EXPECT_EQ(wrong({info, upn, delegation, {}, requestor}), "");
 }
 
+// Behind 24 bytes of lengths and offsets: 6 of the UPN, 2 of the domain, 2 of the name, the SID.
+TEST(APac, WhoseNamesAreNoTextIsRefused) {
+  const std::string info = ValidationInfo({});
+  const std::string upn = UpnDnsInfo("a@b", "B", 2, "a", kUser);
+  const auto wrong = [&](std::size_t at, char value) {
+    std::string changed = upn;
+    changed[at] = value;
+    return Decoded({info, changed, {}, {}, {}}).wrong;
+  };
+
+  EXPECT_EQ(wrong(24, 'x'), "");
+  for (const std::size_t at : {25U, 31U, 33U})  // half of a surrogate pair
+    EXPECT_EQ(wrong(at, '\xDC'), "its UPN and DNS information does not add up") << at;
+  EXPECT_EQ(wrong(34, '\2'), "its parts name two users") << "no identifier of revision 1";
+}
+
+TEST(AnNdrReader, TakesNothingBehindTheEnd) {
+  const auto fails = [](const std::string& bytes, int skipped) {
+    NdrReader reader(bytes);
+    for (int i = 0; i < skipped; ++i)
+      reader.Take8();
+    reader.Take32();
+    return !reader.Ok();
+  };
+  const auto text_fails = [](std::uint32_t size, std::uint32_t room, bool present) {
+    const std::string bytes = NdrWriter().Put16(size).Put16(room).PutPointer(present).Bytes();
+    NdrReader reader(bytes);
+    reader.TakeText();
+    return !reader.Ok();
+  };
+
+  EXPECT_FALSE(fails(std::string(4, 'x'), 0));
+  EXPECT_FALSE(fails(std::string(8, 'x'), 1)) << "aligned";
+  EXPECT_TRUE(fails(std::string(3, 'x'), 0));
+  EXPECT_TRUE(fails(std::string(3, 'x'), 1)) << "the next number would begin behind the end";
+  EXPECT_TRUE(fails(std::string(7, 'x'), 1));
+  EXPECT_FALSE(text_fails(0, 0, false));
+  EXPECT_FALSE(text_fails(2, 2, true));
+  EXPECT_TRUE(text_fails(2, 2, false));
+  EXPECT_TRUE(text_fails(2, 1, true));
+  EXPECT_TRUE(text_fails(1, 2, true));
+}
+
 // Each number of the structure made very large, or its pointer null, in turn: never more than a
 // refusal, or other values. Sanitizers look on.
 TEST(APac, OfAnyNumbersIsReadWithinItsBounds) {
@@ -147,6 +190,10 @@ TEST(APac, ThatDoesNotAddUpIsRefused) {
   EXPECT_EQ(wrong(in_nothing), "its validation information does not add up");
   const std::string of_another = UpnDnsInfo("a@b", "B", 2, "a", "S-1-5-21-1-2-3-1106");
   EXPECT_EQ(Decoded({info, of_another, {}, {}, {}}).wrong, "its parts name two users");
+  of_a_long_domain.groups.clear();
+  EXPECT_EQ(wrong(of_a_long_domain), "its domain has too long an identifier");
+  EXPECT_EQ(Decoded({info, {}, {}, std::string(8, '\0'), {}}).wrong,
+            "its attributes do not add up");
   const std::string another = Sid::FromText("S-1-5-21-1-2-3-1106")->ToBytes();
   EXPECT_EQ(Decoded({info, {}, {}, {}, another}).wrong, "another one asked for it");
 }
@@ -194,6 +241,7 @@ TEST(Utf16Text, BecomesUtf8OrNothing) {
   EXPECT_EQ(text("\0\0"sv), "(none)");
   EXPECT_EQ(text("\x3D\xD8"), "(none)");
   EXPECT_EQ(text("\x3D\xD8z\0"sv), "(none)");
+  EXPECT_EQ(text("\x3D\xD8\x00\xE0"sv), "(none)");
   EXPECT_EQ(text("\x00\xDE"sv), "(none)");
 }
 

@@ -142,10 +142,16 @@ TEST_F(AReplayCache, KeepsToTheSizeThatItFound) {
   const auto cache = Open();
   std::fstream file(path_, std::ios::in | std::ios::out);
   file.seekp(8) << std::string(8, '\0') << std::flush;  // no records, it says now
+  EXPECT_FALSE(Open());
+  file.seekp(8) << std::string("\0\0\0\x80\0\0\0\0", 8) << std::flush;  // 2^31
+  EXPECT_FALSE(Open());
+  file.seekp(8) << std::string("\0\4\0\0\0\0\0\0", 8) << std::flush;  // 1,024
+  EXPECT_TRUE(Open());
+  file.seekp(0) << 'x' << std::flush;
+  EXPECT_FALSE(Open());
 
   EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kNew);
   EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kSeen);
-  EXPECT_FALSE(Open());
 }
 
 TEST_F(AReplayCache, IsOfItsOwnerAlone) {
@@ -175,6 +181,11 @@ TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
   EXPECT_THAT(error_, HasSubstr("not a replay file"));
   std::filesystem::resize_file(path_, 0);
   EXPECT_FALSE(Open());
+  std::filesystem::remove(path_);
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(error_, HasSubstr("not a file of this user's alone"));
+  std::filesystem::remove(path_);
   std::ofstream(path_) << std::string(4096 + 1024 * 8, 'x');
   EXPECT_FALSE(Open());
   path_ = folder_ / "none/replay";

@@ -76,6 +76,13 @@ TEST(AnInitialToken, IsWhatItsFramingSays) {
       {Negotiation(kList + Field(1, der::kBitString, std::string("\x00\x40", 2)) + kOfKerberos +
                    Field(3, der::kOctetString, "mic")),
        Kind::kKerberos},
+      {Negotiation(kList + Field(2, der::kOctetString, Kerberos(kKerberosOid, "request"))),
+       Kind::kMalformed},
+      {Negotiation(Field(0, der::kSequence, Oid(kNtlmOid) + Oid("\x2a\x03"))), Kind::kNtlm},
+      {Value(der::Application(0), Oid(kSpnegoOid) + Value(Context(1), "")), Kind::kMalformed},
+      {Value(der::Application(0),
+             Oid(kSpnegoOid) + Field(0, der::kSequence, kList + kOfKerberos) + "x"),
+       Kind::kMalformed},
       {Negotiation(""), Kind::kMalformed},
       {Negotiation(kOfKerberos), Kind::kMalformed},
       {Negotiation(Field(0, der::kSequence, "") + kOfKerberos), Kind::kMalformed},
