@@ -239,7 +239,9 @@ TEST(ATime, IsThatOfTheCalendar) {
       copy.tm_hour = 23;
       copy.tm_min = 59;
       copy.tm_sec = 58;
-      ASSERT_EQ(read(text), timegm(&copy)) << text;
+      const std::time_t time = timegm(&copy);
+      if (time == -1) continue;  // beyond a clock of 32 bits
+      ASSERT_EQ(read(text), time) << text;
     }
   }
   EXPECT_EQ(read("20240229000000Z"), 1709164800);
