@@ -219,12 +219,11 @@ krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* rea
 
 // One message and its answer over TCP (RFC 4120, 7.2.2). Leaves `errno` when it fails.
 bool Kdc::Exchange(std::uint16_t port, std::string_view message, std::uint32_t largest,
-                   std::string& reply, Address* local) const {
+                   std::string& reply) const {
   Address address = address_;
   address.SetPort(port);
   Socket socket;
   if (!socket.Connect(address, deadline_)) return false;
-  if (local != nullptr && !socket.LocalAddress(*local)) return false;
 
   std::uint32_t size = htonl(static_cast<std::uint32_t>(message.size()));
   std::string framed(reinterpret_cast<const char*>(&size), sizeof size);

@@ -83,7 +83,7 @@ class Kdc {
   static krb5_error_code Send(krb5_context context, void* self, const krb5_data* realm,
                               const krb5_data* message, krb5_data** new_message, krb5_data** reply);
   bool Exchange(std::uint16_t port, std::string_view message, std::uint32_t largest,
-                std::string& reply, Address* local = nullptr) const;
+                std::string& reply) const;
 
   const std::string& realm_;
   const Controller& controller_;

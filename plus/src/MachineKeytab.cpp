@@ -199,25 +199,30 @@ void MachineKeytab::DropNew() {
   new_ = -1;
 }
 
-// Makes an empty keytab. One that somebody else has made meanwhile is as good, and so is one
-// without a byte, which is what an end in the middle leaves.
+// Makes an empty keytab, at the end of a link as well. One that somebody else has made meanwhile is
+// as good, and so is one without a byte, which is what an end in the middle leaves.
 Failure MachineKeytab::Create() const {
-  const int file = open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (file == -1) return errno == EEXIST ? Failure() : FileFailure(path_, errno);
+  const int file = open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file == -1) return FileFailure(path_, errno);
   Failure failure;
-  if (!WriteAll(file, kVersion)) failure = FileFailure(path_, errno);
+  struct stat made {};
+  if (fstat(file, &made) == -1 || (made.st_size == 0 && !WriteAll(file, kVersion))) {
+    failure = FileFailure(path_, errno);
+  }
   close(file);
   return failure;
 }
 
 Failure MachineKeytab::Hold(const Deadline& deadline) {
   if (path_.empty()) return {Cause::kBadArgument, "The keytab has no path"};
-  path_ = WithoutLinks(path_);
-  new_path_ = path_ + ".new";
-  for (;;) {
+  const std::string given = path_;
+  for (bool is_made = false;;) {
+    path_ = WithoutLinks(given);
+    new_path_ = path_ + ".new";
     held_ = open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-    if (held_ == -1 && errno == ENOENT) {
+    if (held_ == -1 && errno == ENOENT && !is_made) {
       if (Failure failure = Create()) return failure;
+      is_made = true;
       continue;
     }
     if (held_ == -1) return FileFailure(path_, errno);
@@ -318,24 +323,24 @@ Failure MachineKeytab::Replace(std::vector<KeytabKey> keys, const Deadline& dead
     return failure;
   }
 
-  const struct stat before = status_;
   const auto is_unchanged = [&] {
     struct stat now {};
-    return fstat(held_, &now) == 0 && now.st_size == before.st_size &&
-           now.st_mtim.tv_sec == before.st_mtim.tv_sec &&
-           now.st_mtim.tv_nsec == before.st_mtim.tv_nsec;
+    return fstat(held_, &now) == 0 && now.st_size == status_.st_size &&
+           now.st_mtim.tv_sec == status_.st_mtim.tv_sec &&
+           now.st_mtim.tv_nsec == status_.st_mtim.tv_nsec;
   };
   struct flock exclusive {};
   exclusive.l_type = F_WRLCK;
   const auto lock = [&] { return fcntl(held_, F_OFD_SETLK, &exclusive); };
   Failure failure = AwaitLock(path_, deadline, lock);
-  if (!failure && !is_unchanged()) {
+  while (!failure && !is_unchanged()) {
     std::vector<KeytabKey> now;
     failure = Load(held_, deadline, now);  // which gives the lock up
     for (KeytabKey& key : now) {
-      const bool is_new = std::none_of(keys_.begin(), keys_.end(),
-                                       [&](const KeytabKey& known) { return known == key; });
-      if (is_new) keys.push_back(std::move(key));
+      const auto is_key = [&](const KeytabKey& known) { return known == key; };
+      if (std::any_of(keys_.begin(), keys_.end(), is_key)) continue;
+      keys.push_back(key.Copy());
+      keys_.push_back(std::move(key));
     }
     if (!failure && !WriteNew(keys)) failure = FileFailure(new_path_, errno);
     if (!failure) failure = AwaitLock(path_, deadline, lock);

@@ -31,6 +31,7 @@ bool Socket::Await(std::int16_t event, const Deadline& deadline) {
 }
 
 bool Socket::Connect(const Address& address, const Deadline& deadline) {
+  if (descriptor_ != -1) close(descriptor_);
   descriptor_ = socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor_ == -1) return false;
   const int on = 1;
@@ -80,12 +81,6 @@ bool Socket::WriteAll(const void* bytes, std::size_t size, const Deadline& deadl
     size -= static_cast<std::size_t>(count);
   }
   return true;
-}
-
-bool Socket::LocalAddress(Address& address) const {
-  address.size = sizeof address.storage;
-  return getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address.storage), &address.size) ==
-         0;
 }
 
 }  // namespace tavrel::plus

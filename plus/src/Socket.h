@@ -33,6 +33,7 @@ class Socket {
   }
   ~Socket();
 
+  // Ends the connection that there was, if any.
   bool Connect(const Address& address, const Deadline& deadline);
   // At least one byte, 0 when the peer has closed.
   ssize_t Read(void* bytes, std::size_t most, const Deadline& deadline);
@@ -42,8 +43,6 @@ class Socket {
   int Descriptor() const { return descriptor_; }
   // Leaves the descriptor to somebody else.
   void Release() { descriptor_ = -1; }
-  // This side's address; false when there is none.
-  bool LocalAddress(Address& address) const;
 
  private:
   bool Await(std::int16_t event, const Deadline& deadline);

@@ -11,10 +11,24 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace tavrel::plus::tests {
+namespace {
+
+std::function<void()> on_fsync;  // what else happens when a file has been written
+
+}  // namespace
+}  // namespace tavrel::plus::tests
+
+extern "C" int fsync(int /*file*/) {
+  if (tavrel::plus::tests::on_fsync) tavrel::plus::tests::on_fsync();
+  return 0;
+}
 
 namespace tavrel::plus::tests {
 namespace {
@@ -173,6 +187,43 @@ TEST_F(MachineKeytabFile, KeepsAKeyThatAProgramOfLibkrb5AddedMeanwhile) {
 
   EXPECT_THAT(AsKerberosReads(),
               ElementsAre("BOX$@CORP.EXAMPLE.COM version 2", "OTHER$@CORP.EXAMPLE.COM version 7"));
+}
+
+TEST_F(MachineKeytabFile, KeepsEveryKeyThatOthersAddWhileItIsWritten) {
+  MachineKeytab keytab(path);
+  ASSERT_FALSE(keytab.Hold(deadline));
+  std::uint32_t added = 0;
+  on_fsync = [&] {
+    if (added == 3) return;
+    std::vector<KeytabKey> keys;
+    for (std::uint32_t version = 1; version <= added + 1; ++version)
+      keys.push_back(Key("OTHER$", version));
+    ++added;
+    std::ofstream(path, std::ios::binary) << FormatKeytab(keys).View();
+  };
+
+  const Failure failure = keytab.Replace(List(Key("BOX$", 1)), deadline);
+  on_fsync = nullptr;
+
+  EXPECT_FALSE(failure);
+  EXPECT_THAT(
+      AsKerberosReads(),
+      ElementsAre("BOX$@CORP.EXAMPLE.COM version 1", "OTHER$@CORP.EXAMPLE.COM version 1",
+                  "OTHER$@CORP.EXAMPLE.COM version 2", "OTHER$@CORP.EXAMPLE.COM version 3"));
+}
+
+TEST_F(MachineKeytabFile, IsMadeWhereALinkLeads) {
+  std::filesystem::create_symlink("real.keytab", path);
+  MachineKeytab keytab(path);
+
+  EXPECT_FALSE(keytab.Hold(Deadline(std::chrono::seconds(1))));
+  EXPECT_FALSE(keytab.Replace(List(Key("BOX$", 1)), deadline));
+
+  EXPECT_TRUE(std::filesystem::is_symlink(path));
+  EXPECT_EQ(AsKerberosReads().size(), 1U);
+  std::filesystem::remove(path);
+  std::filesystem::create_symlink("no/real.keytab", path);
+  EXPECT_EQ(MachineKeytab(path).Hold(Deadline(std::chrono::seconds(1))).cause, Cause::kKeytab);
 }
 
 TEST_F(MachineKeytabFile, StaysAsItWasWhenItCannotBeReplaced) {
