@@ -24,19 +24,23 @@ constexpr int kTargetOffset = 6;       // behind priority, weight and port (RFC 
 class ImpatientResolver {
  public:
   explicit ImpatientResolver(const Deadline& deadline)
-      : is_ready_(InitOnce()), retrans_(_res.retrans), retry_(_res.retry) {
+      : is_ready_(InitOnce()), retrans_(_res.retrans), retry_(_res.retry), nscount_(_res.nscount) {
     constexpr int kMostPatient = 5;
     // All servers are asked for so long, and then all of them together for twice that.
-    const auto half = std::chrono::duration_cast<std::chrono::seconds>(deadline.Left()) / 2;
-    const auto patience = static_cast<int>(half.count()) / (_res.nscount + 2);
+    const auto left = std::chrono::duration_cast<std::chrono::seconds>(deadline.Left());
+    const auto patience = static_cast<int>((left / 2).count()) / (_res.nscount + 2);
     _res.retrans = std::clamp(patience, 1, kMostPatient);
     _res.retry = patience >= 1 ? 2 : 1;
+    // Where there is no time for all, the first have it; the others stay behind them.
+    timely_ = std::max(1, static_cast<int>(left.count()));
+    if (timely_ < nscount_) _res.nscount = timely_;
   }
   ImpatientResolver(const ImpatientResolver&) = delete;
   ImpatientResolver& operator=(const ImpatientResolver&) = delete;
   ~ImpatientResolver() {
     _res.retrans = retrans_;
     _res.retry = retry_;
+    if (timely_ < nscount_) _res.nscount = nscount_;
   }
   bool IsReady() const { return is_ready_; }
 
@@ -46,6 +50,8 @@ class ImpatientResolver {
   bool is_ready_;
   int retrans_;
   int retry_;
+  int nscount_;
+  int timely_ = 0;
 };
 
 // Asks once more, as long as there is time, when nothing came: a name server that is busy may

@@ -264,6 +264,8 @@ Failure Directory::BindKerberos(Kdc& kdc, krb5_ccache cache, const std::string& 
 
 Failure Directory::BindSimple(const std::string& name, const Secret& password,
                               const std::string& ca_file) {
+  // With none a server lets everybody in, as nobody (RFC 4513, 5.1.2).
+  if (password.Empty()) return {Cause::kBadCredentials, "There is no password"};
   const int demand = LDAP_OPT_X_TLS_DEMAND;
   const int client = 0;
   int code = ldap_set_option(handle_, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);

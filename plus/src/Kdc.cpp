@@ -18,8 +18,9 @@ constexpr std::uint16_t kKdcPort = 88;
 constexpr std::uint16_t kPasswordPort = 464;
 constexpr std::uint32_t kLargestReply = 1U << 20U;
 constexpr std::size_t kLargestSalt = 1024;
-constexpr std::uint32_t kMostRounds = 1U << 18U;  // 64 times what is usual
-constexpr krb5_deltat kTicketLife = 600;          // longer than any operation needs it
+constexpr std::uint32_t kFewestRounds = 1U << 12U;  // as is usual: with less, guessing gets cheaper
+constexpr std::uint32_t kMostRounds = 1U << 18U;
+constexpr krb5_deltat kTicketLife = 600;  // longer than any operation needs it
 constexpr krb5_deltat kLargestSkew = 300;
 
 using KrbInitOptions =
@@ -30,7 +31,7 @@ using KrbCredentials = std::unique_ptr<krb5_creds, KrbFree<krb5_free_creds>>;
 using KrbAuth = std::unique_ptr<struct _krb5_auth_context, KrbFree<krb5_auth_con_free>>;
 using KrbContents = std::unique_ptr<krb5_data, KrbFree<krb5_free_data_contents>>;
 
-// The machine's settings, but for what says where the realm's KDC is.
+// The machine's settings, but for what says where the realm's KDC is and how it names a client.
 struct PinnedProfile {
   int owners = 1;
   profile_t machine = nullptr;
@@ -57,6 +58,8 @@ errcode_t GetValues(void* data, const char* const* names, char*** values) {
     *values = Values(pinned.kdc);
     return *values != nullptr ? 0 : ENOMEM;
   }
+  // A client is known by the name that it has here, however the directory spells it.
+  if (is(0, "libdefaults") && is(1, "canonicalize")) return PROF_NO_RELATION;
   char** found = nullptr;
   const errcode_t code = profile_get_values(pinned.machine, names, &found);
   if (code != 0) return code;
@@ -98,6 +101,9 @@ struct Meaning {
 };
 const Meaning kMeanings[] = {
     {KRB5_PARSE_MALFORMED, Cause::kBadArgument},
+    {KRB5_CC_UNKNOWN_TYPE, Cause::kBadArgument},
+    {KRB5_KT_UNKNOWN_TYPE, Cause::kBadArgument},
+    {KRB5_PREAUTH_FAILED, Cause::kRefused},
     {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, Cause::kBadCredentials},
     {KRB5KDC_ERR_PREAUTH_FAILED, Cause::kBadCredentials},
     {KRB5KDC_ERR_WRONG_REALM, Cause::kBadCredentials},
@@ -107,6 +113,7 @@ const Meaning kMeanings[] = {
     {KRB5_CC_NOTFOUND, Cause::kBadCredentials},
     {KRB5_FCC_NOFILE, Cause::kBadCredentials},
     {KRB5_KDC_UNREACH, Cause::kUnreachable},
+    {KRB5KDC_ERR_SVC_UNAVAILABLE, Cause::kUnreachable},
     {KRB5KDC_ERR_CLIENT_REVOKED, Cause::kCredentialsBarred},
     {KRB5KDC_ERR_CLIENT_NOTYET, Cause::kCredentialsBarred},
     {KRB5KDC_ERR_KEY_EXP, Cause::kCredentialsBarred},
@@ -127,19 +134,24 @@ const Meaning kMeanings[] = {
     {KRB5KRB_AP_ERR_BADVERSION, Cause::kProtocol},
 };
 
-// The number of rounds (RFC 3962), which the KDC chooses and this side has to go; 0 stands for
-// 2^32.
+// The number of rounds (RFC 3962), which whoever answers for the KDC chooses and this side has to
+// go; 0 stands for 2^32.
 bool IsModest(const std::string& parameters) {
   if (parameters.empty()) return true;
   std::uint32_t rounds = 0;
   if (parameters.size() != sizeof rounds) return false;
   std::memcpy(&rounds, parameters.data(), sizeof rounds);
   rounds = ntohl(rounds);
-  return rounds != 0 && rounds <= kMostRounds;
+  return rounds >= kFewestRounds && rounds <= kMostRounds;
 }
 
 bool IsAsn1Error(krb5_error_code code) {
   return code >= ASN1_BAD_TIMEFORMAT && code < ASN1_BAD_TIMEFORMAT + 256;
+}
+
+// Of the codes that a KDC can answer with (RFC 4120, 7.5.9).
+bool IsOfProtocol(krb5_error_code code) {
+  return code >= KRB5KDC_ERR_NONE && code < KRB5KDC_ERR_NONE + 128;
 }
 
 std::uint16_t Number16(std::string_view bytes, std::size_t at) {
@@ -247,7 +259,9 @@ Failure Kdc::Explain(krb5_error_code code) const {
     if (error_ == EMSGSIZE) failure.cause = Cause::kProtocol;
     return failure;
   }
-  Cause cause = IsAsn1Error(code) ? Cause::kProtocol : Cause::kLibrary;
+  Cause cause = IsAsn1Error(code)    ? Cause::kProtocol
+                : IsOfProtocol(code) ? Cause::kRefused
+                                     : Cause::kLibrary;
   for (const Meaning& meaning : kMeanings) {
     if (meaning.code == code) cause = meaning.cause;
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <ctime>
 #include <list>
@@ -35,8 +36,10 @@ constexpr std::uint32_t kWorkstationTrustAccount = 0x1000;
 constexpr std::uint32_t kDesKeysOnly = 0x200000;
 
 constexpr std::size_t kLongestAccountName = 15;
-constexpr std::size_t kMostShares = 3;  // of the time, however many controllers there are
+constexpr std::size_t kMostShares = 3;    // of the time, however many controllers there are
+constexpr std::size_t kMostRefusals = 3;  // of keys, each a failed logon: too many lock an account
 constexpr std::chrono::seconds kLargestSkew{300};
+constexpr std::chrono::seconds kLongestLife{1U << 31U};  // of a ticket
 
 const std::vector<std::string> kAttributes = {"objectClass",
                                               "userAccountControl",
@@ -176,6 +179,7 @@ struct Membership::Settings {
   MembershipOptions options;
   std::string account_name;  // without its "$"
   std::string dns_name;
+  std::vector<Controller> controllers;  // those given
   std::string wrong;  // what the caller gave that cannot be used; empty when all can
 
   std::string Principal() const { return account_name + "$@" + realm; }
@@ -184,10 +188,14 @@ struct Membership::Settings {
            (options.container.empty() ? "CN=Computers," + base : options.container);
   }
   std::vector<std::string> ServiceNames() const {
-    std::vector<std::string> names = {"HOST/" + Upper(dns_name.substr(0, dns_name.find('.'))),
-                                      "HOST/" + dns_name};
+    std::vector<std::string> names = {"HOST/" + Upper(dns_name.substr(0, dns_name.find('.')))};
+    const auto add = [&](const std::string& service) {
+      const std::string name = service + '/' + dns_name;
+      if (!Contains(names, name)) names.push_back(name);
+    };
+    add("HOST");
     for (const std::string& service : options.services)
-      names.push_back(service + '/' + dns_name);
+      add(service);
     return names;
   }
   std::uint32_t EncryptionTypes() const {
@@ -236,6 +244,7 @@ class Membership::Operation {
   Failure ConnectTo(Session& session);
   Failure SignIn(Session& session);
   Failure SignInAsMachine(Session& session, const char* service, KrbCache& cache);
+  Failure SignInAgain(Session& session, const char* service, KrbCache& cache);
   Failure LookUp(Session& session, const std::string& base, int scope, const std::string& filter,
                  std::optional<Entry>& account);
   Failure LookUp(Session& session, std::optional<Entry>& account);
@@ -315,14 +324,7 @@ Result Membership::Operation::Run(Body body, bool is_held) {
   }
 
   step_ = Step::kDiscovery;
-  std::vector<Controller> controllers;
-  for (const std::string& name : settings_.options.controllers) {
-    Controller controller;
-    if (!ParseController(name, controller)) {
-      return Ended({Cause::kBadArgument, "No name of a controller: " + name});
-    }
-    controllers.push_back(std::move(controller));
-  }
+  std::vector<Controller> controllers = settings_.controllers;
   if (controllers.empty()) {
     Failure failure = FindControllers(settings_.domain, settings_.options.site, end_, controllers);
     if (failure) return Ended(std::move(failure));
@@ -419,16 +421,31 @@ Failure Membership::Operation::SignInAsMachine(Session& session, const char* ser
   Failure failure(Cause::kBadCredentials, "The keytab has no key of the machine");
   session.version.reset();
   const std::set<std::uint32_t> versions = Versions();
+  std::size_t refusals = 0;
   for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
     failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), service, cache);
     if (!failure) session.version = *version;
     if (failure.cause != Cause::kBadCredentials && failure.cause != Cause::kNoEncryptionType) {
       return failure;
     }
+    if (failure.cause == Cause::kBadCredentials && ++refusals == kMostRefusals) break;
   }
   if (credentials_.kind != Credentials::Data::Kind::kOneTimePassword) return failure;
   return session.kdc.SignIn(session.machine.get(), credentials_.password,
                             TypesOf(settings_.EncryptionTypes()), service, cache);
+}
+
+// With what the machine has signed in with before: what was refused then is not tried again.
+Failure Membership::Operation::SignInAgain(Session& session, const char* service, KrbCache& cache) {
+  Kdc& kdc = session.kdc;
+  if (session.version) {
+    return kdc.SignIn(session.machine.get(), KeysOf(*session.version), service, cache);
+  }
+  if (credentials_.kind == Credentials::Data::Kind::kOneTimePassword) {
+    return kdc.SignIn(session.machine.get(), credentials_.password,
+                      TypesOf(settings_.EncryptionTypes()), service, cache);
+  }
+  return SignInAsMachine(session, service, cache);
 }
 
 // --- the account ---------------------------------------------------------------------------------
@@ -567,7 +584,7 @@ Failure Membership::Operation::ChangeOwnPassword(Session& session, const Secret&
   step_ = Step::kPassword;
   is_unknown = false;
   KrbCache cache;
-  if (Failure failure = SignInAsMachine(session, "kadmin/changepw", cache)) return failure;
+  if (Failure failure = SignInAgain(session, "kadmin/changepw", cache)) return failure;
   Failure failure = session.kdc.ChangePassword(cache.get(), password, is_unknown);
   if (!failure) changed_ = true;
   return failure;
@@ -617,6 +634,7 @@ Failure Membership::Operation::FindWorking(Session& session, const std::vector<k
   const std::set<std::uint32_t> versions = Versions();
   for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
     if (!Fits(*version, types) || refused_.count(*version) != 0) continue;
+    if (refused_.size() >= kMostRefusals) break;
     // Each key was used when it was written, so the strongest speaks for all.
     Failure failure = session.kdc.SignIn(session.machine.get(), KeysOf(*version), service, cache);
     if (!failure) {
@@ -631,11 +649,12 @@ Failure Membership::Operation::FindWorking(Session& session, const std::vector<k
   return {};
 }
 
-// Appends the machine's keys of versions below `below` that a ticket may still need, the newest
-// first, and then the keys of others.
+// Appends the machine's earlier keys that a ticket may still need, the newest first, and then the
+// keys of others. What was never in force goes. An earlier version that is not below `below`, of an
+// account that was made anew say, gets a number that is, as long as there is one.
 void Membership::Operation::AppendOld(std::uint32_t below, std::vector<KeytabKey>& keys) const {
-  const std::uint32_t life =
-      static_cast<std::uint32_t>((settings_.options.ticket_lifetime + kLargestSkew).count());
+  const std::int64_t life =
+      (std::min(settings_.options.ticket_lifetime, kLongestLife) + kLargestSkew).count();
   const std::uint32_t now = Now();
   // A key was in use until the first of a later version was written.
   std::uint32_t replaced = now;
@@ -644,13 +663,25 @@ void Membership::Operation::AppendOld(std::uint32_t below, std::vector<KeytabKey
   };
   for (const KeytabKey& key : keys)
     note(key);
+  const std::size_t newest = keys.size();
+  const auto is_earlier = [&](const KeytabKey& key, std::uint32_t version) {
+    return IsMachines(key) && key.version == version && (key.written != 0 || version < below) &&
+           std::none_of(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(newest),
+                        [&](const KeytabKey& other) {
+                          return other.type == key.type && other.key.View() == key.key.View();
+                        });
+  };
   const std::set<std::uint32_t> versions = Versions();
-  for (auto version = versions.rbegin(); version != versions.rend(); ++version) {
-    if (*version >= below) continue;
-    const bool is_over = now - replaced > life;
+  std::uint32_t above = below;
+  for (auto version = versions.rbegin(); version != versions.rend() && above > 1; ++version) {
+    const bool is_over = std::int64_t{now} - replaced > life;
+    const std::uint32_t number = std::min(*version, above - 1);
     for (const KeytabKey& key : keytab_.Keys()) {
-      if (!IsMachines(key) || key.version != *version) continue;
-      if (!is_over) keys.push_back(key.Copy());
+      if (!is_earlier(key, *version)) continue;
+      above = number;
+      if (is_over) continue;
+      keys.push_back(key.Copy());
+      keys.back().version = number;
     }
     for (const KeytabKey& key : keytab_.Keys()) {
       if (IsMachines(key) && key.version == *version) note(key);
@@ -697,17 +728,8 @@ Failure Membership::Operation::Settle(Session& session, std::uint32_t version,
     return IsMachines(key) && key.version == version;
   });
   if (is_newest && of_version->written != 0) return {};
-  const std::vector<MachineKey> keys = KeysOf(version);
-  std::vector<KeytabKey> content =
-      Kept(in_force, keys, of_version->written != 0 ? of_version->written : Now());
-  if (version != in_force) {  // and not once more under their old number
-    content.erase(std::remove_if(content.begin(), content.end(),
-                                 [&](const KeytabKey& key) {
-                                   return IsMachines(key) && key.version == version;
-                                 }),
-                  content.end());
-  }
-  return Write(std::move(content), session);
+  const std::uint32_t written = of_version->written != 0 ? of_version->written : Now();
+  return Write(Kept(in_force, KeysOf(version), written), session);
 }
 
 Failure Membership::Operation::SettleEnrolled(Session& session, const Entry& account,
@@ -808,20 +830,22 @@ Failure Membership::Operation::RotateAt(Session& session) {
   std::optional<Entry> account;
   if (Failure failure = LookUp(session, account)) return failure;
   if (!account) return {Cause::kNoAccount, "The account has gone"};
-  const auto in_force = ToNumber<std::uint32_t>(account->First("msds-keyversionnumber"));
-  if (in_force == 0) return {Cause::kProtocol, "The directory tells no version of the keys"};
   std::vector<krb5_enctype> types =
       TypesOf(ToNumber<std::uint32_t>(account->First("msds-supportedencryptiontypes")));
   if (types.empty()) types = TypesOf(settings_.EncryptionTypes());
-
-  // The keys that work are the newest, whatever an earlier run has left behind.
-  if (Failure failure = Settle(session, *session.version, in_force)) return failure;
   return Renew(session, *account, types);
 }
 
 // Changes the machine's own password.
 Failure Membership::Operation::Renew(Session& session, const Entry& account,
                                      const std::vector<krb5_enctype>& types) {
+  const auto in_force = ToNumber<std::uint32_t>(account.First("msds-keyversionnumber"));
+  if (in_force == 0) return {Cause::kProtocol, "The directory tells no version of the keys"};
+  // The keys that work are the newest, whatever an earlier run has left behind.
+  if (session.version) {
+    if (Failure failure = Settle(session, *session.version, in_force)) return failure;
+    session.version = in_force;
+  }
   step_ = Step::kPassword;
   const Secret password = MakePassword();
   if (password.Empty()) return {Cause::kLibrary, "There is no randomness for a password"};
@@ -831,7 +855,7 @@ Failure Membership::Operation::Renew(Session& session, const Entry& account,
     return failure;
   }
   // Before the first ticket can need them; without a time, as they are not in force yet.
-  const std::uint32_t next = ToNumber<std::uint32_t>(account.First("msds-keyversionnumber")) + 1;
+  const std::uint32_t next = in_force + 1;
   if (Failure failure = Write(Kept(next, keys, 0), session)) return failure;
 
   bool is_unknown = false;
@@ -839,7 +863,7 @@ Failure Membership::Operation::Renew(Session& session, const Entry& account,
   if (failure && !is_unknown) {
     const Failure second = SetPassword(session, account.dn, password);
     if (second) failure.text += "; " + second.text;
-    is_unknown = second.cause == Cause::kTimedOut || second.cause == Cause::kUnreachable;
+    is_unknown = IsOfTheController(second.cause) || second.cause == Cause::kLibrary;
     if (second && !is_unknown) {
       // Nothing was changed, so the keys that were meant for it go again.
       std::vector<KeytabKey> content;
@@ -861,9 +885,10 @@ Result Membership::Operation::RotateWhenOlderThan(std::chrono::hours age) {
   for (const KeytabKey& key : keytab_.Keys()) {
     if (IsMachines(key) && key.version == *versions.rbegin()) written = key.written;
   }
-  const std::int64_t since = std::int64_t{Now()} - written;
-  if (versions.empty() || written == 0 ||
-      since >= std::chrono::duration_cast<std::chrono::seconds>(age).count()) {
+  const std::chrono::seconds since(std::int64_t{Now()} - written);
+  const bool is_of_the_future = since < -kLargestSkew;
+  if (versions.empty() || written == 0 || is_of_the_future ||
+      std::chrono::floor<std::chrono::hours>(since) >= age) {
     return Run(&Operation::RotateAt, false);
   }
 
@@ -877,13 +902,17 @@ Result Membership::Operation::RotateWhenOlderThan(std::chrono::hours age) {
 
 Result Membership::Operation::Leave(Departure departure) {
   departure_ = departure;
-  return Run(&Operation::LeaveAt, access(settings_.keytab.c_str(), F_OK) == 0);
+  const bool has_no_keytab = access(settings_.keytab.c_str(), F_OK) == -1 && errno == ENOENT;
+  return Run(&Operation::LeaveAt, !has_no_keytab);
 }
 
 Failure Membership::Operation::LeaveAt(Session& session) {
   std::optional<Entry> account;
   if (Failure failure = LookUp(session, account)) return failure;
   step_ = Step::kRemove;
+  if (account && !IsWorkstation(*account)) {
+    return {Cause::kAccountBarred, account->dn + " is no computer's account"};
+  }
   if (account && departure_ == Departure::kDelete) {
     Failure failure = session.directory.Delete(account->dn);
     if (failure && failure.cause != Cause::kNoAccount) return failure;
@@ -925,8 +954,8 @@ Result Membership::Operation::Status(MembershipStatus& status) {
 Failure Membership::Operation::LookUpContainer(Session& session) {
   const std::string container = ContainerOf(settings_.NewDn());
   std::vector<Entry> found;
-  const Failure failure = session.directory.Search(container, LDAP_SCOPE_BASE, "(objectClass=*)",
-                                                   {"allowedChildClassesEffective"}, found);
+  Failure failure = session.directory.Search(container, LDAP_SCOPE_BASE, "(objectClass=*)",
+                                             {"allowedChildClassesEffective"}, found);
   if (failure.cause == Cause::kNoAccount) return {};  // there is no container
   if (failure || found.empty()) return failure;
   status_->container = container;
@@ -993,8 +1022,11 @@ Failure Membership::Operation::StatusAt(Session& session) {
   step_ = Step::kProof;
   KrbCache cache;
   Failure failure = SignInAsMachine(session, nullptr, cache);
-  status.keys_work = !failure;
-  return IsOfTheController(failure.cause) ? failure : Failure();
+  status.keys_work = session.version.has_value();
+  const bool is_answer = failure.cause == Cause::kBadCredentials ||
+                         failure.cause == Cause::kCredentialsBarred ||
+                         failure.cause == Cause::kNoEncryptionType;
+  return is_answer ? Failure() : failure;
 }
 
 // --- the interface -------------------------------------------------------------------------------
@@ -1030,6 +1062,10 @@ Membership::Membership(std::string domain, std::string keytab, MembershipOptions
   } else if (!std::all_of(settings->options.services.begin(), settings->options.services.end(),
                           IsDnsName)) {
     settings->wrong = "No name of a service";
+  }
+  for (const std::string& name : settings->options.controllers) {
+    Controller& controller = settings->controllers.emplace_back();
+    if (!ParseController(name, controller)) settings->wrong = "No name of a controller: " + name;
   }
   settings_ = std::move(settings);
 }

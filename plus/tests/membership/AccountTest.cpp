@@ -156,6 +156,9 @@ TEST_F(Account, MadeBeforehandNeedsNothingButItsOneTimePassword) {
   Scene("precreate ONCE");
   Scene("password 'ONCE$' One.Time.Pass.1");
   const auto once = Credentials::OneTimePassword("One.Time.Pass.1");
+  MembershipStatus status;
+  EXPECT_THAT(Member().Status(once, kLimit, status), ChangesNothing());
+  EXPECT_FALSE(status.keys_work);  // there are none
 
   EXPECT_THAT(Member().Enrol(once, kLimit), Changes());
   EXPECT_EQ(Value("msDS-SupportedEncryptionTypes"), "24");
@@ -166,6 +169,17 @@ TEST_F(Account, MadeBeforehandNeedsNothingButItsOneTimePassword) {
   EXPECT_THAT(Member().Enrol(Credentials::Machine(), kLimit), ChangesNothing());
   std::remove(keytab.c_str());
   EXPECT_THAT(Member().Enrol(once, kLimit), Fails(Cause::kBadCredentials, Step::kSignIn));
+}
+
+// libkrb5 then asks for the directory's own spelling of a name.
+TEST_F(Account, OfAnotherSpellingIsEnrolledUnderAnySettingOfKerberos) {
+  NameMachine("spelt");
+  Scene("precreate spelt");
+  Scene("password 'spelt$' One.Time.Pass.1");
+  AddKerberosSettings("canonicalize = true");
+
+  EXPECT_THAT(Member().Enrol(Credentials::OneTimePassword("One.Time.Pass.1"), kLimit), Changes());
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
 }
 
 TEST_F(Account, IsEnrolledWithTheTicketsOfACache) {

@@ -1,4 +1,5 @@
 // What enrolling does to the account and to the keytab.
+#include <filesystem>
 #include <optional>
 
 #include "GssClient.h"
@@ -80,6 +81,29 @@ TEST_F(Enrolment, GivesAMachineWithAnRc4KeyAesKeysAndKeepsTheOld) {
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
 
+// As of an account that was deleted and joined anew: the core counts on.
+TEST_F(Enrolment, KeepsOldKeysOfHigherVersionsThanTheDirectorys) {
+  NameMachine("ahead");
+  JoinedEarlier();
+  PasswordChangedByOthers();
+  const auto keys = tavrel::tests::ReadKeytab("FILE:" + keytab);
+  std::filesystem::remove(keytab);
+  const int before = std::stoi(Value("msDS-KeyVersionNumber"));
+  for (const krb5_kvno version : {8U, 9U}) {
+    auto key = keys.at(0);
+    key.vno = version;
+    tavrel::tests::AppendKey("FILE:" + keytab, key);
+  }
+
+  EXPECT_THAT(Enrol(), Changes());
+
+  std::vector<std::string> expected = AesEntries({before + 1});
+  for (const int version : {before, before - 1})
+    expected.push_back("AHEAD$@CORP.EXAMPLE.COM version " + std::to_string(version) +
+                       " enctype 23");
+  EXPECT_THAT(Entries(), ElementsAreArray(expected));
+}
+
 // docs/membership.md, "From RC4 to AES in a running installation", step by step.
 TEST_F(Enrolment, TakesARunningInstallationFromRc4ToAes) {
   NameMachine("running");
@@ -142,15 +166,22 @@ TEST_F(Enrolment, WithRc4BesideHasAllThreeKeys) {
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
 
+TEST_F(Enrolment, SetsAServiceNameOnceHoweverOftenItIsGiven) {
+  NameMachine("oncemore");
+  options.services = {"HTTP", "http", "HOST"};
+
+  EXPECT_THAT(Enrol(), Changes());
+
+  EXPECT_THAT(directory.Read(account)["servicePrincipalName"],
+              UnorderedElementsAre("HOST/ONCEMORE", "HOST/oncemore.corp.example.com",
+                                   "HTTP/oncemore.corp.example.com"));
+  options.dns_name = "oncemore";  // the same as without its domain
+  EXPECT_TRUE(Enrol());
+}
+
 TEST_F(Enrolment, TellsAWrongPasswordAfterOneFailedLogon) {
   NameMachine("mistyped");
-  // The controller counts only where it would lock an account one day.
-  const auto lock_after = [](const std::string& count) {
-    ChangeDatabase("dn: " + tavrel::tests::Lab("BASE_DN") +
-                   "\nchangetype: modify\nreplace: lockoutThreshold\nlockoutThreshold: " + count +
-                   "\n");
-  };
-  lock_after("9");
+  const CountFailedLogons count;
   Scene("user carol Carol.Pass.1");
   user = "carol";
   password = "Carol.Pass.2";
@@ -162,7 +193,6 @@ TEST_F(Enrolment, TellsAWrongPasswordAfterOneFailedLogon) {
   Scene("show carol badPwdCount >" + shown);
   EXPECT_THAT(tavrel::tests::FileBytes(shown), testing::HasSubstr("badPwdCount: 1\n"));
   Scene("delete carol");
-  lock_after("0");
 }
 
 }  // namespace

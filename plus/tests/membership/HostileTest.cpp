@@ -4,7 +4,11 @@
 
 #include <gssapi/gssapi_ext.h>
 
+#include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "../../../tests/attacks/Attack.h"
 #include "ForgedRequest.h"
@@ -158,6 +162,27 @@ TEST_F(HostileController, WithoutAPasswordServiceSetsItByLdapWhereTheMachineMay)
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
 
+// Though the keytab's versions are ahead of the directory's.
+TEST_F(HostileController, WithoutAPasswordServiceCostsNoWorkingKey) {
+  NameMachine("ahead");
+  ASSERT_THAT(Enrol(), Changes());
+  const auto keys = tavrel::tests::ReadKeytab("FILE:" + keytab);
+  std::filesystem::remove(keytab);
+  for (auto key : keys) {
+    key.vno = 9;
+    tavrel::tests::AppendKey("FILE:" + keytab, key);
+  }
+  options.encryption_types = EncryptionTypes::kAesAndRc4;
+  options.controllers = {kRelay};
+  const Relay refuses({88, 389}, 1000);
+
+  EXPECT_THAT(Member().Enrol(Credentials::Machine(), kLimit),
+              Fails(Cause::kUnreachable, Step::kPassword));
+
+  EXPECT_THAT(Entries(), testing::ElementsAreArray(AesEntries({1})));
+  EXPECT_THAT(Enrol(), Changes());
+}
+
 TEST_F(HostileController, CostsARotationNothingButTime) {
   NameMachine("rotating");
   ASSERT_THAT(Enrol(), Changes());
@@ -196,6 +221,33 @@ TEST_F(HostileController, ThatIsTheOnlyOneEndsTheOperationAtItsDeadline) {
     EXPECT_GE(took, 1);
     EXPECT_LT(took, 2 + kBusy);
   }
+}
+
+// Three are given four seconds: each has one, and the first another.
+TEST_F(HostileController, IsNotWaitedForWhereNameServersAreSilent) {
+  NameMachine("unnamed");
+  const std::string settings = tavrel::tests::FileBytes("/etc/resolv.conf");
+  std::atomic<int> asked{0};
+  const tavrel::tests::UdpPeer silent(
+      [&](const std::string&) {
+        ++asked;
+        return std::string();
+      },
+      53);
+  const std::string server = "nameserver 127.0.0.1\n";
+  std::ofstream("/etc/resolv.conf") << server << server << server;
+  Result result;
+  double took = 0;
+
+  std::thread([&] {  // whose resolver begins with these settings
+    took = Seconds(result, [&] { return Member().Enrol(Administrator(), 4s); });
+  })
+      .join();
+  std::ofstream("/etc/resolv.conf") << settings;
+
+  EXPECT_THAT(result, Fails(Cause::kTimedOut, Step::kDiscovery));
+  EXPECT_LT(took, 5 + kBusy);
+  EXPECT_LE(asked, 4);
 }
 
 TEST_F(HostileController, ThatIsSilentInTheTlsHandshakeIsLeft) {
@@ -277,6 +329,19 @@ TEST_F(HostileController, IsNotTrustedUnlessItSeals) {
   }
 }
 
+// RFC 4513, 5.1.2: without a password, a server lets everybody in as nobody.
+TEST_F(HostileController, IsNotAskedWithoutAPassword) {
+  NameMachine("nobody");
+  options.simple_bind = true;
+  options.ca_file = Lab("CA");
+  password.clear();
+
+  const Result result = Enrol();
+
+  EXPECT_THAT(result, Fails(Cause::kBadCredentials, Step::kBind));
+  EXPECT_EQ(result.text, "There is no password");  // our own words
+}
+
 TEST_F(HostileController, IsNotTrustedWithTheCertificateOfAnother) {
   NameMachine("named");
   Scene("dns add alias.corp.example.com A " + Lab("DC_IP"));
@@ -321,8 +386,10 @@ TEST_F(HostileController, WhoseKdcTalksNonsenseIsLeft) {
   }
 }
 
-// A KDC's answer to a request without proof: make a key like this (RFC 4120, 5.9.1 and 5.2.7.5).
-std::string AskingForAKey(char type, const std::string& salt, const std::string& parameters) {
+// A KDC's answer to a request without proof: make a key like this (RFC 4120, 5.9.1 and 5.2.7.5), or
+// another reason to refuse it.
+std::string AskingForAKey(char type, const std::string& salt, const std::string& parameters,
+                          char reason = 25) {
   const auto tlv = [](unsigned char tag, const std::string& content) {
     const std::size_t size = content.size();
     std::string text(1, static_cast<char>(tag));
@@ -341,7 +408,7 @@ std::string AskingForAKey(char type, const std::string& salt, const std::string&
   const std::string error =
       tlv(0x7E, tlv(0x30, tlv(0xA0, number(5)) + tlv(0xA1, number(30)) +
                               tlv(0xA4, tlv(0x18, "20300101000000Z")) + tlv(0xA5, number(0)) +
-                              tlv(0xA6, number(25)) + tlv(0xA9, tlv(0x1B, "CORP.EXAMPLE.COM")) +
+                              tlv(0xA6, number(reason)) + tlv(0xA9, tlv(0x1B, "CORP.EXAMPLE.COM")) +
                               tlv(0xAA, name) + tlv(0xAC, tlv(0x04, tlv(0x30, hint)))));
   return std::string(1, '\0') + tlv(0, error).substr(2, 3) + error;
 }
@@ -357,7 +424,10 @@ TEST_F(HostileController, WhoseKdcAsksForTooMuchWorkIsLeft) {
       {"a huge salt", AskingForAKey(18, std::string(500'000, 's'), ""), Cause::kProtocol},
       {"2^24 rounds", AskingForAKey(18, "salt", {"\x01\0\0\0", 4}), Cause::kProtocol},
       {"2^32 rounds", AskingForAKey(18, "salt", {"\0\0\0\0", 4}), Cause::kProtocol},
+      {"one round", AskingForAKey(18, "salt", {"\0\0\0\x01", 4}), Cause::kProtocol},
       {"no number", AskingForAKey(18, "salt", "many!"), Cause::kProtocol},
+      {"to come again", AskingForAKey(18, "salt", "", 29), Cause::kUnreachable},
+      {"something else", AskingForAKey(18, "salt", "", 60), Cause::kRefused},
   };
   Peer directory([](Connection& connection) { connection.AwaitEnd(); });
   options.controllers = {kRelay + (':' + std::to_string(directory.Port()))};

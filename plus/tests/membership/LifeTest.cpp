@@ -111,6 +111,22 @@ TEST_F(Life, OfAWeekOfDailyRotationsHasTwoVersionsAndLosesNoUser) {
   EXPECT_THAT(Entries(), ElementsAreArray(AesEntries({8})));
 }
 
+TEST_F(Life, OfKeysEndsNeverWhereTicketsLiveForEver) {
+  NameMachine("eternal");
+  options.ticket_lifetime = std::chrono::seconds::max();
+  ASSERT_THAT(Enrol(), Changes());
+  ASSERT_THAT(Member().Rotate(kLimit), Changes());
+  PassTime(keytab, 24 * 3600);
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+  EXPECT_THAT(Entries(), ElementsAreArray(AesEntries({3, 2, 1})));
+
+  PassTime(keytab, 24 * 3600);
+  EXPECT_THAT(Member().RotateWhenOlderThan(std::chrono::hours::max(), kLimit), ChangesNothing());
+  // A clock that was ahead when the key was written is no reason to keep it for ever.
+  PassTime(keytab, -48U * 3600);
+  EXPECT_THAT(Member().RotateWhenOlderThan(std::chrono::hours(24), kLimit), Changes());
+}
+
 TEST_F(Life, OfTwoHundredMachinesBeginsAtOnce) {
   constexpr int kMachines = 200;
   std::vector<Result> results(kMachines);

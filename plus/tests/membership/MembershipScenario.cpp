@@ -28,6 +28,12 @@ std::vector<std::string> MembershipScenario::AesEntries(const std::vector<int>& 
   return entries;
 }
 
+void MembershipScenario::CountFailedLogons::LockAfter(const std::string& count) {
+  ChangeDatabase("dn: " + Lab("BASE_DN") +
+                 "\nchangetype: modify\nreplace: lockoutThreshold\nlockoutThreshold: " + count +
+                 "\n");
+}
+
 std::string MembershipScenario::SignIn() const {
   KrbRealm realm = Realm();
   std::string error;

@@ -50,6 +50,15 @@ class MembershipScenario : public tavrel::tests::JoinScenario {
   // "APPLIANCE$@CORP.EXAMPLE.COM version N enctype 18" and 17.
   std::vector<std::string> AesEntries(const std::vector<int>& versions) const;
 
+  // While it lives, the controller counts failed logons, as where it would lock an account one day.
+  struct CountFailedLogons {
+    CountFailedLogons() { LockAfter("9"); }
+    CountFailedLogons(const CountFailedLogons&) = delete;
+    CountFailedLogons& operator=(const CountFailedLogons&) = delete;
+    ~CountFailedLogons() { LockAfter("0"); }
+    static void LockAfter(const std::string& count);
+  };
+
   // What the core says of a user who comes with a ticket for this machine; the user, or "".
   std::string SignIn() const;
 

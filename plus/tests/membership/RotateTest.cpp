@@ -58,6 +58,33 @@ TEST_F(Rotation, KeepsAcceptingTheTicketsOfBefore) {
   EXPECT_EQ(Authenticate(realm, alice), kAlice);
 }
 
+TEST_F(Rotation, CostsNoFailedLogon) {
+  NameMachine("careful");
+  CountFailedLogons count;
+  ASSERT_THAT(Enrol(), Changes());
+
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+
+  EXPECT_THAT(Value("badPasswordTime"), AnyOf("", "0"));
+}
+
+TEST_F(Rotation, DoesNotLockTheAccountWithKeysThatAreRefused) {
+  NameMachine("stale");
+  Scene("precreate STALE");
+  Scene("password 'STALE$' Behind.Its.Back.1");
+  CountFailedLogons count;
+  for (const int type : {18, 17}) {
+    for (krb5_kvno version = 1; version <= 5; ++version)
+      tavrel::tests::AppendKey("FILE:" + keytab,
+                               {Machine(), version, std::string(type == 18 ? 32 : 16, 'k'), type});
+  }
+
+  EXPECT_THAT(Member().Rotate(kLimit), Fails(Cause::kBadCredentials, Step::kSignIn));
+
+  EXPECT_EQ(Value("badPwdCount"), "3");
+}
+
 TEST_F(Rotation, WithoutAKeytabHasNoCredentials) {
   NameMachine("keyless");
   ASSERT_THAT(Enrol(), Changes());
@@ -137,6 +164,15 @@ TEST_F(Rotation, EndsWhenTheMachineLeaves) {
 
   EXPECT_THAT(Enrol(), Changes());
   EXPECT_EQ(SignIn(), kAlice);
+}
+
+TEST_F(Rotation, DoesNotEndThatOfAController) {
+  NameMachine("careless", "DC1");
+  keytab = folder / "dc1.keytab";
+  options.account_name = "dc1";
+
+  EXPECT_THAT(Member().Leave(Administrator(), Departure::kDisable, kLimit),
+              Fails(Cause::kAccountBarred, Step::kRemove));
 }
 
 TEST_F(Rotation, LeavesTheKeysOfOthersAlone) {

@@ -30,7 +30,7 @@ enum class Cause {
   kNoAccount,          ///< there is no such account
   kAccountBarred,      ///< the machine's account is disabled, or is no computer's
   kNameTaken,          ///< another account has the name or one of the service names
-  kRefused,            ///< the directory or the password service refused for a reason of its own
+  kRefused,            ///< the controller refused for a reason of its own
   kNoEncryptionType,   ///< the KDC has no key of a type that was asked for
   kKeysDoNotWork,      ///< the KDC does not accept the machine's keys
   kKeytab,             ///< the keytab cannot be read, or not be replaced
@@ -214,8 +214,8 @@ class TAVREL_EXPORT Membership {
   /// keys are in the keytab before the first ticket can need them.
   Result Rotate(std::chrono::milliseconds limit);
 
-  /// As Rotate(), when the newest key is at least `age` old. Otherwise nobody is asked, and only
-  /// keys whose time is over leave the keytab.
+  /// As Rotate(), when the newest key is at least `age` old, or from a time that is yet to come.
+  /// Otherwise nobody is asked, and only keys whose time is over leave the keytab.
   Result RotateWhenOlderThan(std::chrono::hours age, std::chrono::milliseconds limit);
 
   /// Disables or deletes the account, and then removes the machine's keys from the keytab. Where
