@@ -1,6 +1,7 @@
 #include "Directory.h"
 
 #include <openldap.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -154,6 +155,24 @@ struct DirectoryIo {
   }
 };
 
+// What libldap sends above TLS. It frees that without wiping it, and it can be a password.
+struct WipingIo {
+  static int Setup(Sockbuf_IO_Desc* /*io*/, void* /*argument*/) { return 0; }
+  static int Remove(Sockbuf_IO_Desc* /*io*/) { return 0; }
+  static int Close(Sockbuf_IO_Desc* /*io*/) { return 0; }
+  static int Control(Sockbuf_IO_Desc* io, int option, void* value) {
+    return LBER_SBIOD_CTRL_NEXT(io, option, value);
+  }
+  static ber_slen_t Read(Sockbuf_IO_Desc* io, void* bytes, ber_len_t most) {
+    return LBER_SBIOD_READ_NEXT(io, bytes, most);
+  }
+  static ber_slen_t Write(Sockbuf_IO_Desc* io, void* bytes, ber_len_t size) {
+    const ber_slen_t sent = LBER_SBIOD_WRITE_NEXT(io, bytes, size);
+    if (sent > 0) OPENSSL_cleanse(bytes, static_cast<std::size_t>(sent));
+    return sent;
+  }
+};
+
 Directory::Directory(const Controller& controller, const Deadline& deadline)
     : controller_(controller), deadline_(deadline) {}
 
@@ -282,6 +301,13 @@ Failure Directory::BindSimple(const std::string& name, const Secret& password,
     Failure failure = Explain(code);
     if (code == LDAP_CONNECT_ERROR && !is_lost_) failure.cause = Cause::kNotTrusted;
     return failure;
+  }
+  Sockbuf* buffer = nullptr;
+  static Sockbuf_IO calls = {WipingIo::Setup, WipingIo::Remove, WipingIo::Control,
+                             WipingIo::Read,  WipingIo::Write,  WipingIo::Close};
+  if (ldap_get_option(handle_, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS ||
+      ber_sockbuf_add_io(buffer, &calls, LBER_SBIOD_LEVEL_APPLICATION, nullptr) != 0) {
+    return {Cause::kLibrary, "The LDAP connection cannot be set up"};
   }
   SetTimeout();
   berval secret = Value(password.View());
