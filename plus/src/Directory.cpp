@@ -364,9 +364,14 @@ Failure Directory::Modify(const std::string& dn, const std::vector<Change>& chan
 
 Failure Directory::Delete(const std::string& dn) {
   SetTimeout();
-  LDAPControl tree{const_cast<char*>(kTreeDelete), {0, nullptr}, 1};
-  LDAPControl* controls[] = {&tree, nullptr};
-  return Explain(ldap_delete_ext_s(handle_, dn.c_str(), controls, nullptr));
+  int code = ldap_delete_ext_s(handle_, dn.c_str(), nullptr, nullptr);
+  if (code == LDAP_NOT_ALLOWED_ON_NONLEAF) {  // for what lies beneath it, a right of its own
+    LDAPControl tree{const_cast<char*>(kTreeDelete), {0, nullptr}, 1};
+    LDAPControl* controls[] = {&tree, nullptr};
+    SetTimeout();
+    code = ldap_delete_ext_s(handle_, dn.c_str(), controls, nullptr);
+  }
+  return Explain(code);
 }
 
 std::string EscapeForFilter(std::string_view value) {

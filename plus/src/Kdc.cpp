@@ -103,9 +103,9 @@ const Meaning kMeanings[] = {
     {KRB5_PARSE_MALFORMED, Cause::kBadArgument},
     {KRB5_CC_UNKNOWN_TYPE, Cause::kBadArgument},
     {KRB5_KT_UNKNOWN_TYPE, Cause::kBadArgument},
-    {KRB5_PREAUTH_FAILED, Cause::kRefused},
     {KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN, Cause::kBadCredentials},
     {KRB5KDC_ERR_PREAUTH_FAILED, Cause::kBadCredentials},
+    {KRB5_PREAUTH_FAILED, Cause::kBadCredentials},  // no way to prove it
     {KRB5KDC_ERR_WRONG_REALM, Cause::kBadCredentials},
     {KRB5KRB_AP_ERR_BAD_INTEGRITY, Cause::kBadCredentials},
     {KRB5KRB_AP_ERR_TKT_EXPIRED, Cause::kBadCredentials},

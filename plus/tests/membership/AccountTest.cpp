@@ -195,6 +195,12 @@ TEST_F(Account, IsEnrolledWithTheTicketsOfACache) {
   std::remove(keytab.c_str());
   EXPECT_THAT(Member().Enrol(Credentials::Cache("FILE:" + (folder / "none")), kLimit),
               Fails(Cause::kBadCredentials, Step::kSignIn));
+  EXPECT_THAT(Member().Enrol(Credentials::Keytab(folder / "none", user), kLimit),
+              Fails(Cause::kBadCredentials, Step::kSignIn));
+  EXPECT_THAT(Member().Enrol(Credentials::Cache("NONE:at all"), kLimit),
+              Fails(Cause::kBadArgument, Step::kSignIn));
+  EXPECT_THAT(Member().Enrol(Credentials::Keytab("NONE:at all", user), kLimit),
+              Fails(Cause::kBadArgument, Step::kSignIn));
 }
 
 TEST_F(Account, IsEnrolledWithAKeytabOfAnother) {
@@ -247,14 +253,14 @@ void PrintTo(const Rights& rights, std::ostream* out) {
   *out << rights.name;
 }
 
-class DelegatedEnrolment : public MembershipScenario, public testing::WithParamInterface<Rights> {
+class Delegated : public MembershipScenario {
  public:
-  DelegatedEnrolment() {
+  Delegated() {
     Scene("user joiner Joiner.Pass.1");
     user = "joiner";
     password = "Joiner.Pass.1";
   }
-  ~DelegatedEnrolment() override { Scene("delete joiner"); }
+  ~Delegated() override { Scene("delete joiner"); }
 
   static bool Grant(const std::string& right) {
     const std::string command =
@@ -264,6 +270,28 @@ class DelegatedEnrolment : public MembershipScenario, public testing::WithParamI
     return std::system(command.c_str()) == 0;
   }
 };
+
+TEST_F(Delegated, LeavingNeedsNoRightToWhatIsNotThere) {
+  NameMachine("leaf");
+  Scene("precreate LEAF");
+  const auto leave = [&] { return Member().Leave(Administrator(), Departure::kDelete, kLimit); };
+  ChangeDatabase("dn: CN=Printer," + Dn() +
+                 "\nchangetype: add\nobjectClass: serviceConnectionPoint\n");
+  ASSERT_TRUE(Grant("(A;CIIO;SD;;;"));
+
+  EXPECT_THAT(leave(), Fails(Cause::kAccessDenied, Step::kRemove));
+  ChangeDatabase("dn: CN=Printer," + Dn() + "\nchangetype: delete\n");
+  EXPECT_THAT(leave(), Changes());
+
+  Scene("precreate LEAF");
+  ChangeDatabase("dn: CN=Printer," + Dn() +
+                 "\nchangetype: add\nobjectClass: serviceConnectionPoint\n");
+  user = Lab("ADMIN");
+  password = Lab("ADMIN_PASSWORD");
+  EXPECT_THAT(leave(), Changes());
+}
+
+class DelegatedEnrolment : public Delegated, public testing::WithParamInterface<Rights> {};
 INSTANTIATE_TEST_SUITE_P(
     , DelegatedEnrolment,
     testing::Values(
