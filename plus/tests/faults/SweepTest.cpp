@@ -1,9 +1,12 @@
 // Every call that a membership's operation makes into another library fails once, and from then on.
 // The result says so, the keytab is whole, users are accepted, and repeating the operation ends
 // well.
+#include <netinet/in.h>
 #include <unwind.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -12,6 +15,7 @@
 #include <set>
 
 #include "../../../tests/faults/Injector.h"
+#include "Calls.h"  // before Interpose.h
 #include "GssClient.h"
 #include "Interpose.h"
 #include "MembershipScenario.h"
@@ -89,6 +93,11 @@ class Faults : public MembershipScenario {
     EXPECT_EQ(Join(*realm).status, kSuccess);
     earlier.emplace(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
     EXPECT_EQ(Accepts(), kAlice);
+  }
+
+  std::string Accepts() {
+    std::vector<char> token = earlier->Token(account + "$@CORP.EXAMPLE.COM");
+    return realm->Authenticate(token.data(), static_cast<int>(token.size()));
   }
 
   std::unique_ptr<KrbRealm> realm;
@@ -234,11 +243,6 @@ class Faults : public MembershipScenario {
     }
   }
 
-  std::string Accepts() {
-    std::vector<char> token = earlier->Token(account + "$@CORP.EXAMPLE.COM");
-    return realm->Authenticate(token.data(), static_cast<int>(token.size()));
-  }
-
   static std::size_t Descriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
@@ -277,6 +281,37 @@ TEST_F(Faults, OfAnEnrolmentAfterThePasswordWasLost) {
 TEST_F(Faults, OfARotation) {
   NameMachine("rotated");
   Sweep({[&] { InService(); }, [&] { return Member().Rotate(kLimit); }, true});
+}
+
+// The password is set by LDAP, and it may have been although nothing of the answer can be read.
+TEST_F(Faults, OfAnAnswerThatCannotBeReadCostNoKey) {
+  NameMachine("unread");
+  InService();
+  const std::string may_set =
+      "samba-tool dsacl set -H ldap://$LAB_DC_NAME -U "
+      "$LAB_ADMIN%$LAB_ADMIN_PASSWORD --objectdn='" +
+      Dn() + "' --sddl='(OA;;CR;00299570-246d-11d0-a768-00aa006e0529;;PS)'";
+  ASSERT_EQ(std::system((may_set + " >/dev/null").c_str()), 0);
+  namespace calls = tavrel::tests::calls;
+  {
+    const tavrel::tests::StandIn closed(
+        calls::connect, [](int socket, const sockaddr* to, socklen_t size) {
+          const bool is_password_service =
+              reinterpret_cast<const sockaddr_in*>(to)->sin_port == htons(464);
+          errno = ECONNREFUSED;
+          return is_password_service ? -1 : calls::connect.Real(socket, to, size);
+        });
+    const tavrel::tests::StandIn unread(calls::ldap_modify_ext_s, [](auto... arguments) {
+      calls::ldap_modify_ext_s.Real(arguments...);
+      return LDAP_DECODING_ERROR;
+    });
+
+    EXPECT_THAT(Member().Rotate(kLimit), Fails(Cause::kUnreachable, Step::kPassword));
+  }
+
+  EXPECT_EQ(Accepts(), kAlice);
+  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+  EXPECT_EQ(Accepts(), kAlice);
 }
 
 TEST_F(Faults, OfLeaving) {
