@@ -1,5 +1,6 @@
 // Each call of libcrypto's, and each allocation, fails once while a session is sealed and opened:
-// that never opens one which should stay shut, and never changes whose it is.
+// that never opens one which should stay shut, and never changes whose it is. Each allocation fails
+// while a policy is read and judges, and a client's address is found: nobody passes who should not.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <openssl/evp.h>
@@ -10,6 +11,8 @@
 #include <optional>
 #include <string>
 
+#include "authd/Front.h"
+#include "authd/Policy.h"
 #include "authd/Session.h"
 
 namespace {
@@ -92,6 +95,12 @@ int Sweep(const Act& act) {
   }
 }
 
+// What is compared is not part of a sweep.
+struct Paused {
+  Paused() { due = -due; }
+  ~Paused() { due = -due; }
+};
+
 constexpr int kCalls = 8;  // at the least, of libcrypto's
 
 TEST(Fault, NeverOpensASessionThatIsNotGenuine) {
@@ -112,12 +121,11 @@ TEST(Fault, NeverChangesWhoseASessionIs) {
 
   const int calls = Sweep([&] {
     const auto opened = sessions.Open(cookie, kHost, kNow);
-    due = due == 0 ? 0 : -due;  // what is compared is not part of it
+    const Paused paused;
     if (opened) {
       EXPECT_EQ(opened->user.name, Alice().name);
       EXPECT_EQ(opened->user.groups, Alice().groups);
     }
-    due = -due;
   });
 
   EXPECT_GE(calls, kCalls);
@@ -128,12 +136,47 @@ TEST(Fault, NeverSealsASessionThatCannotBeOpened) {
 
   const int calls = Sweep([&] {
     const std::string cookie = sessions.Seal(Alice(), kHost, kNow);
-    due = due == 0 ? 0 : -due;
+    const Paused paused;
     EXPECT_TRUE(cookie.empty() || sessions.Open(cookie, kHost, kNow));
-    due = -due;
   });
 
   EXPECT_GE(calls, kCalls);
+}
+
+TEST(Fault, NeverMakesAPolicyLaxer) {
+  const User alice = Alice();
+  const auto client = Address::Parse("2001:db8:1111:2222:3333:4444:5555:6666");
+  for (const char* rules :
+       {"deny user alice@CORP.EXAMPLE.COM\nallow everyone\n",
+        "deny group S-1-5-21-1-2-3-513 service HTTP/box.corp.example.com\nallow everyone\n",
+        "deny network 2001:db8:1111:2222:3333:4444:5555:0/112\nallow everyone\n",
+        "allow user mallory@CORP.EXAMPLE.COM group S-1-5-21-1-2-3-513\n",
+        "revoke user alice@CORP.EXAMPLE.COM before 2036-01-01T00:00:00Z\n"}) {
+    bool passed = false;
+    const int calls = Sweep([&] {
+      std::string error;
+      const auto policy = Policy::Parse(rules, "policy", &error);
+      passed = passed || (policy && policy->Decide(alice, client).allowed) ||
+               (policy && rules[0] == 'r' && !policy->Revoked(alice));
+    });
+
+    EXPECT_FALSE(passed) << rules;
+    EXPECT_GE(calls, 5) << rules;
+  }
+}
+
+TEST(Fault, NeverTakesAProxyForItsClient) {
+  const std::string client = "2001:db8:1111:2222:3333:4444:5555:6666";
+  const std::string proxy = "2001:db8:1111:2222:3333:4444:5555:9999";
+  const std::vector<Network> trusted = {*Network::Parse(proxy)};
+  const Address right = *Address::Parse(client);
+
+  const int calls = Sweep([&] {
+    const auto found = ForwardedFor(client + ", " + proxy, trusted);
+    EXPECT_TRUE(!found || *found == right);
+  });
+
+  EXPECT_GE(calls, 3);
 }
 
 }  // namespace
