@@ -59,6 +59,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using tavrel::tests::ForgedTicket;
+using tavrel::tools::Lower;
 using tavrel::tools::ToBase64;
 
 constexpr std::uint32_t kMutual = 2;  // of a GSS-API client's checksum
@@ -158,10 +159,11 @@ class HttpPeer : public Peer {
 
   void SignIn(const std::string& token) override {
     const std::string header = Ask("Authorization: Negotiate " + token + "\r\n");
-    if (header.find("WWW-Authenticate: Negotiate ") == std::string::npos) {
+    const std::string lower = Lower(header);  // HAProxy writes all names so
+    if (lower.find("www-authenticate: negotiate ") == std::string::npos) {
       throw std::runtime_error("no reply in: " + header);
     }
-    const std::size_t cookie = header.find("Set-Cookie: ");
+    const std::size_t cookie = lower.find("set-cookie: ");
     if (cookie != std::string::npos) {
       cookie_ = header.substr(cookie + 12, header.find(';', cookie) - cookie - 12);
     }
@@ -180,7 +182,7 @@ class HttpPeer : public Peer {
     while ((end = answer.find("\r\n\r\n")) == std::string::npos) {
       if (!Receive(socket_, answer)) throw std::runtime_error("cut off: " + answer);
     }
-    const std::size_t length = answer.find("Content-Length: ");
+    const std::size_t length = Lower(answer).find("content-length: ");
     const std::size_t size =
         end + 4 + (length < end ? std::strtoul(answer.c_str() + length + 16, nullptr, 10) : 0);
     while (answer.size() < size) {
@@ -214,48 +216,43 @@ class HttpPeer : public Peer {
   std::string cookie_;
 };
 
-// A helper of Squid's, in a session of its own.
+// A helper of Squid's, in a session of its own. Its input and output are a socket, as Squid has it.
 class HelperPeer : public Peer {
  public:
   explicit HelperPeer(const std::string& command) {
-    int input[2];
-    int output[2];
-    if (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe");
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+      throw std::runtime_error("no sockets");
     }
     process_ = fork();
     if (process_ == 0) {
       setsid();
-      dup2(input[0], 0);
-      dup2(output[1], 1);
+      dup2(ends[1], 0);
+      dup2(ends[1], 1);
       execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
       _exit(127);
     }
-    ::close(input[0]);
-    ::close(output[1]);
-    to_ = input[1];
-    from_ = output[0];
+    ::close(ends[1]);
+    squid_ = ends[0];
   }
   ~HelperPeer() override {
-    ::close(to_);
-    ::close(from_);
+    ::close(squid_);
     waitpid(process_, nullptr, 0);
   }
   pid_t session() const { return process_; }
 
   void SignIn(const std::string& token) override {
-    Send(to_, "YR " + token + "\n");
+    Send(squid_, "YR " + token + "\n");
     std::string answer;
     while (answer.empty() || answer.back() != '\n') {
-      if (!Receive(from_, answer)) throw std::runtime_error("cut off: " + answer);
+      if (!Receive(squid_, answer)) throw std::runtime_error("cut off: " + answer);
     }
     if (answer.rfind("OK token=", 0) != 0) throw std::runtime_error(answer);
   }
 
  private:
   pid_t process_ = -1;
-  int to_ = -1;
-  int from_ = -1;
+  int squid_ = -1;
 };
 
 // --- the race ------------------------------------------------------------------------------------
