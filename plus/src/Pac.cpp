@@ -183,9 +183,7 @@ const char* DecodeRequestor(std::string_view bytes, Authorization& result) {
 class Buffer {
  public:
   Buffer(krb5_context context, krb5_pac pac, krb5_ui_4 type)
-      : context_(context), code_(krb5_pac_get_buffer(context, pac, type, &data_)) {
-    if (code_ != 0) data_ = {};
-  }
+      : context_(context), code_(krb5_pac_get_buffer(context, pac, type, &data_)) {}
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
   ~Buffer() { krb5_free_data_contents(context_, &data_); }

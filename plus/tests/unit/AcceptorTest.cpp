@@ -19,11 +19,14 @@
 namespace tavrel::plus::tests {
 namespace {
 
+using tavrel::tests::Der;
 using tavrel::tests::ForgedTicket;
 using tavrel::tests::kKerberosOid;
 using tavrel::tests::kMicrosoftKerberosOid;
 using tavrel::tests::kNtlmOid;
 using tavrel::tests::LogCapture;
+using tavrel::tests::der::BitString;
+using tavrel::tests::der::Time;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -89,6 +92,41 @@ TEST(AnAcceptor, OfASidInItsOwnDomainTrustsTheOwnRealmAlone) {
   EXPECT_FALSE(result.identity->IsOfDomain(*Sid::FromText("S-1-5-21-1-2-3")));
 }
 
+// As a ticket of another forest has it: by way of a realm between the two, with groups of both
+// domains, and with one that the filter of this domain's controller should have taken out.
+TEST(AnAcceptor, KnowsAUserOfATrustedDomainByIdentifiersOfBoth) {
+  ForgedUser bob;
+  bob.logon_name = "bob";
+  bob.netbios_domain = "TRUSTED";
+  bob.domain = "S-1-5-21-9-8-7";
+  bob.extra_sids = {{"S-1-5-21-9-8-7-1200", 7}, {"S-1-5-21-1-2-3-512", 7}};
+  ForgedTicket ticket = Ticket();
+  ticket.client = {"bob"};
+  ticket.client_realm = "SUB.EAST.CORP.EXAMPLE.COM";
+  ForgedToken token(WithPac(ticket, PartsOf(bob)));
+  token.of_ticket[4] = TypedField(1, "EAST.CORP.EXAMPLE.COM");
+  const auto is_member = [](const Identity& identity, const char* sid) {
+    return identity.IsMemberOf(*Sid::FromText(sid));
+  };
+
+  const Acceptance result = Decision({}, token.Bytes());
+  token.of_ticket[4] = TypedField(1, "EVIL.COM");
+  const Acceptance by_another_way = Decision({}, token.Bytes());
+
+  ASSERT_TRUE(result) << result.refusal->text;
+  const Identity& identity = *result.identity;
+  EXPECT_EQ(identity.RealmAndName(), "SUB.EAST.CORP.EXAMPLE.COM\\bob");
+  EXPECT_EQ(identity.authorization->user.ToText(), "S-1-5-21-9-8-7-1105");
+  EXPECT_EQ(identity.authorization->netbios_domain, "TRUSTED");
+  EXPECT_TRUE(is_member(identity, "S-1-5-21-9-8-7-1110")) << "a global group of his domain";
+  EXPECT_TRUE(is_member(identity, "S-1-5-21-9-8-7-1200")) << "a universal one";
+  EXPECT_TRUE(is_member(identity, "S-1-5-21-1-2-3-1120")) << "a local one of the service's";
+  EXPECT_TRUE(is_member(identity, "S-1-5-21-1-2-3-512")) << "as docs/identity.md warns";
+  EXPECT_FALSE(identity.IsOfDomain(*Sid::FromText("S-1-5-21-1-2-3")));
+  EXPECT_FALSE(identity.IsOfDomain(*Sid::FromText("S-1-5-21-9-8-7"))) << "another realm";
+  EXPECT_EQ(Reason(by_another_way), RefusalReason::kNotGenuine);
+}
+
 TEST(AnAcceptor, TakesEveryFramingOfKerberos) {
   const Service service;
   const auto acceptor = service.Make();
@@ -146,6 +184,7 @@ TEST(AnAcceptor, AcceptsATokenOnce) {
 
   EXPECT_TRUE(first);
   EXPECT_EQ(Reason(second), RefusalReason::kReplay);
+  EXPECT_EQ(second.refusal->text, "the token was accepted before");
   EXPECT_EQ(Reason(by_another), RefusalReason::kReplay);
 }
 
@@ -617,10 +656,102 @@ TEST(AnAcceptor, ReadsWhatElseTheSettingsSay) {
 }
 
 TEST(ARefusal, HasANameForItsReason) {
-  EXPECT_STREQ(Name(RefusalReason::kNoToken), "no-token");
-  EXPECT_STREQ(Name(RefusalReason::kPacWrong), "pac-wrong");
-  EXPECT_STREQ(Name(RefusalReason::kUnfinished), "unfinished");
-  EXPECT_STREQ(Name(RefusalReason::kInternal), "internal");
+  std::vector<std::string> names;
+  for (int i = 0; i <= static_cast<int>(RefusalReason::kInternal); ++i)
+    names.emplace_back(Name(static_cast<RefusalReason>(i)));
+
+  EXPECT_THAT(names,
+              ElementsAre("no-token", "ntlm", "not-kerberos", "malformed", "no-key", "enctype",
+                          "wrong-service", "not-genuine", "expired", "not-yet-valid", "clock",
+                          "replay", "channel-binding-missing", "channel-binding-wrong",
+                          "pac-missing", "pac-wrong", "unfinished", "internal"));
+}
+
+TEST(ARefusal, SaysWhatIsWrong) {
+  AcceptorOptions options = WithoutPac();
+  const auto of_token = [&](const std::string& token, const std::string& channel = "") {
+    return Decision(options, token, channel).refusal.value().text;
+  };
+  const auto text = [&](const std::function<void(ForgedToken&)>& change) {
+    ForgedToken token;
+    change(token);
+    return of_token(token.Bytes());
+  };
+  const std::string ours = "tls-server-end-point:ours";
+
+  EXPECT_EQ(of_token(""), "no token");
+  EXPECT_EQ(of_token("NTLMSSP" + std::string(5, '\0')),
+            "the client sent NTLM: it has no ticket for this name");
+  EXPECT_EQ(of_token(Negotiated(Ticket(), {"\x2a\x03"})), "a token of another mechanism");
+  EXPECT_EQ(text([](ForgedToken& token) { token.ticket.server = {}; }),
+            "a ticket for another service");
+  EXPECT_EQ(text([](ForgedToken& token) { token.ticket.server_realm = "OTHER"; }),
+            "a ticket for a service of another realm");
+  EXPECT_EQ(text([](ForgedToken& token) { token.ticket.options = AP_OPTS_USE_SESSION_KEY; }),
+            "the ticket is sealed with a session key");
+  EXPECT_EQ(text([](ForgedToken& token) { token.ticket.etype = kRc4; }),
+            "the ticket's encryption type is not allowed");
+  EXPECT_EQ(text([](ForgedToken& token) { token.ticket.etype = kAes128Sha1; }),
+            "no key opens the ticket");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket.erase(2); }),
+            "the ticket is not by the letter");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[0] = BitString(TKT_FLG_INVALID); }),
+            "the ticket is marked invalid");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[0] = BitString(TKT_FLG_ANONYMOUS); }),
+            "the ticket names no client");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[1] = KeyField(kRc4, 16); }),
+            "the session key's encryption type is not allowed");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[1] = KeyField(kAes256Sha1, 16); }),
+            "the session key is not as long as its type is");
+  EXPECT_EQ(text([](ForgedToken& token) { token.session_enctype = kAes128Sha1; }),
+            "the authenticator is not sealed with the ticket's session key");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator.erase(5); }),
+            "the authenticator is not by the letter");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator[1] = token.of_authenticator[0]; }),
+            "the authenticator is not by the letter");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator[1] = Der(0x1b, "OTHER"); }),
+            "ticket and authenticator name two clients");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator[6] = KeyField(kAes256Sha1, 16); }),
+            "the subkey is not as long as its type is");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator.erase(3); }),
+            "a request without GSS-API's checksum");
+  EXPECT_EQ(text([](ForgedToken& token) {
+              token.of_authenticator[3] = TypedField(0x8003, GssChecksum("", 0x1000));
+            }),
+            "the client wants a third message (DCE style)");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[7] = Time(1000000000); }),
+            "the ticket is over");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[6] = token.of_ticket[7]; }),
+            "the ticket has not begun");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_authenticator[5] = token.of_ticket[7]; }),
+            "the client's clock is too far off");
+  EXPECT_EQ(
+      text([](ForgedToken& token) { token.of_authenticator[8] = Der(0x30, TypedField(7, "x")); }),
+      "authorization data that has to be understood");
+  options.require_pac = true;
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket.erase(10); }), "the ticket has no PAC");
+  EXPECT_EQ(text([](ForgedToken& token) { token.of_ticket[10] = AuthorizationData(128, "x"); }),
+            "the ticket's PAC: it cannot be parsed");
+  EXPECT_EQ(
+      text([](ForgedToken& token) { token.of_ticket[5] = token.of_ticket[6] = Time(1000000000); }),
+      "the ticket's PAC: it is not this client's, or not signed with the service's key");
+  options.channel_binding = ChannelBinding::kRequired;
+  EXPECT_EQ(of_token(ForgedToken().Bytes()),
+            "the channel that the token came through is not known");
+  EXPECT_EQ(of_token(ForgedToken().Bytes(), ours), "the client bound its token to no channel");
+  ForgedToken relayed;
+  relayed.of_authenticator[3] = TypedField(0x8003, GssChecksum("theirs"));
+  EXPECT_EQ(of_token(relayed.Bytes(), ours), "the token was made for another channel");
+}
+
+TEST(AnAcceptor, SetsTheKerberosLibraryUpOnceForAThread) {
+  const Service service;
+  const auto acceptor = service.Make();
+  const std::string tokens[] = {Token(TicketWithPac()), Token(TicketWithPac())};
+  std::ofstream(service.settings / "krb5.conf") << "[libdefaults\n";
+
+  EXPECT_TRUE(acceptor->Accept(tokens[0]));
+  EXPECT_TRUE(acceptor->Accept(tokens[1]));
 }
 
 TEST(AnAcceptor, NamesTheSettingsThatTheKerberosLibraryCannotRead) {

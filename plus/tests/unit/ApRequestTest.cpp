@@ -234,11 +234,11 @@ TEST(ATime, IsThatOfTheCalendar) {
       parts.tm_mon = month;
       parts.tm_mday = day;
       char text[32];
-      std::strftime(text, sizeof text, "%Y%m%d235958Z", &parts);
+      std::strftime(text, sizeof text, "%Y%m%d235959Z", &parts);
       std::tm copy = parts;
       copy.tm_hour = 23;
       copy.tm_min = 59;
-      copy.tm_sec = 58;
+      copy.tm_sec = 59;
       const std::time_t time = timegm(&copy);
       if (time == -1) continue;  // beyond a clock of 32 bits
       ASSERT_EQ(read(text), time) << text;

@@ -61,12 +61,13 @@ TEST(AKeytab, ThatIsReplacedUnderLoadCostsNoRefusal) {
   std::atomic<bool> done = false;
   std::atomic<int> refused = 0;
   std::atomic<int> accepted = 0;
-  std::thread user([&] {
+  const auto sign_in = [&] {
     while (!done) {
       const Acceptance result = acceptor->Accept(Token(WithKey("Secret.1", 1)));
       ++(result ? accepted : refused);
     }
-  });
+  };
+  std::thread users[] = {std::thread(sign_in), std::thread(sign_in)};
 
   for (int i = 0; i < 40; ++i) {
     Replace(service.options.keytab, i % 2 == 0 ? new_bytes : old_bytes);
@@ -82,7 +83,8 @@ TEST(AKeytab, ThatIsReplacedUnderLoadCostsNoRefusal) {
     std::this_thread::yield();
   }
   done = true;
-  user.join();
+  for (std::thread& user : users)
+    user.join();
 
   EXPECT_EQ(refused, 0);
   EXPECT_TRUE(acceptor->Accept(Token(WithKey("Next.1", 2))));

@@ -21,6 +21,7 @@ using tavrel::tests::kKerberosOid;
 using tavrel::tests::kNtlmOid;
 using tavrel::tests::kSpnegoOid;
 using tavrel::tests::LogCapture;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::StartsWith;
 
@@ -112,6 +113,7 @@ TEST_F(ANegotiation, WithKerberosSecondTakesTwoTokens) {
   const Acceptance second = Accept(Response(Offer(request) + Signature(client.Mic(list))));
 
   EXPECT_EQ(Reason(first), RefusalReason::kUnfinished);
+  EXPECT_EQ(first.refusal->text, "the client is asked for Kerberos");
   EXPECT_EQ(first.reply, Response(Field(0, der::kEnumerated, "\3") +
                                   Field(1, der::kObjectIdentifier, kKerberosOid)));
   EXPECT_EQ(first.reply, AnswerOfGss(service, first_token));
@@ -138,6 +140,7 @@ TEST_F(ANegotiation, WithoutAKerberosLibraryIsRefused) {
 
   EXPECT_EQ(Reason(second), RefusalReason::kUnfinished);
   EXPECT_EQ(Reason(third), RefusalReason::kInternal);
+  EXPECT_EQ(third.refusal->text, "the Kerberos library cannot be set up");
   EXPECT_EQ(Reason(another), RefusalReason::kInternal);
 }
 
@@ -185,8 +188,10 @@ TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {
     Accept(first_token);
     const Acceptance second = Accept(Response(Offer(client.Step())));
     EXPECT_EQ(Reason(second), RefusalReason::kUnfinished);
+    EXPECT_EQ(second.refusal->text, "the client is to sign its list");
 
-    EXPECT_FALSE(Accept(last));
+    EXPECT_THAT(Accept(last).refusal.value().text,
+                AnyOf("the mechListMIC is not of this list", "a token in place of a mechListMIC"));
     EXPECT_FALSE(Accept(Response(Signature(client.Mic(list))))) << "it is over";
   }
 }
@@ -211,8 +216,10 @@ TEST_F(ANegotiation, OfRc4CannotBeSigned) {
   rc4->Accept(first_token, "", negotiation);
   const std::string token = Token(WithPac(ticket, PartsOf({})));
 
-  EXPECT_EQ(Reason(rc4->Accept(Response(Offer(token)), "", negotiation)),
-            RefusalReason::kMalformed);
+  const Acceptance result = rc4->Accept(Response(Offer(token)), "", negotiation);
+
+  EXPECT_EQ(Reason(result), RefusalReason::kMalformed);
+  EXPECT_EQ(result.refusal->text, "a mechListMIC of RC4");
 }
 
 TEST_F(ANegotiation, ThatBeginsWithoutATokenTakesASecondOne) {
@@ -239,6 +246,7 @@ TEST_F(ANegotiation, IsNotBegunWithWhoHasNoKerberos) {
   EXPECT_EQ(first(""), RefusalReason::kNoToken);
   const Acceptance alone = acceptor->Accept(Init(List({kKerberosOid}), ""));
   EXPECT_EQ(Reason(alone), RefusalReason::kNoToken) << "where no other token can follow";
+  EXPECT_EQ(alone.refusal->text, "the client offers Kerberos, but sent no token of it");
   EXPECT_TRUE(Accept(Negotiated(TicketWithPac())));
 }
 

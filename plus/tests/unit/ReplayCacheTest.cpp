@@ -154,6 +154,43 @@ TEST_F(AReplayCache, KeepsToTheSizeThatItFound) {
   EXPECT_EQ(cache->Remember("one", kNoon), Verdict::kSeen);
 }
 
+// The vectors of the algorithm's authors: the key is 0 to 15, the inputs are that many bytes, 0 and
+// on.
+TEST_F(AReplayCache, FindsARecordBySipHash) {
+  ASSERT_TRUE(Open());
+  std::string bytes;
+  for (char c = 0; c < 16; ++c)
+    bytes += c;
+  std::fstream file(path_, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(16) << bytes << std::flush;
+  const auto cache = Open();
+  ASSERT_TRUE(cache) << error_;
+  const std::pair<std::size_t, std::uint64_t> vectors[] = {
+      {0, 0x726fdb47dd0e0e31}, {8, 0x93f5f5799a932462}, {15, 0xa129ca6149be45e5}};
+
+  for (const auto& [size, digest] : vectors) {
+    EXPECT_EQ(cache->Remember(bytes.substr(0, size), kNoon), Verdict::kNew);
+    std::uint64_t record = 0;
+    file.seekg(static_cast<std::streamoff>(4096 + digest % 64 * 16 * 8));
+    file.read(reinterpret_cast<char*>(&record), sizeof record);
+    EXPECT_EQ(record, std::uint64_t{kNoon} << 32U | digest >> 32U) << size;
+  }
+}
+
+TEST_F(AReplayCache, KeepsNoDescriptor) {
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+
+  const auto made = Open();
+  const auto opened = Open();
+
+  EXPECT_TRUE(made && opened);
+  EXPECT_EQ(descriptors(), before);
+}
+
 TEST_F(AReplayCache, IsOfItsOwnerAlone) {
   ASSERT_TRUE(Open());
   struct stat status {};

@@ -151,6 +151,7 @@ TEST(ADerReader, TakesTheOneEncodingOfALength) {
 
   EXPECT_TRUE(takes(std::string("\x04\x00", 2)));
   EXPECT_TRUE(takes("\x04\x81\xC8" + of_200));
+  EXPECT_TRUE(takes(std::string("\x04\x83\x01\x00\x00", 5) + std::string(1 << 16, 'x')));
   EXPECT_FALSE(takes("\x04"));
   EXPECT_FALSE(takes("\x04\x01"));
   EXPECT_FALSE(takes("\x04\x80xx"));     // indefinite
