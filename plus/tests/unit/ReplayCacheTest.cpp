@@ -104,9 +104,11 @@ TEST_F(AReplayCache, HasRoomForAQuarterOfItsRecords) {
 
 TEST_F(AReplayCache, RefusesWhatIsOlderThanWhatItForgot) {
   const auto cache = Open();
+  int places = 0;
   for (std::uint32_t i = 0; i < 100000; ++i)
-    cache->Remember(std::to_string(i), kNoon + 100);
+    places += cache->Remember(std::to_string(i), kNoon + 100) == Verdict::kNew ? 1 : 0;
 
+  EXPECT_EQ(places, 1024) << "a full row makes nothing else too old";
   EXPECT_EQ(cache->Remember("late", kNoon), Verdict::kTooOld);
   EXPECT_EQ(cache->Remember("in time", kNoon + 101), Verdict::kNew);
 }
@@ -228,6 +230,9 @@ TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
   path_ = folder_ / "none/replay";
   EXPECT_FALSE(Open());
   EXPECT_THAT(error_, HasSubstr("No such file or directory"));
+  path_ = folder_ / std::string(300, 'x');
+  EXPECT_FALSE(Open());
+  EXPECT_THAT(error_, HasSubstr("File name too long"));
 }
 
 }  // namespace
