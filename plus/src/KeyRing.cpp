@@ -165,9 +165,9 @@ bool KeyStore::Open(krb5_context context, std::string& error) {
 KeyStore::Rings KeyStore::Current(krb5_context context, bool missed) const {
   const Clock::time_point now = Clock::now();
   {
-    std::unique_lock<std::mutex> looking(looking_, std::defer_lock);
-    if (missed) looking.lock();
-    const bool due = (looking || looking.try_lock()) && now - looked_ >= kLookEvery;
+    const auto looking =
+        missed ? std::unique_lock(looking_) : std::unique_lock(looking_, std::try_to_lock);
+    const bool due = looking && now - looked_ >= kLookEvery;
     if (missed || due) Look(context, now, due);
   }
   const std::lock_guard<std::mutex> guard(lock_);
