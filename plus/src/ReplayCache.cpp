@@ -197,7 +197,8 @@ ReplayCache::Verdict ReplayCache::Remember(std::string_view request, std::uint32
 
 void ReplayCache::RaiseHorizon(std::uint64_t made) {
   std::uint64_t horizon = header_->horizon.load();
-  while (horizon < made && !header_->horizon.compare_exchange_weak(horizon, made)) {
+  while (horizon < made) {
+    if (header_->horizon.compare_exchange_weak(horizon, made)) break;
   }
 }
 
