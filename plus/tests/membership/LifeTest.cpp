@@ -1,5 +1,6 @@
 // Long lives, and many machines.
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -57,7 +58,10 @@ class Week : public Life {
  public:
   // So many hours from the beginning. The controller then ends connections that it takes for idle.
   void Reach(int hour) {
-    std::ofstream(Lab("MOVING_CLOCK")) << '+' << hour << 'h';
+    // As a whole: the controller ends when it finds the file empty.
+    const std::string next = Lab("MOVING_CLOCK") + ".next";
+    std::ofstream(next) << '+' << hour << 'h';
+    std::filesystem::rename(next, Lab("MOVING_CLOCK"));
     directory.~Directory();
     new (&directory) tavrel::tests::Directory;
   }
