@@ -244,6 +244,7 @@ class Membership::Operation {
   Failure ConnectTo(Session& session);
   Failure SignIn(Session& session);
   Failure SignInAsMachine(Session& session, const char* service, KrbCache& cache);
+  Failure SignInOnce(Session& session, const char* service, KrbCache& cache);
   Failure SignInAgain(Session& session, const char* service, KrbCache& cache);
   Failure LookUp(Session& session, const std::string& base, int scope, const std::string& filter,
                  std::optional<Entry>& account);
@@ -270,6 +271,9 @@ class Membership::Operation {
   Failure LookUpContainer(Session& session);
   Failure FindConflicts(Session& session);
 
+  bool HasOneTimePassword() const {
+    return credentials_.kind == Credentials::Data::Kind::kOneTimePassword;
+  }
   bool IsMachines(const KeytabKey& key) const;
   std::set<std::uint32_t> Versions() const;
   std::vector<MachineKey> KeysOf(std::uint32_t version) const;
@@ -430,22 +434,23 @@ Failure Membership::Operation::SignInAsMachine(Session& session, const char* ser
     }
     if (failure.cause == Cause::kBadCredentials && ++refusals == kMostRefusals) break;
   }
-  if (credentials_.kind != Credentials::Data::Kind::kOneTimePassword) return failure;
+  if (!HasOneTimePassword()) return failure;
+  return SignInOnce(session, service, cache);
+}
+
+// With the password that serves once.
+Failure Membership::Operation::SignInOnce(Session& session, const char* service, KrbCache& cache) {
   return session.kdc.SignIn(session.machine.get(), credentials_.password,
                             TypesOf(settings_.EncryptionTypes()), service, cache);
 }
 
 // With what the machine has signed in with before: what was refused then is not tried again.
 Failure Membership::Operation::SignInAgain(Session& session, const char* service, KrbCache& cache) {
-  Kdc& kdc = session.kdc;
   if (session.version) {
-    return kdc.SignIn(session.machine.get(), KeysOf(*session.version), service, cache);
+    return session.kdc.SignIn(session.machine.get(), KeysOf(*session.version), service, cache);
   }
-  if (credentials_.kind == Credentials::Data::Kind::kOneTimePassword) {
-    return kdc.SignIn(session.machine.get(), credentials_.password,
-                      TypesOf(settings_.EncryptionTypes()), service, cache);
-  }
-  return SignInAsMachine(session, service, cache);
+  return HasOneTimePassword() ? SignInOnce(session, service, cache)
+                              : SignInAsMachine(session, service, cache);
 }
 
 // --- the account ---------------------------------------------------------------------------------
