@@ -20,6 +20,9 @@ constexpr std::uint32_t kLargestReply = 1U << 20U;
 constexpr std::size_t kLargestSalt = 1024;
 constexpr std::uint32_t kFewestRounds = 1U << 12U;  // as is usual: with less, guessing gets cheaper
 constexpr std::uint32_t kMostRounds = 1U << 18U;
+// Four tries of TCP's. The host has just answered at another port, so this one is closed: there is
+// another way.
+constexpr std::chrono::milliseconds kLongestConnect{8000};
 constexpr krb5_deltat kTicketLife = 600;  // longer than any operation needs it
 constexpr krb5_deltat kLargestSkew = 300;
 
@@ -219,7 +222,12 @@ krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* rea
   std::string answer;
   // A busy KDC drops connections; a request for a ticket can be sent again.
   constexpr int kMostTries = 3;
-  for (int tries = 1; !kdc.Exchange(kKdcPort, View(*message), kLargestReply, answer); ++tries) {
+  const auto exchange = [&] {
+    Socket socket;
+    return kdc.Connect(kKdcPort, kdc.deadline_, socket) &&
+           kdc.Exchange(socket, View(*message), kLargestReply, answer);
+  };
+  for (int tries = 1; !exchange(); ++tries) {
     const bool was_dropped = errno == ECONNRESET || errno == EPIPE;
     if (was_dropped && tries < kMostTries) continue;
     kdc.error_ = errno;
@@ -229,14 +237,16 @@ krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* rea
   return krb5_copy_data(context, &bytes, reply);
 }
 
-// One message and its answer over TCP (RFC 4120, 7.2.2). Leaves `errno` when it fails.
-bool Kdc::Exchange(std::uint16_t port, std::string_view message, std::uint32_t largest,
-                   std::string& reply) const {
+// Leaves `errno` when it fails.
+bool Kdc::Connect(std::uint16_t port, const Deadline& limit, Socket& socket) const {
   Address address = address_;
   address.SetPort(port);
-  Socket socket;
-  if (!socket.Connect(address, deadline_)) return false;
+  return socket.Connect(address, limit);
+}
 
+// One message and its answer over TCP (RFC 4120, 7.2.2). Leaves `errno` when it fails.
+bool Kdc::Exchange(Socket& socket, std::string_view message, std::uint32_t largest,
+                   std::string& reply) const {
   std::uint32_t size = htonl(static_cast<std::uint32_t>(message.size()));
   std::string framed(reinterpret_cast<const char*>(&size), sizeof size);
   framed += message;
@@ -474,12 +484,12 @@ Failure Kdc::ChangePassword(krb5_ccache cache, const Secret& password, bool& is_
   const std::string message = Bytes16(kHeader + request.length + sealed.length) +
                               Bytes16(kVersion) + Bytes16(request.length) +
                               std::string(View(request)) + std::string(View(sealed));
-  std::string reply;
-  if (!Exchange(kPasswordPort, message, kLargestReply, reply)) {
-    is_unknown = errno != ECONNREFUSED;
-    return ConnectionFailure(errno);
-  }
+  Socket socket;
+  const Deadline limit(std::min(deadline_.Left() / 2, kLongestConnect));
+  if (!Connect(kPasswordPort, limit, socket)) return ConnectionFailure(errno);
   is_unknown = true;  // until the answer has been proven to be the service's
+  std::string reply;
+  if (!Exchange(socket, message, kLargestReply, reply)) return ConnectionFailure(errno);
   if (reply.size() < kHeader) return Nonsense();
   const std::size_t proof_size = Number16(reply, 4);
   // A refusal before anything could be proven has no AP-REP, or is a bare KRB-ERROR.

@@ -13,6 +13,7 @@
 #include "Failure.h"
 #include "KrbSupport.h"
 #include "Secret.h"
+#include "Socket.h"
 
 namespace tavrel::plus {
 
@@ -82,7 +83,8 @@ class Kdc {
  private:
   static krb5_error_code Send(krb5_context context, void* self, const krb5_data* realm,
                               const krb5_data* message, krb5_data** new_message, krb5_data** reply);
-  bool Exchange(std::uint16_t port, std::string_view message, std::uint32_t largest,
+  bool Connect(std::uint16_t port, const Deadline& limit, Socket& socket) const;
+  bool Exchange(Socket& socket, std::string_view message, std::uint32_t largest,
                 std::string& reply) const;
 
   const std::string& realm_;

@@ -1,6 +1,9 @@
 // Controllers that are silent, or that are none.
 
+#include <arpa/inet.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gssapi/gssapi_ext.h>
 
@@ -34,6 +37,33 @@ using testing::Not;
 
 constexpr char kRelay[] = "relay.corp.example.com";
 constexpr char kDc1[] = "dc1.corp.example.com";
+
+// A port of 127.0.0.1 that a firewall drops: of a listener whose queue is full, Linux drops what
+// comes.
+class DroppedPort {
+ public:
+  explicit DroppedPort(int port) {
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_port = htons(static_cast<std::uint16_t>(port));
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const auto* const address = reinterpret_cast<const sockaddr*>(&name);
+    if (bind(listening_, address, sizeof name) != 0 || listen(listening_, 0) != 0 ||
+        connect(waiting_, address, sizeof name) != 0) {
+      throw std::runtime_error("no port " + std::to_string(port));
+    }
+  }
+  DroppedPort(const DroppedPort&) = delete;
+  DroppedPort& operator=(const DroppedPort&) = delete;
+  ~DroppedPort() {
+    close(waiting_);
+    close(listening_);
+  }
+
+ private:
+  int listening_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int waiting_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
 
 class HostileController : public MembershipScenario {
  public:
@@ -100,9 +130,21 @@ class HostileController : public MembershipScenario {
     result = operation();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   }
+
+  // Twice as long as a controller may need for `operation`, on a machine as busy as this one is
+  // now.
+  template <typename Operation>
+  static std::chrono::milliseconds Ample(const Operation& operation) {
+    Result result;
+    const double took = Seconds(result, operation);
+    EXPECT_THAT(result, Changes());
+    return std::chrono::milliseconds(static_cast<int>(std::max(6.0, 10 * took) * 1000));
+  }
 };
 
 TEST_F(HostileController, IsLeftForTheNextWhereverItFallsSilent) {
+  NameMachine("ample");
+  const auto limit = Ample([&] { return Enrol(); });
   options.controllers = {kRelay, kDc1};
   bool was_left = true;
   for (int messages = 0; was_left; ++messages) {
@@ -111,12 +153,12 @@ TEST_F(HostileController, IsLeftForTheNextWhereverItFallsSilent) {
     const Relay relay({88, 389, 464}, messages);
     Result result;
 
-    const double took = Seconds(result, [&] { return Member().Enrol(Administrator(), 6s); });
+    const double took = Seconds(result, [&] { return Member().Enrol(Administrator(), limit); });
 
     was_left = result.controller == kDc1;
     EXPECT_THAT(result, Changes()) << messages;
     EXPECT_TRUE(relay.FellSilent() || !was_left) << messages;
-    EXPECT_LT(took, 7 + kBusy) << messages;
+    EXPECT_LT(took, std::chrono::duration<double>(limit).count() + 1 + kBusy) << messages;
     ASSERT_LT(messages, 40);
   }
 }
@@ -155,9 +197,14 @@ TEST_F(HostileController, WithoutAPasswordServiceSetsItByLdapWhereTheMachineMay)
   tavrel::tests::Shell(
       "samba-tool dsacl set -H ldap://$LAB_DC_NAME -U $LAB_ADMIN%$LAB_ADMIN_PASSWORD --objectdn='" +
       Dn() + "' --sddl='(OA;;CR;00299570-246d-11d0-a768-00aa006e0529;;PS)' >/dev/null");
-  EXPECT_THAT(Member().Rotate(kLimit), Changes());
+  const auto limit = Ample([&] { return Member().Rotate(kLimit); });
 
   EXPECT_THAT(Entries(), testing::ElementsAreArray(AesEntries({2, 1})));
+
+  const DroppedPort password_service(464);
+  EXPECT_THAT(Member().Rotate(limit), Changes());
+
+  EXPECT_THAT(Entries(), testing::ElementsAreArray(AesEntries({3, 2, 1})));
   options.controllers.clear();
   EXPECT_EQ(SignIn(), "CORP.EXAMPLE.COM\\alice");
 }
@@ -186,6 +233,7 @@ TEST_F(HostileController, WithoutAPasswordServiceCostsNoWorkingKey) {
 TEST_F(HostileController, CostsARotationNothingButTime) {
   NameMachine("rotating");
   ASSERT_THAT(Enrol(), Changes());
+  const auto limit = Ample([&] { return Member().Rotate(kLimit); });
   options.controllers = {kRelay, kDc1};
   tavrel::tests::JoinedRealm realm(*this);
   const tavrel::tests::GssClient alice(Lab("USER") + "@" + Lab("REALM"), Lab("USER_PASSWORD"));
@@ -194,7 +242,7 @@ TEST_F(HostileController, CostsARotationNothingButTime) {
   for (int messages = 0; was_left; ++messages) {
     const Relay relay({88, 389, 464}, messages);
 
-    const Result result = Member().Rotate(6s);
+    const Result result = Member().Rotate(limit);
 
     was_left = result.controller == kDc1;
     EXPECT_THAT(result, Changes()) << messages;
