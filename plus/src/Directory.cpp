@@ -86,6 +86,7 @@ constexpr Meaning kMeanings[] = {
     {LDAP_INSUFFICIENT_ACCESS, Cause::kAccessDenied},
     {LDAP_NO_SUCH_OBJECT, Cause::kNoAccount},
     {LDAP_ALREADY_EXISTS, Cause::kNameTaken},
+    {LDAP_REFERRAL, Cause::kReferred},
     {LDAP_STRONG_AUTH_REQUIRED, Cause::kNotTrusted},
     {LDAP_CONFIDENTIALITY_REQUIRED, Cause::kNotTrusted},
     {LDAP_PROTOCOL_ERROR, Cause::kProtocol},
@@ -244,7 +245,8 @@ Failure Directory::Step(std::string_view token, std::string& answer, bool& is_do
     Failure failure = Explain(code);
     // What the controller was shown is a ticket for its own name, so what it says against that, or
     // of another server, is no word of a controller's.
-    if (failure.cause == Cause::kBadCredentials || failure.cause == Cause::kRefused) {
+    if (failure.cause == Cause::kBadCredentials || failure.cause == Cause::kRefused ||
+        failure.cause == Cause::kReferred) {
       failure.cause = Cause::kNotTrusted;
     }
     return failure;

@@ -119,8 +119,9 @@ constexpr std::array kCauses = {
     "TimedOut",   "BadCredentials", "CredentialsBarred", "ClockSkew",
     "NotTrusted", "AccessDenied",   "NoAccount",         "AccountBarred",
     "NameTaken",  "Refused",        "NoEncryptionType",  "KeysDoNotWork",
-    "Keytab",     "Busy",           "Protocol",          "Library"};
-static_assert(kCauses.size() == static_cast<std::size_t>(Cause::kLibrary) + 1);
+    "Keytab",     "Busy",           "Protocol",          "Library",
+    "Referred"};
+static_assert(kCauses.size() == static_cast<std::size_t>(Cause::kReferred) + 1);
 
 constexpr std::array kSteps = {"None",     "Arguments", "Keytab", "Discovery", "Connect",
                                "SignIn",   "Bind",      "LookUp", "Create",    "Update",
@@ -350,7 +351,8 @@ Result Membership::Operation::Run(Body body, bool is_held) {
       failure = Begin(session);
       if (!failure) failure = (this->*body)(session);
     }
-    if (!failure || !IsOfTheController(failure.cause) || end_.HasPassed()) break;
+    const bool is_anothers = IsOfTheController(failure.cause) || failure.cause == Cause::kReferred;
+    if (!is_anothers || end_.HasPassed()) break;
     logger.Warning("Leaving controller ", last, ": ", ToText(step_), ": ", OneLine(failure.text));
   }
   return Ended(std::move(failure), last);

@@ -151,6 +151,8 @@ std::string_view Remedy(Cause cause) {
     case Cause::kNoAccount: return "enrol first";
     case Cause::kAccountBarred: return "have the account enabled, or name another: `account`";
     case Cause::kNameTaken: return "remove the name from the other account, or name another one";
+    case Cause::kReferred:
+      return "name `controllers` that take changes, and the domain's `container`";
     case Cause::kNoEncryptionType: return "allow AES for the account, or set `enctypes = aes rc4`";
     case Cause::kKeysDoNotWork: return "enrol again";
     case Cause::kKeytab: return "see the keytab's folder, its owner and the disk";

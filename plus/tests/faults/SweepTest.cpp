@@ -314,6 +314,22 @@ TEST_F(Faults, OfAnAnswerThatCannotBeReadCostNoKey) {
   EXPECT_EQ(Accepts(), kAlice);
 }
 
+TEST_F(Faults, OfAReadOnlyControllerLeaveItForTheNext) {
+  NameMachine("readonly");
+  options.controllers = {Lab("DC_NAME"), Lab("DC_NAME")};
+  namespace calls = tavrel::tests::calls;
+  int added = 0;
+  const tavrel::tests::StandIn read_only(calls::ldap_add_ext_s, [&](auto... arguments) {
+    return ++added % 2 != 0 ? LDAP_REFERRAL : calls::ldap_add_ext_s.Real(arguments...);
+  });
+
+  EXPECT_THAT(Enrol(), Changes());
+  EXPECT_EQ(added, 2);
+  NameMachine("readonly2");
+  options.controllers.pop_back();
+  EXPECT_THAT(Enrol(), Fails(Cause::kReferred, Step::kCreate));
+}
+
 TEST_F(Faults, OfLeaving) {
   NameMachine("leaver");
   Sweep({[&] {

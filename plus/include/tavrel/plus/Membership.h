@@ -37,6 +37,7 @@ enum class Cause {
   kBusy,               ///< another process works on the keytab for as long as there was time
   kProtocol,           ///< an answer that means nothing
   kLibrary,            ///< a library failed by itself, for lack of memory say
+  kReferred,           ///< the controller names others, as a read-only one does for a change
 };
 
 /// What an operation was doing.
@@ -183,10 +184,11 @@ struct MembershipStatus {
 ///
 /// Each operation takes the longest time it may take, and ends within a second of that. It picks
 /// one controller and does everything there, Kerberos included. A controller that cannot be
-/// reached, or is silent, is left for the next. Each can be repeated, whatever became of it before:
-/// an end by a signal at any moment leaves nothing that repeating does not mend. None throws on
-/// what a network, a disk or a peer does; `std::bad_alloc` passes. None needs or changes the
-/// process's environment, working folder, signal handlers or default keytab and credential cache.
+/// reached, is silent, or names others for a change is left for the next. Each can be repeated,
+/// whatever became of it before: an end by a signal at any moment leaves nothing that repeating
+/// does not mend. None throws on what a network, a disk or a peer does; `std::bad_alloc` passes.
+/// None needs or changes the process's environment, working folder, signal handlers or default
+/// keytab and credential cache.
 ///
 /// An object serves one operation at a time. Operations on one keytab wait for each other, those of
 /// other processes included. The keytab is replaced as a whole, with its owner, group and mode; it
