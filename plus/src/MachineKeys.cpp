@@ -6,6 +6,8 @@
 #include <cctype>
 #include <string_view>
 
+#include "Ascii.h"
+
 namespace tavrel::plus {
 namespace {
 
@@ -30,6 +32,14 @@ bool HasThreeKinds(std::string_view password) {
                        [&](unsigned char c) { return is(c) != 0; });
   };
   return has(std::isupper) && has(std::islower) && has(std::isdigit);
+}
+
+// The salt of a computer's password in Active Directory ([MS-KILE] 3.1.1.2).
+std::string SaltOf(krb5_principal computer) {
+  std::string name(View(computer->data[0]));
+  name.resize(name.size() - 1);  // the "$"
+  const std::string realm(View(computer->realm));
+  return realm + "host" + Lower(name) + '.' + Lower(realm);
 }
 
 }  // namespace
@@ -69,17 +79,28 @@ std::vector<krb5_enctype> TypesOf(std::uint32_t encryption_types) {
 }
 
 Failure DeriveKeys(Kdc& kdc, krb5_principal principal, const Secret& password,
-                   const std::vector<krb5_enctype>& types, std::vector<MachineKey>& keys) {
+                   const std::vector<krb5_enctype>& types, std::vector<MachineKey>& keys,
+                   std::vector<MachineKey>* renamed) {
   keys.clear();
+  const std::string own_salt = renamed != nullptr ? SaltOf(principal) : "";
+  std::vector<MachineKey> own;
+  bool is_renamed = false;
   for (const krb5_enctype type : types) {
     KeyRecipe recipe;
     if (Failure failure = kdc.GetRecipe(principal, {type}, recipe)) return failure;
-    MachineKey key{};
+    MachineKey& key = keys.emplace_back();
     if (const krb5_error_code code = DeriveKey(kdc.Context(), password, recipe, key)) {
       return kdc.Explain(code);
     }
-    keys.push_back(std::move(key));
+    if (renamed == nullptr) continue;
+    MachineKey& own_key = own.emplace_back();
+    recipe.salt = own_salt;
+    if (const krb5_error_code code = DeriveKey(kdc.Context(), password, recipe, own_key)) {
+      return kdc.Explain(code);
+    }
+    is_renamed = is_renamed || own_key.key.View() != key.key.View();
   }
+  if (is_renamed) *renamed = std::move(own);
   return {};
 }
 

@@ -24,9 +24,12 @@ Secret EncodePassword(const Secret& password);
 // first.
 std::vector<krb5_enctype> TypesOf(std::uint32_t encryption_types);
 
-// Derives a key of each type as the KDC says.
+// Derives a key of each type as the KDC says. Until an account's next password that is with the
+// salt of the name that it had at its last: where Active Directory will make other keys of this
+// one, `renamed` (may be null) gets them.
 Failure DeriveKeys(Kdc& kdc, krb5_principal principal, const Secret& password,
-                   const std::vector<krb5_enctype>& types, std::vector<MachineKey>& keys);
+                   const std::vector<krb5_enctype>& types, std::vector<MachineKey>& keys,
+                   std::vector<MachineKey>* renamed = nullptr);
 
 // Uses each key for an initial ticket.
 Failure Prove(Kdc& kdc, krb5_principal principal, const std::vector<MachineKey>& keys);

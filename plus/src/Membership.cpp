@@ -283,6 +283,8 @@ class Membership::Operation {
                       KrbCache& cache, std::optional<std::uint32_t>& working);
   std::vector<KeytabKey> Kept(std::uint32_t version, const std::vector<MachineKey>& keys,
                               std::uint32_t written) const;
+  void Append(std::uint32_t version, const std::vector<MachineKey>& keys, std::uint32_t written,
+              std::vector<KeytabKey>& content) const;
   void AppendOld(std::uint32_t below, std::vector<KeytabKey>& keys) const;
   Failure Write(std::vector<KeytabKey> keys, Session& session);
   Failure Settle(Session& session, std::uint32_t version, std::uint32_t in_force);
@@ -699,11 +701,8 @@ void Membership::Operation::AppendOld(std::uint32_t below, std::vector<KeytabKey
   }
 }
 
-// What the keytab holds once `keys` are its newest.
-std::vector<KeytabKey> Membership::Operation::Kept(std::uint32_t version,
-                                                   const std::vector<MachineKey>& keys,
-                                                   std::uint32_t written) const {
-  std::vector<KeytabKey> content;
+void Membership::Operation::Append(std::uint32_t version, const std::vector<MachineKey>& keys,
+                                   std::uint32_t written, std::vector<KeytabKey>& content) const {
   for (const MachineKey& key : keys) {
     KeytabKey entry;
     entry.realm = settings_.realm;
@@ -714,6 +713,14 @@ std::vector<KeytabKey> Membership::Operation::Kept(std::uint32_t version,
     entry.key = key.key.Copy();
     content.push_back(std::move(entry));
   }
+}
+
+// What the keytab holds once `keys` are its newest.
+std::vector<KeytabKey> Membership::Operation::Kept(std::uint32_t version,
+                                                   const std::vector<MachineKey>& keys,
+                                                   std::uint32_t written) const {
+  std::vector<KeytabKey> content;
+  Append(version, keys, written, content);
   AppendOld(version, content);
   return content;
 }
@@ -858,12 +865,17 @@ Failure Membership::Operation::Renew(Session& session, const Entry& account,
   if (password.Empty()) return {Cause::kLibrary, "There is no randomness for a password"};
   step_ = Step::kSalt;
   std::vector<MachineKey> keys;
-  if (Failure failure = DeriveKeys(session.kdc, session.machine.get(), password, types, keys)) {
+  std::vector<MachineKey> renamed;
+  if (Failure failure =
+          DeriveKeys(session.kdc, session.machine.get(), password, types, keys, &renamed)) {
     return failure;
   }
-  // Before the first ticket can need them; without a time, as they are not in force yet.
+  // Before the first ticket can need them; without a time, as they are not in force yet. Should
+  // this run end before it can ask which they are, the next one tries both.
   const std::uint32_t next = in_force + 1;
-  if (Failure failure = Write(Kept(next, keys, 0), session)) return failure;
+  std::vector<KeytabKey> content = Kept(next, renamed.empty() ? keys : renamed, 0);
+  if (!renamed.empty()) Append(next + 1, keys, 0, content);
+  if (Failure failure = Write(std::move(content), session)) return failure;
 
   bool is_unknown = false;
   Failure failure = ChangeOwnPassword(session, password, is_unknown);
@@ -873,7 +885,7 @@ Failure Membership::Operation::Renew(Session& session, const Entry& account,
     is_unknown = IsOfTheController(second.cause) || second.cause == Cause::kLibrary;
     if (second && !is_unknown) {
       // Nothing was changed, so the keys that were meant for it go again.
-      std::vector<KeytabKey> content;
+      content.clear();
       AppendOld(next, content);
       if (Failure unwritten = Write(std::move(content), session)) return unwritten;
       step_ = Step::kPassword;

@@ -330,6 +330,32 @@ TEST_F(Faults, OfAReadOnlyControllerLeaveItForTheNext) {
   EXPECT_THAT(Enrol(), Fails(Cause::kReferred, Step::kCreate));
 }
 
+// Between the change of a password and the question with which salt keys are made of it.
+TEST_F(Faults, OfTheControllerAfterARenameCostNoKey) {
+  NameMachine("before");
+  Scene("precreate BEFORE");
+  Scene("password 'BEFORE$' One.Time.Pass.1");
+  ChangeDatabase("dn: " + Dn() +
+                 "\nchangetype: modify\nreplace: sAMAccountName\nsAMAccountName: AFTER$\n");
+  options.account_name = "after";
+  options.dns_name = "after.corp.example.com";
+  const auto once = Credentials::OneTimePassword("One.Time.Pass.1");
+  namespace calls = tavrel::tests::calls;
+  {
+    const tavrel::tests::StandIn lost(
+        calls::ldap_search_ext_s, [](LDAP* handle, const char* base, int scope, auto... arguments) {
+          if (scope == LDAP_SCOPE_BASE) return LDAP_SERVER_DOWN;
+          return calls::ldap_search_ext_s.Real(handle, base, scope, arguments...);
+        });
+
+    EXPECT_THAT(Member().Enrol(once, kLimit), Fails(Cause::kUnreachable, Step::kLookUp));
+  }
+
+  EXPECT_THAT(Member().Enrol(once, kLimit), Changes());
+  EXPECT_THAT(Enrol(), ChangesNothing());
+  EXPECT_EQ(Entries().size(), 2U);
+}
+
 TEST_F(Faults, OfLeaving) {
   NameMachine("leaver");
   Sweep({[&] {
