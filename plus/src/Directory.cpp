@@ -185,6 +185,7 @@ Directory::~Directory() {
 
 Failure Directory::Explain(int code) const {
   if (code == LDAP_SUCCESS) return {};
+  if (sealed_ && sealed_->LacksMemory()) code = LDAP_NO_MEMORY;
   Cause cause = LDAP_API_ERROR(code) ? Cause::kLibrary : Cause::kRefused;
   for (const Meaning& meaning : kMeanings) {
     if (meaning.code == code) cause = meaning.cause;

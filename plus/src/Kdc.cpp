@@ -216,7 +216,7 @@ Failure Kdc::Open() {
 
 krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* realm,
                           const krb5_data* message, krb5_data** /*new_message*/,
-                          krb5_data** reply) {
+                          krb5_data** reply) try {
   auto& kdc = *static_cast<Kdc*>(self);
   if (View(*realm) != kdc.realm_) return 0;  // a user of another realm gets tickets there
   std::string answer;
@@ -235,6 +235,8 @@ krb5_error_code Kdc::Send(krb5_context context, void* self, const krb5_data* rea
   }
   krb5_data bytes = Data(answer);
   return krb5_copy_data(context, &bytes, reply);
+} catch (const std::bad_alloc&) {  // which must not pass through libkrb5
+  return ENOMEM;
 }
 
 // Leaves `errno` when it fails.

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace tavrel::plus {
 namespace {
@@ -163,7 +164,14 @@ struct SealedIo {
     return true;
   }
 
-  static ber_slen_t Read(Sockbuf_IO_Desc* io, void* bytes, ber_len_t most) {
+  // An exception that passes through libldap leaves its locks taken.
+  static ber_slen_t LackOfMemory(Sockbuf_IO_Desc* io) {
+    Self(io).lacks_memory_ = true;
+    errno = ENOMEM;
+    return -1;
+  }
+
+  static ber_slen_t Read(Sockbuf_IO_Desc* io, void* bytes, ber_len_t most) try {
     SealedLayer& self = Self(io);
     if (self.taken_ == self.open_.size()) {
       if (!Receive(io, self.received_, kLengthSize)) return -1;
@@ -189,9 +197,11 @@ struct SealedIo {
     std::copy_n(self.open_.data() + self.taken_, count, static_cast<char*>(bytes));
     self.taken_ += count;
     return static_cast<ber_slen_t>(count);
+  } catch (const std::bad_alloc&) {
+    return LackOfMemory(io);
   }
 
-  static ber_slen_t Write(Sockbuf_IO_Desc* io, void* bytes, ber_len_t size) {
+  static ber_slen_t Write(Sockbuf_IO_Desc* io, void* bytes, ber_len_t size) try {
     const SealedLayer& self = Self(io);
     for (std::size_t sent = 0; sent < size;) {
       char* const part = static_cast<char*>(bytes) + sent;
@@ -212,6 +222,8 @@ struct SealedIo {
       sent += count;
     }
     return static_cast<ber_slen_t>(size);
+  } catch (const std::bad_alloc&) {
+    return LackOfMemory(io);
   }
 };
 

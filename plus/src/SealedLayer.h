@@ -36,6 +36,9 @@ class SealedLayer {
   // Puts itself between libldap and the connection.
   bool Insert(Sockbuf* buffer);
 
+  // Whether that is why libldap could not send or receive.
+  bool LacksMemory() const { return lacks_memory_; }
+
  private:
   friend struct SealedIo;
 
@@ -49,6 +52,7 @@ class SealedLayer {
   std::string received_;    // a token that has not arrived as a whole
   std::string open_;        // what was in the last one, and has not been read
   std::size_t taken_ = 0;   // how much of it has
+  bool lacks_memory_ = false;
 };
 
 }  // namespace tavrel::plus

@@ -1,6 +1,7 @@
 // Every call that a membership's operation makes into another library fails once, and from then on.
 // The result says so, the keytab is whole, users are accepted, and repeating the operation ends
 // well.
+#include <dlfcn.h>
 #include <netinet/in.h>
 #include <unwind.h>
 
@@ -98,6 +99,25 @@ class Faults : public MembershipScenario {
   std::string Accepts() {
     std::vector<char> token = earlier->Token(account + "$@CORP.EXAMPLE.COM");
     return realm->Authenticate(token.data(), static_cast<int>(token.size()));
+  }
+
+  // Whether that library has called what is going on.
+  static bool IsBeneath(const char* library) {
+    struct Search {
+      const char* library;
+      bool found = false;
+    } search{library};
+    _Unwind_Backtrace(
+        [](_Unwind_Context* frame, void* data) {
+          auto& search = *static_cast<Search*>(data);
+          Dl_info info{};
+          dladdr(reinterpret_cast<void*>(_Unwind_GetIP(frame)), &info);
+          const std::string file = info.dli_fname != nullptr ? info.dli_fname : "";
+          search.found = search.found || file.find(search.library) != std::string::npos;
+          return _URC_NO_REASON;
+        },
+        &search);
+    return search.found;
   }
 
   std::unique_ptr<KrbRealm> realm;
@@ -312,6 +332,25 @@ TEST_F(Faults, OfAnAnswerThatCannotBeReadCostNoKey) {
   EXPECT_EQ(Accepts(), kAlice);
   EXPECT_THAT(Member().Rotate(kLimit), Changes());
   EXPECT_EQ(Accepts(), kAlice);
+}
+
+// An exception that passes through libldap leaves its locks taken, and closing the connection waits
+// for them.
+TEST_F(Faults, OfAnAllocationInWhatALibraryCallsAreItsFailures) {
+  NameMachine("called");
+  const std::pair<const char*, Step> places[] = {{"liblber", Step::kLookUp},
+                                                 {"libkrb5.so", Step::kSignIn}};
+  for (const auto& [library, step] : places) {
+    Forget();
+    std::optional<Result> result;
+    {
+      const Window window({Mode::kOneAllocation, 1, 0, [&] { return IsBeneath(library); }});
+      result = Enrol();
+    }
+    EXPECT_THAT(*result, Fails(Cause::kLibrary, step)) << library;
+  }
+
+  EXPECT_THAT(Enrol(), Changes());
 }
 
 TEST_F(Faults, OfAReadOnlyControllerLeaveItForTheNext) {
