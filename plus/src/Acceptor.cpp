@@ -107,6 +107,13 @@ Refusal Because(RefusalReason reason, std::string text) {
   return refusal;
 }
 
+// Likewise, because of a time that is off by so much.
+Refusal Off(RefusalReason reason, std::int64_t seconds, const char* text) {
+  Refusal refusal = Because(reason, text);
+  refusal.seconds = seconds;
+  return refusal;
+}
+
 // One line, level 3: a user was refused.
 void Record(const Refusal& refusal, Site site = Site::Here("Accept")) {
   logger.Warning({"Refused a token: ", site}, refusal.text, refusal.service.empty() ? "" : " for ",
@@ -249,6 +256,7 @@ struct Acceptor::Parts {
                                     const std::shared_ptr<const KeyRing>& ring) const;
   std::optional<Refusal> ReadTicket(Exchange& exchange, std::string_view plain) const;
   std::optional<Refusal> OpenAuthenticator(Exchange& exchange) const;
+  std::optional<Refusal> CheckEnd(std::int64_t end_time) const;
   std::optional<Refusal> CheckTimes(const Exchange& exchange) const;
   std::optional<Refusal> CheckSession(Exchange& exchange) const;
   std::optional<Refusal> CheckChannel(Exchange& exchange, std::string_view channel) const;
@@ -412,23 +420,23 @@ std::optional<Refusal> Acceptor::Parts::OpenAuthenticator(Exchange& exchange) co
   return std::nullopt;
 }
 
+std::optional<Refusal> Acceptor::Parts::CheckEnd(std::int64_t end_time) const {
+  const std::int64_t over = std::time(nullptr) - end_time;
+  if (over <= options.clock_tolerance) return std::nullopt;
+  return Off(RefusalReason::kExpired, over, "the ticket is over");
+}
+
 std::optional<Refusal> Acceptor::Parts::CheckTimes(const Exchange& exchange) const {
-  const auto off = [](RefusalReason reason, std::int64_t seconds, const char* text) {
-    Refusal refusal = Because(reason, text);
-    refusal.seconds = seconds;
-    return refusal;
-  };
+  if (auto over = CheckEnd(exchange.ticket.end_time)) return over;
   const std::int64_t now = std::time(nullptr);
   const std::int64_t tolerance = options.clock_tolerance;
-  const std::int64_t over = now - exchange.ticket.end_time;
-  if (over > tolerance) return off(RefusalReason::kExpired, over, "the ticket is over");
   const std::int64_t early = exchange.ticket.start_time - now;
   if (early > tolerance) {
-    return off(RefusalReason::kNotYetValid, early, "the ticket has not begun");
+    return Off(RefusalReason::kNotYetValid, early, "the ticket has not begun");
   }
   const std::int64_t ahead = exchange.authenticator.made - now;
   if (ahead > tolerance || -ahead > tolerance) {
-    return off(RefusalReason::kClock, ahead, "the client's clock is too far off");
+    return Off(RefusalReason::kClock, ahead, "the client's clock is too far off");
   }
   return std::nullopt;
 }
@@ -670,6 +678,7 @@ Acceptance Acceptor::Finish(const InitialToken& token, Negotiation::State& negot
   } else {
     const krb5_keyblock key = Borrowed(negotiation.key.View(), negotiation.enctype);
     result.refusal = CheckMic(lease.Context(), key, negotiation.sequence, token);
+    if (!result.refusal) result.refusal = parts_->CheckEnd(negotiation.identity->end_time);
   }
   const std::string service = Cleaned(negotiation.identity->service);
   if (result.refusal) {

@@ -3,8 +3,12 @@
 #include <gssapi/gssapi.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <ctime>
 #include <fstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Der.h"
@@ -194,6 +198,34 @@ TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {
                 AnyOf("the mechListMIC is not of this list", "a token in place of a mechListMIC"));
     EXPECT_FALSE(Accept(Response(Signature(client.Mic(list))))) << "it is over";
   }
+}
+
+TEST_F(ANegotiation, EndsWithNobodyWhenTheTicketIsOverMeanwhile) {
+  Service strict;
+  strict.options.clock_tolerance = 1;
+  const auto judge = strict.Make();
+  ForgedTicket ticket = TicketWithPac();
+  std::string signature;
+  for (int seconds = 1; signature.empty(); seconds *= 2) {  // more on a machine that is slow
+    try {
+      ticket.endtime = static_cast<krb5_timestamp>(std::time(nullptr)) + seconds;
+      TicketHolder client(ticket, GSS_C_MUTUAL_FLAG);
+      negotiation = Negotiation();
+      judge->Accept(first_token, "", negotiation);
+      const Acceptance second = judge->Accept(Response(Offer(client.Step())), "", negotiation);
+      if (Reason(second) != RefusalReason::kUnfinished) continue;
+      client.Step(Part(second.reply, 2));
+      signature = Response(Signature(client.Mic(list)));
+    } catch (const std::runtime_error&) {  // the client knows that it is over
+    }
+  }
+  while (std::time(nullptr) <= ticket.endtime + 1)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+
+  const Acceptance third = judge->Accept(signature, "", negotiation);
+
+  EXPECT_EQ(Reason(third), RefusalReason::kExpired);
+  EXPECT_GT(third.refusal->seconds, 1);
 }
 
 // Somebody on the way made Kerberos look like the second choice.
