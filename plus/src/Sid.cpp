@@ -9,7 +9,6 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;  // revision, count, authority
 constexpr std::size_t kPartSize = 4;
 constexpr char kRevision = 1;
-constexpr std::uint64_t kLargestAuthority = 0xFFFFFFFFFFFF;
 constexpr std::size_t kHexDigits = 12;  // of an authority
 constexpr std::uint64_t kLargestDecimalAuthority = 0xFFFFFFFF;
 
@@ -56,8 +55,7 @@ std::optional<Sid> Sid::FromText(std::string_view text) {
   Sid sid;
   if (TakePrefix(text, "0x")) {
     const std::size_t behind = text.size();
-    if (!TakeNumber(text, kLargestAuthority, sid.authority_, 16) ||
-        behind - text.size() != kHexDigits) {
+    if (!TakeNumber(text, UINT64_MAX, sid.authority_, 16) || behind - text.size() != kHexDigits) {
       return std::nullopt;
     }
   } else if (!TakeNumber(text, kLargestDecimalAuthority, sid.authority_)) {

@@ -137,7 +137,7 @@ def _edits(code):
 
     for match in re.finditer(r"\breturn ([^;]+);", plain):
         value = code[match.start(1):match.end(1)]
-        if value.strip() not in ("{}", "nullptr", '""'):
+        if value.strip() not in ("{}", "nullptr", "std::nullopt", '""'):
             yield "result", match.start(1), match.end(1), "{}" + "\n" * value.count("\n")
 
     for start, end in _statements(plain):

@@ -388,6 +388,21 @@ TEST(WhatNobodyKnows, IsPassedOverOnlyWhereThatMayBe) {
   EXPECT_EQ(reason(Data(if_relevant(Data(if_relevant(Data(unknown)))))), std::nullopt);
   EXPECT_EQ(reason(Data(if_relevant(Data(unknown)) + unknown)), kMalformed);
   EXPECT_EQ(reason(Data(unknown + if_relevant(Data(known)))), kMalformed);
+  EXPECT_EQ(reason(Data(if_relevant(Data(known)) + if_relevant(Data("z")))), kMalformed);
+  EXPECT_EQ(reason(Data(if_relevant(Data("z")) + if_relevant(Data(known)))), kMalformed);
+}
+
+TEST(WhatTheLibraryJudges, ItJudgesByTheClocksThatAreTolerated) {
+  Service service;
+  service.options.require_pac = false;
+  service.options.clock_tolerance = 1200;
+  ForgedToken token;
+  token.of_ticket[10] = AuthorizationData(7, "x");
+  token.of_authenticator[5] = der::Time(static_cast<krb5_timestamp>(std::time(nullptr)) - 600);
+
+  const Acceptance result = service.Make()->Accept(token.Bytes());
+
+  EXPECT_TRUE(result) << result.refusal->text;
 }
 
 // RFC 4120, 5.5.2.

@@ -76,10 +76,12 @@ TEST(APac, OfFewPartsHasNoOthers) {
   user.resource_groups.clear();
   user.resource_domain.clear();
   const std::string info = ValidationInfo(user);
+  const std::string upn = UpnDnsInfo("alice@example.com", "CORP.EXAMPLE.COM", 2, "alice", kUser);
 
-  const Decoded pac({info, {}, {}, {}, {}});
+  const Decoded pac({info, upn, {}, {}, {}});
 
   ASSERT_EQ(pac.wrong, "");
+  EXPECT_FALSE(pac.result.upn_is_made_up);
   EXPECT_EQ(pac.result.full_name, "");
   EXPECT_THAT(pac.result.groups, IsEmpty());
   EXPECT_THAT(pac.result.extra_sids, IsEmpty());
@@ -188,6 +190,14 @@ TEST(APac, ThatDoesNotAddUpIsRefused) {
   EXPECT_EQ(wrong(of_a_long_domain), "its validation information does not add up");
   EXPECT_EQ(wrong(without_resource_domain), "its validation information does not add up");
   EXPECT_EQ(wrong(in_nothing), "its validation information does not add up");
+  // Version, byte order, length of the header, length of the content.
+  for (const std::size_t at : {0U, 1U, 2U, 8U}) {
+    std::string of_another_kind = info;
+    ++of_another_kind[at];
+    EXPECT_EQ(Decoded({of_another_kind, {}, {}, {}, {}}).wrong,
+              "its validation information is cut off")
+        << at;
+  }
   const std::string of_another = UpnDnsInfo("a@b", "B", 2, "a", "S-1-5-21-1-2-3-1106");
   EXPECT_EQ(Decoded({info, of_another, {}, {}, {}}).wrong, "its parts name two users");
   of_a_long_domain.groups.clear();
@@ -237,11 +247,14 @@ TEST(Utf16Text, BecomesUtf8OrNothing) {
   EXPECT_EQ(text("\xE9\0"sv), "\xC3\xA9");
   EXPECT_EQ(text("\xAC\x20"), "\xE2\x82\xAC");
   EXPECT_EQ(text("\x3D\xD8\x00\xDE"sv), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(text("\x00\xD8\x00\xDC"sv), "\xF0\x90\x80\x80");
+  EXPECT_EQ(text("\xFF\xDB\xFF\xDF"), "\xF4\x8F\xBF\xBF");
   EXPECT_EQ(text("a"), "(none)");
   EXPECT_EQ(text("\0\0"sv), "(none)");
   EXPECT_EQ(text("\x3D\xD8"), "(none)");
   EXPECT_EQ(text("\x3D\xD8z\0"sv), "(none)");
   EXPECT_EQ(text("\x3D\xD8\x00\xE0"sv), "(none)");
+  EXPECT_EQ(text("\x00\xD8\xFF\xDB"sv), "(none)");
   EXPECT_EQ(text("\x00\xDE"sv), "(none)");
 }
 

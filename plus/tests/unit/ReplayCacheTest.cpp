@@ -1,5 +1,6 @@
 #include "ReplayCache.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -19,6 +20,7 @@ namespace tavrel::plus::tests {
 namespace {
 
 using tavrel::tests::ScratchFolder;
+using testing::AnyOf;
 using testing::HasSubstr;
 using Verdict = ReplayCache::Verdict;
 
@@ -140,6 +142,27 @@ TEST_F(AReplayCache, TellsOneThreadAtMostThatARequestIsNew) {
   EXPECT_EQ(most, 1);
 }
 
+// Two threads that want the same place do not lose one of their records.
+TEST_F(AReplayCache, RemembersWhatItTookFromOneThreadBesideAnother) {
+  std::atomic<int> forgotten = 0;
+  const auto sign_in = [&](const std::string& name) {
+    const auto cache = Open();
+    for (std::uint32_t i = 0; i < 200000; ++i) {
+      const std::string request = name + std::to_string(i);
+      if (cache->Remember(request, kNoon + i) == Verdict::kNew &&
+          cache->Remember(request, kNoon + i) == Verdict::kNew)
+        ++forgotten;
+    }
+  };
+  const auto made = Open();
+
+  std::thread other(sign_in, "other");
+  sign_in("one");
+  other.join();
+
+  EXPECT_EQ(forgotten, 0);
+}
+
 TEST_F(AReplayCache, KeepsToTheSizeThatItFound) {
   const auto cache = Open();
   std::fstream file(path_, std::ios::in | std::ios::out);
@@ -193,6 +216,22 @@ TEST_F(AReplayCache, KeepsNoDescriptor) {
   EXPECT_EQ(descriptors(), before);
 }
 
+TEST_F(AReplayCache, MayHaveTheDescriptorOfStandardInput) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+
+  const auto made = Open();
+  const auto opened = Open();
+
+  const bool is_kept = fcntl(STDIN_FILENO, F_GETFD) != -1;
+  if (input != -1) {
+    dup2(input, STDIN_FILENO);
+    close(input);
+  }
+  EXPECT_TRUE(made && opened) << error_;
+  EXPECT_FALSE(is_kept);
+}
+
 TEST_F(AReplayCache, IsOfItsOwnerAlone) {
   ASSERT_TRUE(Open());
   struct stat status {};
@@ -233,6 +272,15 @@ TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
   path_ = folder_ / std::string(300, 'x');
   EXPECT_FALSE(Open());
   EXPECT_THAT(error_, HasSubstr("File name too long"));
+}
+
+TEST_F(AReplayCache, CanLieInTheRootFolder) {
+  path_ = "/tavrel-replay-" + std::to_string(getpid());
+
+  Open();
+
+  unlink(path_.c_str());
+  EXPECT_THAT(error_, AnyOf("", HasSubstr("denied"), HasSubstr("Read-only")));
 }
 
 }  // namespace

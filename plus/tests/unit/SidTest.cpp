@@ -81,6 +81,7 @@ TEST(Sid, RefusesTextThatIsNotExactlyOne) {
                            "S-1-0x5",
                            "S-1-0x0100000000000a",
                            "S-1-0x1000000000000",
+                           "5-21",
                            "S-1-5-32\n"}) {
     EXPECT_FALSE(Sid::FromText(text)) << text;
   }

@@ -145,7 +145,9 @@ TEST(ADerReader, TakesTheOneEncodingOfALength) {
   const auto takes = [](const std::string& bytes) {
     der::Reader reader(bytes);
     std::string_view content;
-    return reader.Take(der::kOctetString, content) && reader.Empty();
+    const bool taken = reader.Take(der::kOctetString, content);
+    EXPECT_EQ(reader.Empty(), taken) << "what is refused stays there";
+    return taken;
   };
   const std::string of_200(200, 'x');
 
@@ -161,6 +163,8 @@ TEST(ADerReader, TakesTheOneEncodingOfALength) {
   EXPECT_FALSE(takes("\x04\x84\xFF\xFF\xFF\xFF"));
   EXPECT_FALSE(takes("\x04\x85\x01\x01\x01\x01\x01"));
   EXPECT_FALSE(takes("\x05\x01x"));
+  EXPECT_EQ(Value(der::kOctetString, std::string(127, 'x')).substr(0, 2), "\x04\x7F");
+  EXPECT_EQ(Value(der::kOctetString, std::string(128, 'x')).substr(0, 3), "\x04\x81\x80");
 }
 
 TEST(ADerReader, TakesTheOneEncodingOfAnInteger) {
