@@ -73,7 +73,7 @@ std::string Pac(const std::string& keytab_path, const std::string& token) {
   return pac;
 }
 
-void Show(const Acceptance& result, const std::string& pac) {
+void Show(const Acceptance& result, const std::string& pac, const std::vector<Sid>& asked) {
   std::cout << "{\"reply\":\"" << Hex(result.reply) << "\"";
   if (result.refusal) {
     std::cout << ",\"refused\":\"" << Name(result.refusal->reason)
@@ -100,7 +100,15 @@ void Show(const Acceptance& result, const std::string& pac) {
               << ",\"account_flags\":" << known.account_flags
               << ",\"groups\":" << List(known.groups)
               << ",\"extra_sids\":" << List(known.extra_sids)
-              << ",\"resource_groups\":" << List(known.resource_groups) << ",\"delegation\":";
+              << ",\"resource_groups\":" << List(known.resource_groups);
+    std::vector<std::string> of_domains;
+    std::vector<std::string> member_of;
+    for (const Sid& sid : asked) {
+      if (user.IsOfDomain(sid)) of_domains.push_back(sid.ToText());
+      if (user.IsMemberOf(sid)) member_of.push_back(sid.ToText());
+    }
+    std::cout << ",\"of_domains\":" << List(of_domains) << ",\"member_of\":" << List(member_of)
+              << ",\"delegation\":";
     if (known.delegation) {
       std::cout << "[" << Quoted(known.delegation->target) << "," << List(known.delegation->through)
                 << "]";
@@ -114,9 +122,11 @@ void Show(const Acceptance& result, const std::string& pac) {
 
 }  // namespace
 
-// KEYTAB REPLAY_FILE [rc4] [no-pac] [required] [SERVICE...]
+// KEYTAB REPLAY_FILE [rc4] [no-pac] [required] [SERVICE|SID...]; of the identifiers it says which
+// the user's domain is, and in which the user is a member.
 int main(int argc, char** argv) {
   AcceptorOptions options;
+  std::vector<Sid> asked;
   options.keytab = argv[1];
   options.replay_file = argv[2];
   for (int i = 3; i < argc; ++i) {
@@ -127,6 +137,8 @@ int main(int argc, char** argv) {
       options.require_pac = false;
     } else if (word == "required") {
       options.channel_binding = ChannelBinding::kRequired;
+    } else if (const auto sid = Sid::FromText(word)) {
+      asked.push_back(*sid);
     } else {
       options.services.push_back(word);
     }
@@ -146,6 +158,6 @@ int main(int argc, char** argv) {
     token = FromHex(token);
     channel = channel.substr(0, 5) == "cert:" ? TlsServerEndPoint(FromHex(channel.substr(5)))
                                               : FromHex(channel);
-    Show(acceptor->Accept(token, channel), Pac(options.keytab, token));
+    Show(acceptor->Accept(token, channel), Pac(options.keytab, token), asked);
   }
 }

@@ -19,7 +19,8 @@ int main() {  // reads one token from standard input
     std::cout << Name(result.refusal->reason) << ": " << result.refusal->text << '\n';
     return 1;
   }
-  const auto admins = tavrel::plus::Sid::FromText("S-1-5-21-1-2-3-512");
-  std::cout << result.identity->RealmAndName()
-            << (result.identity->IsMemberOf(*admins) ? " may\n" : " may not\n");
+  const tavrel::plus::Identity& user = *result.identity;
+  const auto domain = tavrel::plus::Sid::FromText("S-1-5-21-1-2-3");
+  const bool may = user.IsOfDomain(*domain) && user.IsMemberOf(*domain->WithRid(512));
+  std::cout << user.RealmAndName() << (may ? " may\n" : " may not\n");
 }

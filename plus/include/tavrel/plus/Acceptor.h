@@ -81,7 +81,7 @@ enum class RefusalReason {
   kExpired,                ///< the ticket is over
   kNotYetValid,            ///< the ticket has not begun
   kClock,                  ///< the client's clock is too far off
-  kReplay,                 ///< the token was accepted before
+  kReplay,                 ///< the token was accepted before, or may have been
   kChannelBindingMissing,  ///< the client did not bind its token, or the caller named no channel
   kChannelBindingWrong,    ///< the token was made for another channel
   kPacMissing,             ///< the ticket has no PAC
@@ -134,7 +134,8 @@ class TAVREL_EXPORT Negotiation {
 };
 
 /// Accepts users by the keys of a keytab. It needs no network and no administrator, and writes the
-/// replay file alone. One object serves all threads.
+/// replay file alone. One object serves all threads. It says who signs in, and leaves nothing else:
+/// no context that seals messages, no credentials that the client delegated.
 ///
 /// The keytab is read when the acceptor is made and again when the file changes; while a
 /// replacement is not whole, the keys read before stay in use. Nothing is thrown for what a peer

@@ -96,7 +96,7 @@ struct TAVREL_EXPORT Identity {
   std::string RealmAndName() const;
 
   /// True when `sid` is the user or one of the user's groups that may grant something. False
-  /// without a PAC.
+  /// without a PAC. Whoever administers a trusted domain may name any group: see IsOfDomain().
   bool IsMemberOf(const Sid& sid) const;
 
   /// True when the client is of the service's own realm and its identifier of the domain `domain`.
