@@ -33,6 +33,8 @@ class AReplayCache : public testing::Test {
     return ReplayCache::Open(path_, capacity, error_);
   }
 
+  std::string Of(const std::string& what) const { return "replay file " + path_ + ": " + what; }
+
   ScratchFolder folder_;
   std::string path_ = folder_ / "replay";
   std::string error_;
@@ -240,7 +242,7 @@ TEST_F(AReplayCache, IsOfItsOwnerAlone) {
 
   ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
   EXPECT_FALSE(Open());
-  EXPECT_THAT(error_, HasSubstr("not a file of this user's alone"));
+  EXPECT_EQ(error_, Of("not a file of this user's alone"));
   ASSERT_EQ(chmod(path_.c_str(), 0600), 0);
   ASSERT_EQ(chown(path_.c_str(), 65534, 65534), 0);
   EXPECT_FALSE(Open());
@@ -256,22 +258,22 @@ TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
 
   std::filesystem::resize_file(path_, 4096 + 1024 * 8 - 1);
   EXPECT_FALSE(Open());
-  EXPECT_THAT(error_, HasSubstr("not a replay file"));
+  EXPECT_EQ(error_, Of("not a replay file"));
   std::filesystem::resize_file(path_, 0);
   EXPECT_FALSE(Open());
   std::filesystem::remove(path_);
   ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
   EXPECT_FALSE(Open());
-  EXPECT_THAT(error_, HasSubstr("not a file of this user's alone"));
+  EXPECT_EQ(error_, Of("not a file of this user's alone"));
   std::filesystem::remove(path_);
   std::ofstream(path_) << std::string(4096 + 1024 * 8, 'x');
   EXPECT_FALSE(Open());
   path_ = folder_ / "none/replay";
   EXPECT_FALSE(Open());
-  EXPECT_THAT(error_, HasSubstr("No such file or directory"));
+  EXPECT_EQ(error_, Of("No such file or directory"));
   path_ = folder_ / std::string(300, 'x');
   EXPECT_FALSE(Open());
-  EXPECT_THAT(error_, HasSubstr("File name too long"));
+  EXPECT_EQ(error_, Of("File name too long"));
 }
 
 TEST_F(AReplayCache, CanLieInTheRootFolder) {
