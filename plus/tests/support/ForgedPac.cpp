@@ -157,13 +157,18 @@ PacParts PartsOf(const ForgedUser& user) {
 std::string SignedPac(const ForgedTicket& ticket, const PacParts& parts) {
   krb5_context context = nullptr;
   Check(krb5_init_context(&context), "context");
-  krb5_pac pac = nullptr;
-  Check(krb5_pac_init(context, &pac), "PAC");
+  // Parsed, since the library does not add a part of a type that is there.
+  NdrWriter head;
+  head.Put32(parts.size()).Put32(0);
+  std::string contents;
   for (const auto& [type, content] : parts) {
-    std::string bytes = content;
-    const krb5_data data{0, static_cast<unsigned>(bytes.size()), bytes.data()};
-    Check(krb5_pac_add_buffer(context, pac, type, &data), "PAC's part");
+    head.Put32(type).Put32(content.size()).Put(8, 8 + 16 * parts.size() + contents.size());
+    contents += content;
+    contents.resize((contents.size() + 7) / 8 * 8);
   }
+  const std::string parsed = head.Bytes() + contents;
+  krb5_pac pac = nullptr;
+  Check(krb5_pac_parse(context, parsed.data(), parsed.size(), &pac), "PAC");
   std::string name;
   for (const std::string& component : ticket.client) {
     name += (name.empty() ? "" : "/") + component;

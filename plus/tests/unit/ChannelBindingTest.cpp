@@ -97,6 +97,17 @@ TEST_F(ABindingClient, CannotBeStrippedOfItsChannel) {
   EXPECT_EQ(stripped.refusal->reason, RefusalReason::kChannelBindingMissing);
 }
 
+TEST_F(ABindingClient, SaysSoWithOneBit) {
+  const auto sign_in = [&](const std::string& options) {
+    ForgedToken token;
+    token.of_authenticator[8] = AuthorizationData(143, options);
+    return acceptor->Accept(token.Bytes(), ours);
+  };
+
+  EXPECT_TRUE(sign_in(std::string("\xFF\xBF\xFF\xFF", 4)));
+  EXPECT_FALSE(sign_in(std::string("\x00\x40\x00\x00", 4)));
+}
+
 TEST_F(ABindingClient, MustHaveComeThroughThisChannel) {
   const Acceptance right = SignIn(true, ours);
   const Acceptance relayed = SignIn(true, "tls-server-end-point:theirs");

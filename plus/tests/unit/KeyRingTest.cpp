@@ -143,6 +143,22 @@ TEST(AKeytab, IsReadAgainUntilAChangeWouldShow) {
   krb5_free_context(context);
 }
 
+TEST(AKeytab, IsLookedAtThoughNoTicketMissedAKey) {
+  const Service service;
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+  KeyStore store(service.options.keytab, {});
+  std::string error;
+  ASSERT_TRUE(store.Open(context, error)) << error;
+  const auto before = store.Current(context).now;
+
+  AddKey(service.options.keytab, WithKey("Next.1", 2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));  // it is looked at every 100
+
+  EXPECT_NE(store.Current(context).now, before);
+  krb5_free_context(context);
+}
+
 // Of one size all the time.
 TEST(AKeytab, ThatChangesInAnyWayIsReadAgain) {
   const Service service;
@@ -199,7 +215,21 @@ TEST(AKeytab, WithoutAKeyRefusesItsTicketsThreeSecondsLater) {
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GE(took, std::chrono::seconds(3));
   EXPECT_LT(took, std::chrono::seconds(20));
-  EXPECT_TRUE(acceptor->Accept(of_key));
+
+  // A change would show by now: the file is left alone.
+  const auto accept_for = [&](std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    do {
+      EXPECT_TRUE(acceptor->Accept(of_key));
+    } while (std::chrono::steady_clock::now() < end);
+  };
+  accept_for(std::chrono::milliseconds(1200));
+  const int watch = inotify_init1(IN_NONBLOCK);
+  ASSERT_GE(inotify_add_watch(watch, service.options.keytab.c_str(), IN_OPEN), 0);
+  accept_for(std::chrono::milliseconds(300));
+  char event[sizeof(inotify_event) + NAME_MAX + 1];
+  EXPECT_EQ(read(watch, event, sizeof event), -1);
+  close(watch);
 }
 
 TEST(AKeytab, ThatSomebodyLocksHoldsUpOneThread) {

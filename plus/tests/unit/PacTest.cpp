@@ -140,7 +140,18 @@ TEST(AnNdrReader, TakesNothingBehindTheEnd) {
     reader.TakeText();
     return !reader.Ok();
   };
+  const auto body_fails = [](std::uint32_t room, std::uint32_t length) {
+    NdrWriter writer;
+    writer.Put16(4).Put16(4).PutPointer(true).Put32(room).Put32(0).Put32(length);
+    const std::string bytes = writer.PutBytes(Utf16("ab")).Bytes();
+    NdrReader reader(bytes);
+    reader.TakeTextBody(reader.TakeText());
+    return !reader.Ok();
+  };
 
+  EXPECT_FALSE(body_fails(2, 2));
+  EXPECT_TRUE(body_fails(1, 2));
+  EXPECT_TRUE(body_fails(2, 1));
   EXPECT_FALSE(fails(std::string(4, 'x'), 0));
   EXPECT_FALSE(fails(std::string(8, 'x'), 1)) << "aligned";
   EXPECT_TRUE(fails(std::string(3, 'x'), 0));

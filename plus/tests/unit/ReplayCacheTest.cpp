@@ -276,7 +276,16 @@ TEST_F(AReplayCache, IsNotMadeOfAnotherFile) {
   EXPECT_EQ(error_, Of("File name too long"));
 }
 
-TEST_F(AReplayCache, CanLieInTheRootFolder) {
+TEST_F(AReplayCache, LiesWhereItsPathSays) {
+  const auto folder = std::filesystem::current_path();
+  std::filesystem::current_path("/proc");  // no file can be made here
+  EXPECT_TRUE(Open()) << error_;
+  std::filesystem::current_path(folder_ / "");
+  path_ = "another";
+  EXPECT_TRUE(Open()) << error_;
+  EXPECT_TRUE(std::filesystem::exists(folder_ / "another"));
+  std::filesystem::current_path(folder);
+
   path_ = "/tavrel-replay-" + std::to_string(getpid());
 
   Open();
