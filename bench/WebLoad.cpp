@@ -3,12 +3,13 @@
 //   tavrel_bench_web --keytab FILE
 //     writes the key of HTTP/box.corp.example.com, for which the tokens are
 //   tavrel_bench_web (--to PORT | --helper COMMAND) [--requests N] [--connections N] [--users N]
-//                    [--close] [--cookie] [--session ID]...
+//                    [--close] [--cookie | --open] [--session ID]...
 //     makes the tokens, then asks, and prints: microseconds of processor time a request, of the
 //     processes in those sessions (see setsid(2)) and of the helper's; requests a second; the 99th
 //     of a hundred latencies in microseconds. Each answer has to be good, and to have a reply in
 //     it. With --cookie each connection signs in once, before the clock starts, and its requests
-//     have the session. A helper speaks Squid's protocol.
+//     have the session. With --open the server lets everybody in: no reply is asked for. A helper
+//     speaks Squid's protocol.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -72,6 +73,7 @@ struct Options {
   std::size_t users = 100;
   bool close = false;
   bool cookie = false;
+  bool open = false;
   std::set<pid_t> sessions;
 };
 
@@ -154,13 +156,13 @@ bool Receive(int from, std::string& text) {
 
 class HttpPeer : public Peer {
  public:
-  HttpPeer(std::uint16_t port, bool close) : port_(port), close_(close) {}
+  HttpPeer(std::uint16_t port, bool close, bool open) : port_(port), close_(close), open_(open) {}
   ~HttpPeer() override { Disconnect(); }
 
   void SignIn(const std::string& token) override {
     const std::string header = Ask("Authorization: Negotiate " + token + "\r\n");
     const std::string lower = Lower(header);  // HAProxy writes all names so
-    if (lower.find("www-authenticate: negotiate ") == std::string::npos) {
+    if (!open_ && lower.find("www-authenticate: negotiate ") == std::string::npos) {
       throw std::runtime_error("no reply in: " + header);
     }
     const std::size_t cookie = lower.find("set-cookie: ");
@@ -212,6 +214,7 @@ class HttpPeer : public Peer {
 
   const std::uint16_t port_;
   const bool close_;
+  const bool open_;
   int socket_ = -1;
   std::string cookie_;
 };
@@ -289,7 +292,7 @@ void Race(Options options) {
       options.cookie ? options.connections : options.requests + options.connections, options.users);
   for (std::size_t i = 0; i < options.connections; ++i) {
     if (options.helper.empty()) {
-      auto peer = std::make_unique<HttpPeer>(options.port, options.close);
+      auto peer = std::make_unique<HttpPeer>(options.port, options.close, options.open);
       if (options.cookie) sessions[i] = peer.get();
       peers.push_back(std::move(peer));
     } else {
@@ -299,7 +302,7 @@ void Race(Options options) {
     }
     peers[i]->SignIn(tokens[tokens.size() - 1 - i]);  // what a start costs is not measured
   }
-  ExpectReplayRefused(*peers[0], tokens.back());
+  if (!options.open) ExpectReplayRefused(*peers[0], tokens.back());
 
   std::vector<std::vector<double>> latencies(options.connections);
   std::vector<std::exception_ptr> failures(options.connections);
@@ -344,6 +347,7 @@ int main(int argc, char** argv) {
                                  {"users", required_argument, nullptr, 'u'},
                                  {"close", no_argument, nullptr, 'x'},
                                  {"cookie", no_argument, nullptr, 'o'},
+                                 {"open", no_argument, nullptr, 'a'},
                                  {"session", required_argument, nullptr, 's'},
                                  {nullptr, 0, nullptr, 0}};
   signal(SIGPIPE, SIG_IGN);
@@ -359,6 +363,7 @@ int main(int argc, char** argv) {
         case 'u': options.users = std::stoul(optarg); break;
         case 'x': options.close = true; break;
         case 'o': options.cookie = true; break;
+        case 'a': options.open = true; break;
         case 's': options.sessions.insert(std::stoi(optarg)); break;
         default: return 64;
       }
