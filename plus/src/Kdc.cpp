@@ -506,8 +506,9 @@ Failure Kdc::ChangePassword(krb5_ccache cache, const Secret& password, bool& is_
   krb5_data answer = Data(whole.substr(kHeader + proof_size));
   // The sender's address is none that could be compared.
   code = krb5_auth_con_setaddrs(context_, auth, nullptr, nullptr);
+  if (code != 0) return Explain(code);
   krb5_data content{};
-  if (code == 0) code = krb5_rd_priv(context_, auth, &answer, &content, nullptr);
+  code = krb5_rd_priv(context_, auth, &answer, &content, nullptr);
   if (code != 0) return {Cause::kNotTrusted, KrbMessage(context_, code)};
   const KrbContents owned_content(&content, {context_});
   const std::string_view result = View(content);
