@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <stdexcept>
 #include <thread>
 
 #include "authd/Log.h"
@@ -61,22 +62,31 @@ std::string HttpRequest::AllHeaders(const char* name) const {
   struct Search {
     const char* name;
     std::string all;
-  } search{name, ""};
+    std::exception_ptr failure;
+  } search{name, "", nullptr};
   const auto collect = [](void* to, MHD_ValueKind /*kind*/, const char* header,
-                          const char* value) -> MHD_Result {
+                          const char* value) noexcept -> MHD_Result {
     auto* const into = static_cast<Search*>(to);
     if (strcasecmp(header, into->name) != 0 || value == nullptr) return MHD_YES;
-    if (!into->all.empty()) into->all += ',';
-    into->all += value;
-    return MHD_YES;
+    try {
+      if (!into->all.empty()) into->all += ',';
+      into->all += value;
+    } catch (...) {
+      into->failure = std::current_exception();
+    }
+    return into->failure ? MHD_NO : MHD_YES;
   };
   MHD_get_connection_values(connection_, MHD_HEADER_KIND, collect, &search);
+  if (search.failure) std::rethrow_exception(search.failure);
   return search.all;
 }
 
 std::optional<Address> HttpRequest::Peer() const {
+  if (local_) return std::nullopt;
   const auto* const info = MHD_get_connection_info(connection_, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-  return info != nullptr ? Address::Of(info->client_addr) : std::nullopt;
+  auto address = info != nullptr ? Address::Of(info->client_addr) : std::nullopt;
+  if (!address) throw std::runtime_error("the client has no address");
+  return address;
 }
 
 // --- connections ---------------------------------------------------------------------------------
@@ -111,6 +121,7 @@ struct HttpServer::Callbacks {
                      MHD_ConnectionNotificationCode what) noexcept {
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
       Connection* const none = nullptr;
+      // cppcheck-suppress throwInNoexceptFunction  ; Guarded() lets none through
       *context = Guarded([&] { return Server(server).Opened(connection); }, none);
     } else if (*context != nullptr) {
       Server(server).Closed(static_cast<Connection*>(std::exchange(*context, nullptr)));
@@ -136,7 +147,7 @@ struct HttpServer::Callbacks {
     static char seen;
     *size = 0;
     if (Of(connection) == nullptr) return MHD_NO;  // its limits would not hold
-    const HttpRequest request(connection, path);
+    const HttpRequest request(connection, path, Server(server).local_);
     if (std::exchange(*state, &seen) == nullptr && !HasBody(request)) return MHD_YES;
     return Guarded(
         [&] { return Server(server).Respond(connection, Server(server).handler_(request)); },
@@ -146,7 +157,11 @@ struct HttpServer::Callbacks {
 
 std::unique_ptr<HttpServer> HttpServer::Start(int listener, const HttpLimits& limits,
                                               Handler handler) {
-  std::unique_ptr<HttpServer> server(new HttpServer(limits, std::move(handler)));
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) return nullptr;
+  const bool local = address.ss_family == AF_UNIX;
+  std::unique_ptr<HttpServer> server(new HttpServer(limits, local, std::move(handler)));
   void* const self = server.get();
   const unsigned int threads = std::max(std::thread::hardware_concurrency(), kLeastThreads);
   server->daemon_ = MHD_start_daemon(
@@ -183,7 +198,7 @@ bool HttpServer::MayConnect(const sockaddr* address) {
 HttpServer::Connection* HttpServer::Opened(MHD_Connection* connection) {
   const auto* const fd = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
   const int socket = fd != nullptr ? fd->connect_fd : -1;
-  auto client = HttpRequest(connection, "").Peer();
+  auto client = HttpRequest(connection, "", local_).Peer();
   if (client) client = client->Client();
   const std::lock_guard<std::mutex> lock(mutex_);
   unsigned int* const open = client ? &of_client_[*client] : nullptr;

@@ -23,8 +23,9 @@ namespace tavrel::tools {
 // A request's header, valid while it is answered.
 class HttpRequest {
  public:
-  HttpRequest(MHD_Connection* connection, std::string_view path)
-      : connection_(connection), path_(path) {}
+  // With `local` every client is a process of this machine.
+  HttpRequest(MHD_Connection* connection, std::string_view path, bool local)
+      : connection_(connection), path_(path), local_(local) {}
 
   std::string_view path() const { return path_; }
   // The first header, cookie or parameter of the query of that name; empty when there is none. The
@@ -35,6 +36,7 @@ class HttpRequest {
   // All headers of that name, as if they were one (RFC 9110, 5.2).
   std::string AllHeaders(const char* name) const;
   // Who is at the other end of the connection; nothing when that is a process of this machine.
+  // Throws std::runtime_error when nobody knows.
   std::optional<Address> Peer() const;
 
  private:
@@ -42,6 +44,7 @@ class HttpRequest {
 
   MHD_Connection* connection_;
   std::string_view path_;
+  bool local_;
 };
 
 struct HttpAnswer {
@@ -89,8 +92,8 @@ class HttpServer {
   };
   struct Callbacks;  // of libmicrohttpd
 
-  HttpServer(const HttpLimits& limits, Handler handler)
-      : limits_(limits), handler_(std::move(handler)) {}
+  HttpServer(const HttpLimits& limits, bool local, Handler handler)
+      : limits_(limits), local_(local), handler_(std::move(handler)) {}
 
   bool MayConnect(const sockaddr* address);
   Connection* Opened(MHD_Connection* connection);
@@ -100,6 +103,7 @@ class HttpServer {
   MHD_Result Respond(MHD_Connection* connection, const HttpAnswer& answer) const;
 
   const HttpLimits limits_;
+  const bool local_;  // it listens at a Unix socket
   const Handler handler_;
   MHD_Daemon* daemon_ = nullptr;
   int quiesced_ = -1;  // the listening socket, once it is ours again
