@@ -64,11 +64,17 @@ bool Describe(const plus::Identity& identity, std::int64_t now, User& user) {
   return true;
 }
 
+// Looked up once, since that takes as long as the digest; each time, if it failed then.
+const EVP_MD* Sha256() {
+  static const EVP_MD* const kDigest = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return kDigest != nullptr ? kDigest : EVP_sha256();
+}
+
 std::string Digest(std::string_view text) {
   std::string digest(EVP_MAX_MD_SIZE, '\0');
   unsigned int size = 0;
   if (EVP_Digest(text.data(), text.size(), reinterpret_cast<unsigned char*>(digest.data()), &size,
-                 EVP_sha256(), nullptr) != 1) {
+                 Sha256(), nullptr) != 1) {
     return "";
   }
   digest.resize(size);
@@ -79,6 +85,7 @@ std::string Digest(std::string_view text) {
 std::string RepeatKey(const Question& question, std::string_view token) {
   const std::string client = question.client ? question.client->Text() : "";
   std::string parts;
+  parts.reserve(token.size() + 512);
   for (const std::string_view part :
        {question.request, token, question.host, std::string_view{client}}) {
     parts += std::to_string(part.size()) + ":";
@@ -116,7 +123,7 @@ void Gate::Repeats::Keep(const std::string& key, const Answer& answer, std::int6
   }
   if (by_key_.count(key) != 0) return;
   kept_.push_back({key, answer, now + kRepeatSeconds});
-  by_key_[key] = std::prev(kept_.end());
+  by_key_[kept_.back().key] = std::prev(kept_.end());
 }
 
 void Gate::SetRules(std::shared_ptr<const Rules> rules) {

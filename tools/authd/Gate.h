@@ -79,8 +79,8 @@ class Gate {
       std::int64_t until;
     };
     std::mutex mutex_;
-    std::list<Kept> kept_;  // oldest first
-    std::unordered_map<std::string, std::list<Kept>::iterator> by_key_;
+    std::list<Kept> kept_;                                                    // oldest first
+    std::unordered_map<std::string_view, std::list<Kept>::iterator> by_key_;  // whose keys it views
   };
   Repeats repeats_;
 };

@@ -47,19 +47,27 @@ std::optional<std::string> FromDigits(std::string_view text, const Digits& digit
   if (text.empty() || text.size() % 4 == 1) return std::nullopt;
   std::string bytes(text.size() * 3 / 4, '\0');
   char* to = bytes.data();
+  const auto digit = [&](char c) -> unsigned int { return digits[static_cast<unsigned char>(c)]; };
+  unsigned int seen = 0;  // of all digits
+  for (; text.size() >= 4; text.remove_prefix(4)) {
+    const unsigned int four[] = {digit(text[0]), digit(text[1]), digit(text[2]), digit(text[3])};
+    seen |= four[0] | four[1] | four[2] | four[3];
+    const unsigned int three = four[0] << 18U | four[1] << 12U | four[2] << 6U | four[3];
+    for (const unsigned int shift : {16U, 8U, 0U})
+      *to++ = static_cast<char>(three >> shift);
+  }
   unsigned int bits = 0;   // read and not yet written
   unsigned int count = 0;  // of them
   for (const char c : text) {
-    const unsigned int digit = digits[static_cast<unsigned char>(c)];
-    if (digit == kNoDigit) return std::nullopt;
-    bits = bits << 6U | digit;
+    seen |= digit(c);
+    bits = bits << 6U | digit(c);
     count += 6;
     if (count < 8) continue;
     count -= 8;
     *to++ = static_cast<char>(bits >> count);
     bits &= (1U << count) - 1;
   }
-  return bits == 0 ? std::optional(std::move(bytes)) : std::nullopt;
+  return bits == 0 && seen < kNoDigit ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 }  // namespace
