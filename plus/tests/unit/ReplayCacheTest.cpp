@@ -149,7 +149,7 @@ TEST_F(AReplayCache, RemembersWhatItTookFromOneThreadBesideAnother) {
   std::atomic<int> forgotten = 0;
   const auto sign_in = [&](const std::string& name) {
     const auto cache = Open();
-    for (std::uint32_t i = 0; i < 200000; ++i) {
+    for (std::uint32_t i = 0; i < 30000; ++i) {
       const std::string request = name + std::to_string(i);
       if (cache->Remember(request, kNoon + i) == Verdict::kNew &&
           cache->Remember(request, kNoon + i) == Verdict::kNew)
