@@ -13,6 +13,10 @@ std::string Quoted(std::string_view text) {
   return "'" + std::string(text) + "'";
 }
 
+std::string_view RealmOf(const User& user) {
+  return std::string_view(user.name).substr(user.name.find('@') + 1);
+}
+
 }  // namespace
 
 std::optional<Policy> Policy::Parse(std::string_view text, const std::string& file,
@@ -77,6 +81,12 @@ std::string Policy::TakeCondition(std::string_view kind, std::string_view value,
     }
     return "";
   }
+  if (kind == "realm") {
+    condition.kind = Kind::kRealm;
+    return value.find('@') == std::string_view::npos
+               ? ""
+               : Quoted(value) + " is no realm like CORP.EXAMPLE.COM";
+  }
   if (kind == "group") {
     condition.kind = Kind::kGroup;
     return condition.sid ? "" : Quoted(value) + " is no SID like S-1-5-21-1-2-3-513";
@@ -92,7 +102,7 @@ std::string Policy::TakeCondition(std::string_view kind, std::string_view value,
     condition.network = Network::Parse(value);
     return condition.network ? "" : Quoted(value) + " is no network like 10.0.0.0/8";
   }
-  return Quoted(kind) + " is none of `user`, `group`, `service`, `network`";
+  return Quoted(kind) + " is none of `user`, `realm`, `group`, `service`, `network`";
 }
 
 bool Policy::Holds(const Condition& condition, const User& user,
@@ -101,6 +111,7 @@ bool Policy::Holds(const Condition& condition, const User& user,
   switch (condition.kind) {
     case Kind::kUserName: return SameText(condition.text, user.name);
     case Kind::kUserSid: return user.sid ? *user.sid == *condition.sid : unknown;
+    case Kind::kRealm: return SameText(condition.text, RealmOf(user));
     case Kind::kGroup:
       if (!user.sid && user.groups.empty()) return unknown;
       return std::find(user.groups.begin(), user.groups.end(), *condition.sid) != user.groups.end();

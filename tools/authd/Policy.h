@@ -19,10 +19,10 @@ namespace tavrel::tools {
 //   allow|deny CONDITION...            all of them must hold
 //   revoke everyone|user NAME-OR-SID before TIME
 //
-// where a condition is `user NAME-OR-SID` (alice@CORP.EXAMPLE.COM or S-1-5-...), `group SID`,
-// `service NAME` (HTTP/box.corp.example.com) or `network ADDRESS[/BITS]`. The case of ASCII
-// letters in names does not count. `revoke` ends sessions that began before a time (UTC,
-// 2026-11-22T01:00:00Z), wherever the line stands.
+// where a condition is `user NAME-OR-SID` (alice@CORP.EXAMPLE.COM or S-1-5-...), `realm NAME` (the
+// user's), `group SID`, `service NAME` (HTTP/box.corp.example.com) or `network ADDRESS[/BITS]`. The
+// case of ASCII letters in names does not count. `revoke` ends sessions that began before a time
+// (UTC, 2026-11-22T01:00:00Z), wherever the line stands.
 class Policy {
  public:
   // Nothing, with `FILE:LINE: WHAT` in `*error`, when a line is anything else.
@@ -43,7 +43,7 @@ class Policy {
 
  private:
   struct Condition {
-    enum class Kind { kUserName, kUserSid, kGroup, kService, kNetwork } kind;
+    enum class Kind { kUserName, kUserSid, kRealm, kGroup, kService, kNetwork } kind;
     std::string text;
     std::optional<plus::Sid> sid;
     std::optional<Network> network;

@@ -56,6 +56,9 @@ TEST(Policy, EachKindOfCondition) {
   EXPECT_EQ(Decide("allow user alice@OTHER.EXAMPLE.COM"), 0);
   EXPECT_EQ(Decide("allow user S-1-5-21-1-2-3-1104"), 1);
   EXPECT_EQ(Decide("allow user S-1-5-21-1-2-3-513"), 0);
+  EXPECT_EQ(Decide("allow realm corp.EXAMPLE.COM"), 1);
+  EXPECT_EQ(Decide("allow realm EXAMPLE.COM"), 0);
+  EXPECT_EQ(Decide("allow realm PARTNER.EXAMPLE.NET"), 0);
   EXPECT_EQ(Decide("allow group S-1-5-21-1-2-3-1107"), 1);
   EXPECT_EQ(Decide("allow group S-1-5-21-1-2-3-1108"), 0);
   EXPECT_EQ(Decide("allow service http/BOX.corp.example.com"), 1);
@@ -109,6 +112,7 @@ TEST(Policy, AWrongLineIsRefusedWithFileAndLine) {
       {"allow user a@b@c", "policy:1: 'a@b@c' is neither"},
       {"allow group Users", "policy:1: 'Users' is no SID"},
       {"allow group S-1-5-21-1-2-3-513 network", "policy:1: behind `allow`"},
+      {"allow realm @CORP.EXAMPLE.COM", "policy:1: '@CORP.EXAMPLE.COM' is no realm"},
       {"allow service HTTP", "policy:1: 'HTTP' is no service"},
       {"allow network 10.0.0.1/8", "policy:1: '10.0.0.1/8' is no network"},
       {"allow network 10.0.0.0/33", "policy:1: '10.0.0.0/33' is no network"},
