@@ -14,7 +14,8 @@ std::string Quoted(std::string_view text) {
 }
 
 std::string_view RealmOf(const User& user) {
-  return std::string_view(user.name).substr(user.name.find('@') + 1);
+  const std::string_view name = user.name;
+  return name.substr(name.find('@') + 1);
 }
 
 }  // namespace
