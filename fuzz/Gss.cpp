@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "Expect.h"
+#include "Records.h"
 
 namespace tavrel::fuzz {
 
@@ -49,7 +50,11 @@ Judges::Judges() {
 
 Acceptance Judges::Decide(const std::string& token,
                           std::initializer_list<RefusalReason> only_here) const {
+  TheLog().Clear();
   Acceptance result = acceptor->Accept(token);
+  const std::string& records = TheLog().Text();
+  Expect(std::count(records.begin(), records.end(), '\0') == 1 && records.size() < 400,
+         "a decision leaves one line, and no long one");
   Expect(result.identity.has_value() != result.refusal.has_value(), "accepted or refused");
   const std::optional<std::string> by_gss = UserByGss(credential, token);
   if (result) {

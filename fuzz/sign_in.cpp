@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Expect.h"
+#include "Records.h"
 #include "Service.h"
 #include "authd/Front.h"
 #include "authd/Gate.h"
@@ -62,6 +63,7 @@ std::string_view TakeLine(std::string_view& text) {
 
 void Try(std::string_view text) {
   static Scene scene;
+  TheLog().Clear();
   const std::string_view authorization = TakeLine(text);
   std::string cookie;
   for (const char c : TakeLine(text)) {

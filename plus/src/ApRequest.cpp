@@ -14,6 +14,7 @@ constexpr std::int32_t kVersion = 5;
 constexpr std::int32_t kApReqType = 14;
 constexpr std::size_t kMostComponents = 32;
 constexpr std::size_t kMostMicroseconds = 3;  // bytes
+constexpr std::int32_t kMostTransitedType = 0xFF;  // what libkrb5 reads
 
 // Types of authorization data (RFC 4120, 7.5.4; [MS-KILE] 2.2).
 constexpr std::int32_t kIfRelevant = 1;
@@ -263,9 +264,11 @@ std::optional<TicketPart> ReadTicketPart(std::string_view plain) {
   if (!TakeMessage(plain, 3, content)) return std::nullopt;
   Reader fields(content);
   std::string_view unused;
+  std::int32_t transited_type = 0;
   if (!TakeFlags(fields, 0, ticket.flags) || !TakeKey(fields, 1, ticket.session) ||
       !TakeClient(fields, 2, ticket.client, ticket.client_type) ||
-      !TakeTyped(fields, 4, ticket.transited) || !TakeTime(fields, 5, ticket.auth_time)) {
+      !TakeTyped(fields, 4, ticket.transited, &transited_type) || transited_type < 0 ||
+      transited_type > kMostTransitedType || !TakeTime(fields, 5, ticket.auth_time)) {
     return std::nullopt;
   }
   ticket.start_time = ticket.auth_time;

@@ -154,6 +154,7 @@ TEST(WhatATicketSeals, IsAcceptedByTheLetter) {
   EXPECT_EQ(Refused([](ForgedToken&) {}), std::nullopt);
   EXPECT_EQ(Refused([](ForgedToken& token) {
               token.of_ticket.erase(6);  // start
+              token.of_ticket[4] = TypedField(255, "");
               token.of_ticket[8] = token.of_ticket[7];
               token.of_ticket[9] = Data(TypedField(2, std::string("\x0a\0\0\1", 4)));  // addresses
               token.of_ticket[10] = Data("");
@@ -181,6 +182,8 @@ TEST(WhatATicketSeals, IsRefusedWhenAFieldIsMissingOrWrong) {
       {1, KeyField(18, 16)},
       {3, Der(0x30, der::Field(0, der::Integer(1)) + der::Field(1, Der(0x30, "")))},
       {4, Der(0x30, der::Field(0, der::Integer(1)))},
+      {4, TypedField(-1, "")},
+      {4, TypedField(256, "")},
       {10, Data("x")},
       {10, Data(Der(0x30, der::Field(0, der::Integer(1))))},
       {10, Data(Der(0x30, der::Field(0, der::Integer(7)) + der::Field(1, Der(0x04, "x")) + "x"))},
