@@ -95,7 +95,8 @@ std::vector<std::string> Tokens(std::size_t count, std::size_t users) {
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t user = i % users;
     auto found = tickets.find(user);
-    if (found == tickets.end()) found = tickets.emplace(user, TicketOf(user)).first;
+    if (found == tickets.end())
+      found = tickets.emplace(user, tavrel::tests::Issued(TicketOf(user))).first;
     tokens.push_back(ToBase64(tavrel::plus::tests::Negotiated(found->second)));
   }
   return tokens;

@@ -35,6 +35,16 @@ std::optional<std::string> UserByGss(gss_cred_id_t credential, const std::string
   return user;
 }
 
+std::string Said(const Acceptance& result) {
+  if (result.refusal) return result.refusal->text;
+  const plus::Identity& user = *result.identity;
+  std::string said = user.client.Text() + user.service.Text() + std::to_string(user.end_time);
+  if (!user.authorization) return said;
+  for (const plus::GroupMembership& group : user.authorization->groups)
+    said += group.sid.ToText();
+  return said + user.authorization->upn;
+}
+
 }  // namespace
 
 Judges::Judges() {
@@ -56,6 +66,8 @@ Acceptance Judges::Decide(const std::string& token,
   Expect(std::count(records.begin(), records.end(), '\0') == 1 && records.size() < 400,
          "a decision leaves one line, and no long one");
   Expect(result.identity.has_value() != result.refusal.has_value(), "accepted or refused");
+  const Acceptance again = acceptor->Accept(token);  // its ticket is known now, if it is good
+  Expect(Said(again) == Said(result), "a ticket that is known says the same");
   const std::optional<std::string> by_gss = UserByGss(credential, token);
   if (result) {
     ExpectEqual(result.identity->client.Text(), by_gss.value_or("nobody"),

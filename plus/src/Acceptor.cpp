@@ -16,6 +16,7 @@
 #include "ChannelBinding.h"
 #include "GssMic.h"
 #include "KeyRing.h"
+#include "KnownTickets.h"
 #include "KrbSession.h"
 #include "KrbSupport.h"
 #include "Log.h"
@@ -200,6 +201,7 @@ struct Acceptor::Parts {
   struct Worker {
     std::unique_ptr<KrbSession> session;
     ReadyKeys keys;
+    KnownTickets tickets;
   };
   class Lease {
    public:
@@ -210,6 +212,7 @@ struct Acceptor::Parts {
     explicit operator bool() const { return worker_.front().session != nullptr; }
     krb5_context Context() const { return worker_.front().session->Get(); }
     ReadyKeys& Keys() { return worker_.front().keys; }
+    KnownTickets& Tickets() { return worker_.front().tickets; }
 
    private:
     const Parts& parts_;
@@ -226,9 +229,10 @@ struct Acceptor::Parts {
           request(std::move(request)),
           negotiation(negotiation) {}
     bool NeedsMic() const { return negotiation != nullptr && negotiation->needs_mic; }
+    const OpenedTicket& Ticket() const { return known != nullptr ? *known : opened; }
     // That of signatures of this context.
     const SealedKey& KeyOfContext() const {
-      return authenticator.subkey ? *authenticator.subkey : ticket.session;
+      return authenticator.subkey ? *authenticator.subkey : Ticket().part.session;
     }
     krb5_keyblock Key() const { return Borrowed(KeyOfContext().bytes, KeyOfContext().enctype); }
 
@@ -236,12 +240,10 @@ struct Acceptor::Parts {
     krb5_context context;
     const InitialToken& token;
     ApRequest request;
-    Negotiation::State* negotiation;  // null: all is decided on this token
-    krb5_keyblock key{};              // that opens the ticket, of a ring in `rings`
-    KeyStore::Rings rings;
-    Secret ticket_bytes;
-    TicketPart ticket;
-    KrbKey session_key;
+    Negotiation::State* negotiation;      // null: all is decided on this token
+    const OpenedTicket* known = nullptr;  // the ticket, of one of the lease's; or it is `opened`
+    std::shared_ptr<const KeyRing> ring;  // that opened it
+    OpenedTicket opened;
     Secret authenticator_bytes;
     Authenticator authenticator;
     GssChecksum checksum;
@@ -255,6 +257,7 @@ struct Acceptor::Parts {
   std::optional<Refusal> OpenTicket(Exchange& exchange,
                                     const std::shared_ptr<const KeyRing>& ring) const;
   std::optional<Refusal> ReadTicket(Exchange& exchange, std::string_view plain) const;
+  static std::optional<Refusal> MakeSessionKey(Exchange& exchange);
   std::optional<Refusal> OpenAuthenticator(Exchange& exchange) const;
   std::optional<Refusal> CheckEnd(std::int64_t end_time) const;
   std::optional<Refusal> CheckTimes(const Exchange& exchange) const;
@@ -289,7 +292,8 @@ Acceptor::Parts::Lease::Lease(const Parts& parts) : parts_(parts) {
     }
   }
   std::string error;
-  worker_.push_back({KrbSession::Make(parts.overrides, error), {}});
+  worker_.push_back(
+      {KrbSession::Make(parts.overrides, error), {}, KnownTickets(parts.options.ticket_memory)});
 }
 
 Acceptor::Parts::Lease::~Lease() {
@@ -334,8 +338,10 @@ std::optional<Refusal> Acceptor::Parts::CheckRequest(const Exchange& exchange) c
 std::optional<Refusal> Acceptor::Parts::OpenTicket(Exchange& exchange) const {
   std::optional<Refusal> refusal;
   for (const bool missed : {false, true}) {
-    exchange.rings = keys->Current(exchange.context, missed);
-    for (const auto& ring : {exchange.rings.now, exchange.rings.before}) {
+    const KeyStore::Rings rings = keys->Current(exchange.context, missed);
+    exchange.known = exchange.lease.Tickets().Find(rings.now, exchange.request.whole_ticket);
+    if (exchange.known != nullptr) return std::nullopt;
+    for (const auto& ring : {rings.now, rings.before}) {
       if (!ring) continue;
       refusal = OpenTicket(exchange, ring);
       if (!refusal || refusal->reason != RefusalReason::kNoKey) return refusal;
@@ -356,11 +362,12 @@ std::optional<Refusal> Acceptor::Parts::OpenTicket(
     const krb5_error_code code = ready == nullptr
                                      ? ENOMEM
                                      : Unseal(exchange.context, ready, kTicketUse, request.enctype,
-                                              request.ticket, exchange.ticket_bytes, plain);
+                                              request.ticket, exchange.opened.bytes, plain);
     if (code == ENOMEM)
       return Because(RefusalReason::kInternal, KrbMessage(exchange.context, code));
     if (code != 0) continue;
-    exchange.key = Borrowed(key->View(), request.enctype);
+    exchange.ring = ring;
+    exchange.opened.key = Borrowed(key->View(), request.enctype);
     return ReadTicket(exchange, plain);
   }
   return Because(RefusalReason::kNoKey, "no key opens the ticket");
@@ -377,25 +384,31 @@ std::optional<Refusal> Acceptor::Parts::ReadTicket(Exchange& exchange,
   if (ticket->client.components.empty() || (ticket->flags & TKT_FLG_ANONYMOUS) != 0) {
     return Because(RefusalReason::kMalformed, "the ticket names no client");
   }
-  exchange.ticket = std::move(*ticket);
+  exchange.opened.part = std::move(*ticket);
+  return MakeSessionKey(exchange);
+}
+
+std::optional<Refusal> Acceptor::Parts::MakeSessionKey(Exchange& exchange) {
+  const krb5_context context = exchange.context;
+  const SealedKey& session = exchange.opened.part.session;
+  if (!Fits(context, session)) {
+    return Because(RefusalReason::kMalformed, "the session key is not as long as its type is");
+  }
+  const krb5_keyblock block = Borrowed(session.bytes, session.enctype);
+  krb5_key key = nullptr;
+  const krb5_error_code code = krb5_k_create_key(context, &block, &key);
+  if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
+  exchange.opened.session_key = KrbKey(key, {context});
   return std::nullopt;
 }
 
 std::optional<Refusal> Acceptor::Parts::OpenAuthenticator(Exchange& exchange) const {
   const krb5_context context = exchange.context;
-  const SealedKey& session = exchange.ticket.session;
-  const krb5_keyblock block = Borrowed(session.bytes, session.enctype);
-  krb5_key key = nullptr;
-  if (!Fits(context, session)) {
-    return Because(RefusalReason::kMalformed, "the session key is not as long as its type is");
-  }
-  krb5_error_code code = krb5_k_create_key(context, &block, &key);
-  exchange.session_key = KrbKey(key, {context});
   std::string_view plain;
-  if (code == 0) {
-    code = Unseal(context, key, kAuthenticatorUse, exchange.request.authenticator_enctype,
-                  exchange.request.authenticator, exchange.authenticator_bytes, plain);
-  }
+  const krb5_error_code code =
+      Unseal(context, exchange.Ticket().session_key.get(), kAuthenticatorUse,
+             exchange.request.authenticator_enctype, exchange.request.authenticator,
+             exchange.authenticator_bytes, plain);
   if (code == ENOMEM) return Because(RefusalReason::kInternal, KrbMessage(context, code));
   if (code != 0) {
     return Because(RefusalReason::kNotGenuine,
@@ -405,7 +418,7 @@ std::optional<Refusal> Acceptor::Parts::OpenAuthenticator(Exchange& exchange) co
   if (!authenticator) {
     return Because(RefusalReason::kMalformed, "the authenticator is not by the letter");
   }
-  const Principal& client = exchange.ticket.client;
+  const Principal& client = exchange.Ticket().part.client;
   if (authenticator->client.realm != client.realm ||
       authenticator->client.components != client.components) {
     return Because(RefusalReason::kNotGenuine, "ticket and authenticator name two clients");
@@ -427,10 +440,10 @@ std::optional<Refusal> Acceptor::Parts::CheckEnd(std::int64_t end_time) const {
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckTimes(const Exchange& exchange) const {
-  if (auto over = CheckEnd(exchange.ticket.end_time)) return over;
+  if (auto over = CheckEnd(exchange.Ticket().part.end_time)) return over;
   const std::int64_t now = std::time(nullptr);
   const std::int64_t tolerance = options.clock_tolerance;
-  const std::int64_t early = exchange.ticket.start_time - now;
+  const std::int64_t early = exchange.Ticket().part.start_time - now;
   if (early > tolerance) {
     return Off(RefusalReason::kNotYetValid, early, "the ticket has not begun");
   }
@@ -488,7 +501,8 @@ std::optional<Refusal> Acceptor::Parts::CheckChannel(Exchange& exchange,
 }
 
 std::optional<Refusal> Acceptor::Parts::CheckPac(Exchange& exchange) const {
-  const TicketPart& ticket = exchange.ticket;
+  if (exchange.known != nullptr) return std::nullopt;
+  const TicketPart& ticket = exchange.opened.part;
   const auto& pacs = ticket.data.pacs;
   if (pacs.empty()) {
     if (!options.require_pac) return std::nullopt;
@@ -497,8 +511,8 @@ std::optional<Refusal> Acceptor::Parts::CheckPac(Exchange& exchange) const {
   if (pacs.size() > 1) return Because(RefusalReason::kPacWrong, "the ticket has two PACs");
   const BorrowedPrincipal client(ticket.client, ticket.client_type);
   const char* const wrong = ReadPac(exchange.context, Data(pacs[0]), client.Get(),
-                                    static_cast<krb5_timestamp>(ticket.auth_time), exchange.key,
-                                    exchange.identity.authorization.emplace());
+                                    static_cast<krb5_timestamp>(ticket.auth_time),
+                                    exchange.opened.key, exchange.opened.authorization.emplace());
   if (wrong == nullptr) return std::nullopt;
   return Because(RefusalReason::kPacWrong, std::string("the ticket's PAC: ") + wrong);
 }
@@ -507,10 +521,11 @@ std::optional<Refusal> Acceptor::Parts::CheckPac(Exchange& exchange) const {
 // not read here.
 std::optional<Refusal> Acceptor::Parts::AskLibrary(Exchange& exchange) {
   const AuthData& of_request = exchange.authenticator.data;
-  if (exchange.ticket.data.critical || of_request.critical) {
+  const TicketPart& part = exchange.Ticket().part;
+  if (part.data.critical || of_request.critical) {
     return Because(RefusalReason::kMalformed, "authorization data that has to be understood");
   }
-  if (exchange.ticket.transited.empty() && !exchange.ticket.data.others && !of_request.others &&
+  if (part.transited.empty() && !part.data.others && !of_request.others &&
       of_request.pacs.empty()) {
     return std::nullopt;
   }
@@ -519,7 +534,8 @@ std::optional<Refusal> Acceptor::Parts::AskLibrary(Exchange& exchange) {
   krb5_error_code code = krb5_auth_con_init(context, &auth);
   AuthContext owned(auth, {context});
   if (code == 0) code = krb5_auth_con_setflags(context, auth, 0);  // no replay cache
-  if (code == 0) code = krb5_auth_con_setuseruserkey(context, auth, &exchange.key);
+  krb5_keyblock key = exchange.Ticket().key;
+  if (code == 0) code = krb5_auth_con_setuseruserkey(context, auth, &key);
   krb5_ticket* ticket = nullptr;
   if (code == 0) {
     const krb5_data bytes = Data(exchange.request.whole);
@@ -553,7 +569,8 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
   std::string response;
   const bool mutual = (exchange.request.options & kMutualRequired) != 0;
   if (mutual) {
-    const std::int32_t enctype = exchange.ticket.session.enctype;
+    const OpenedTicket& ticket = exchange.Ticket();
+    const std::int32_t enctype = ticket.part.session.enctype;
     std::size_t size = 0;
     if (getrandom(&sequence, sizeof sequence, 0) != ssize_t{sizeof sequence}) {
       return Because(RefusalReason::kInternal, "no random number");
@@ -566,8 +583,7 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
     krb5_enc_data sealed{};
     sealed.ciphertext = Data(bytes);
     if (code == 0) {
-      code =
-          krb5_k_encrypt(context, exchange.session_key.get(), kReplyUse, nullptr, &plain, &sealed);
+      code = krb5_k_encrypt(context, ticket.session_key.get(), kReplyUse, nullptr, &plain, &sealed);
     }
     if (code != 0) return Because(RefusalReason::kInternal, KrbMessage(context, code));
     response = ApReply(enctype, bytes);
@@ -586,9 +602,10 @@ std::optional<Refusal> Acceptor::Parts::MakeReply(Exchange& exchange) {
 }
 
 void Acceptor::Parts::Describe(Exchange& exchange) {
-  TicketPart& ticket = exchange.ticket;
+  const TicketPart& ticket = exchange.Ticket().part;
   Identity& identity = exchange.identity;
-  identity.client = std::move(ticket.client);
+  identity.client = ticket.client;
+  identity.authorization = exchange.Ticket().authorization;
   identity.service = std::move(exchange.request.service);
   identity.auth_time = ticket.auth_time;
   identity.start_time = ticket.start_time;
@@ -624,7 +641,7 @@ std::unique_ptr<Acceptor> Acceptor::Make(AcceptorOptions options, std::string* e
       std::make_unique<KeyStore>(options.keytab, KeyFilter{options.principal, options.realm});
   auto session = KrbSession::Make(parts->overrides, reason);
   if (!session || !parts->keys->Open(session->Get(), reason)) return nullptr;
-  parts->idle.push_back({std::move(session), {}});
+  parts->idle.push_back({std::move(session), {}, KnownTickets(options.ticket_memory)});
   if (options.replay_protection) {
     parts->replays = ReplayCache::Open(options.replay_file, options.replay_capacity, reason);
     if (!parts->replays) return nullptr;
@@ -735,6 +752,9 @@ Acceptance Acceptor::Judge(const InitialToken& token, std::string_view channel,
     return result;
   }
   result.identity = std::move(exchange.identity);
+  if (exchange.known == nullptr) {
+    lease.Tickets().Keep(exchange.ring, exchange.request.whole_ticket, std::move(exchange.opened));
+  }
   Record(*result.identity, service);
   return result;
 }

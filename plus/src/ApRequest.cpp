@@ -13,7 +13,7 @@ using der::Reader;
 constexpr std::int32_t kVersion = 5;
 constexpr std::int32_t kApReqType = 14;
 constexpr std::size_t kMostComponents = 32;
-constexpr std::size_t kMostMicroseconds = 3;  // bytes
+constexpr std::size_t kMostMicroseconds = 3;       // bytes
 constexpr std::int32_t kMostTransitedType = 0xFF;  // what libkrb5 reads
 
 // Types of authorization data (RFC 4120, 7.5.4; [MS-KILE] 2.2).
@@ -246,11 +246,12 @@ std::optional<ApRequest> ReadApRequest(std::string_view bytes) {
   ApRequest request;
   request.whole = bytes;
   std::int32_t type = 0;
-  std::string_view ticket;
   EncryptedData authenticator;
   if (!TakeVersion(fields) || !fields.TakeField(1, type) || type != kApReqType ||
-      !TakeFlags(fields, 2, request.options) || !fields.TakeField(3, der::Application(1), ticket) ||
-      !ReadTicket(ticket, request) || !TakeEncrypted(fields, 4, authenticator) || !fields.Empty()) {
+      !TakeFlags(fields, 2, request.options) ||
+      !fields.TakeField(3, der::Application(1), request.whole_ticket) ||
+      !ReadTicket(request.whole_ticket, request) || !TakeEncrypted(fields, 4, authenticator) ||
+      !fields.Empty()) {
     return std::nullopt;
   }
   request.authenticator_enctype = authenticator.enctype;

@@ -194,27 +194,36 @@ std::vector<char> Bytes(std::string_view text) {
 
 }  // namespace
 
+ForgedTicket Issued(ForgedTicket ticket) {
+  krb5_context made = nullptr;
+  Check(krb5_init_context(&made), "context");
+  const Context context(made, krb5_free_context);
+  krb5_keyblock session{};
+  Check(krb5_c_make_random_key(made, ticket.etype, &session), "session key");
+  const Key owned_session(&session, {made});
+  ticket.issued = SealedTicket(made, ticket, session);
+  ticket.session.assign(reinterpret_cast<const char*>(session.contents), session.length);
+  return ticket;
+}
+
 std::vector<char> ApReq(const ForgedTicket& ticket) {
   krb5_context made = nullptr;
   Check(krb5_init_context(&made), "context");
   const Context context(made, krb5_free_context);
   if (ticket.sent_at) Check(krb5_set_real_time(made, *ticket.sent_at, 0), "clock");
 
-  krb5_keyblock session{};
-  Check(krb5_c_make_random_key(made, ticket.etype, &session), "session key");
-  const Key owned_session(&session, {made});
-
-  ForgedTicket names = ticket;
+  ForgedTicket names = ticket.issued.empty() ? Issued(ticket) : ticket;
   BorrowedPrincipal client(names.client_realm, names.client);
   BorrowedPrincipal server(names.server_realm, names.server);
-  std::string sealed = SealedTicket(made, ticket, session);
   krb5_creds creds{};
   creds.client = &client.principal;
   creds.server = &server.principal;
-  creds.keyblock = session;
+  creds.keyblock.enctype = ticket.etype;
+  creds.keyblock.length = static_cast<unsigned>(names.session.size());
+  creds.keyblock.contents = reinterpret_cast<krb5_octet*>(names.session.data());
   creds.times.endtime =
       std::numeric_limits<krb5_timestamp>::max();  // the client sends expired ones
-  creds.ticket = View(sealed);
+  creds.ticket = View(names.issued);
   krb5_auth_context auth = nullptr;
   Check(krb5_auth_con_init(made, &auth), "exchange");
   const AuthContext owned_auth(auth, {made});

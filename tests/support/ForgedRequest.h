@@ -60,6 +60,10 @@ struct ForgedTicket {
   std::optional<krb5_timestamp> sent_at;
   krb5_flags options = 0;                   // of the AP-REQ
   std::optional<std::string> gss_checksum;  // of the authenticator (RFC 4121, 4.1.1), if any
+
+  // DER and session key, once it is Issued().
+  std::string issued;
+  std::string session;
 };
 
 // The key that a ticket is sealed with, in memory of the context's.
@@ -78,7 +82,11 @@ std::string Encrypt(krb5_context context, const krb5_keyblock& key, krb5_keyusag
 std::string SealedTicket(krb5_context context, const ForgedTicket& ticket,
                          const krb5_keyblock& session);
 
-// The AP-REQ of a client that was given that ticket (RFC 4120, 5.5.1), another one at each call.
+// That ticket, the same for each request that is made of it.
+ForgedTicket Issued(ForgedTicket ticket);
+
+// The AP-REQ of a client that was given that ticket (RFC 4120, 5.5.1), another one at each call; of
+// a ticket of its own, unless that one is Issued().
 // Throws std::runtime_error when the Kerberos library refuses something.
 std::vector<char> ApReq(const ForgedTicket& ticket);
 

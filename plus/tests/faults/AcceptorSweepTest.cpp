@@ -65,6 +65,17 @@ ForgedToken Right() {
   return token;
 }
 
+// alice again, by one ticket for all tokens.
+tavrel::tests::ForgedTicket OneTicket() {
+  static const tavrel::tests::ForgedTicket ticket = [] {
+    tavrel::tests::ForgedTicket made = Ticket();
+    made.gss_checksum = GssChecksum(kChannel);
+    made.options = AP_OPTS_MUTUAL_REQUIRED;
+    return tavrel::tests::Issued(WithPac(made, PartsOf({})));
+  }();
+  return ticket;
+}
+
 // What nobody accepts, whatever fails.
 std::vector<std::string> Forged() {
   static const std::string by_another = [] {
@@ -80,9 +91,12 @@ std::vector<std::string> Forged() {
   tokens[4].of_authenticator[3] = TypedField(0x8003, GssChecksum("another"));
   tokens[5].session_enctype = ENCTYPE_AES128_CTS_HMAC_SHA1_96;
   std::vector<std::string> bytes;
-  bytes.reserve(tokens.size());
+  bytes.reserve(tokens.size() + 1);
   for (const ForgedToken& token : tokens)
     bytes.push_back(token.Bytes());
+  tavrel::tests::ForgedTicket stolen = OneTicket();
+  stolen.session.assign(stolen.session.size(), 'x');
+  bytes.push_back(Token(stolen));
   return bytes;
 }
 
@@ -90,14 +104,14 @@ class AcceptorFaults : public testing::Test {
  protected:
   AcceptorFaults() { service.options.require_pac = false; }
 
-  void Check(const Acceptance& result) {
+  void Check(const Acceptance& result, const char* client = "alice@SUB.EAST.CORP.EXAMPLE.COM") {
     if (!result) {
       EXPECT_NE(result.refusal->reason, RefusalReason::kChannelBindingWrong)
           << "it is the right one";
       return;
     }
     ++accepted;
-    EXPECT_EQ(result.identity->client.Text(), "alice@SUB.EAST.CORP.EXAMPLE.COM");
+    EXPECT_EQ(result.identity->client.Text(), client);
     EXPECT_TRUE(result.identity->channel_bound);
     EXPECT_FALSE(result.reply.empty());
     ASSERT_TRUE(result.identity->authorization) << "the PAC was dropped";
@@ -109,6 +123,7 @@ class AcceptorFaults : public testing::Test {
   Injected Run(const Plan& plan) {
     const std::string right = Right().Bytes();
     const std::vector<std::string> forged = Forged();
+    const std::string of_one_ticket[] = {Token(OneTicket()), Token(OneTicket())};
     const std::string fresh = Right().Bytes();
     std::filesystem::remove(service.options.replay_file);
     std::unique_ptr<Acceptor> acceptor;
@@ -123,6 +138,8 @@ class AcceptorFaults : public testing::Test {
           Check(acceptor->Accept(right, kChannel));
           const Acceptance again = acceptor->Accept(right, kChannel);
           EXPECT_TRUE(accepted == 0 || !again) << "accepted twice";
+          for (const std::string& token : of_one_ticket)
+            Check(acceptor->Accept(token, kChannel), "alice@CORP.EXAMPLE.COM");
           for (const std::string& token : forged)
             EXPECT_FALSE(acceptor->Accept(token, kChannel));
         }

@@ -66,6 +66,12 @@ struct AcceptorOptions {
   /// Tokens that a new replay file has room for, at 8 bytes each; rounded up to a power of 2, at
   /// least 1,024. A quarter of it should hold the tokens of twice clock_tolerance.
   std::size_t replay_capacity = 1U << 20U;
+
+  /// Bytes, about, in which each thread that accepts keeps the tickets it opened last. The next
+  /// token of such a ticket takes a quarter of the time and is decided in the same way: its seal,
+  /// the times and everything that it asks for are checked anew, and a ticket whose key has left
+  /// the keytab is opened anew. 0: none is kept.
+  std::size_t ticket_memory = 1U << 20U;
 };
 
 /// Why a token was refused.
