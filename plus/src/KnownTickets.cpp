@@ -5,9 +5,9 @@
 namespace tavrel::plus {
 namespace {
 
-// What an entry takes besides its bytes and groups: the session key, those derived from it, and
-// names.
-constexpr std::size_t kEachTakes = 2048;
+// What an entry takes besides its bytes and groups, as measured: the session key, those derived
+// from it, and names.
+constexpr std::size_t kEachTakes = 3500;
 
 std::size_t GroupsOf(const OpenedTicket& opened) {
   if (!opened.authorization) return 0;

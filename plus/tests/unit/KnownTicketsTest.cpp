@@ -178,7 +178,7 @@ class Known : public testing::Test {
   static std::string Ticket(char name) { return std::string(1000, name); }
 
   std::shared_ptr<const KeyRing> ring = std::make_shared<KeyRing>();
-  KnownTickets tickets{std::size_t{13000}};  // room for three
+  KnownTickets tickets{std::size_t{17000}};  // room for three
 };
 
 TEST_F(Known, TicketsAreThoseUsedLast) {
