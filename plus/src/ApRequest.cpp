@@ -1,6 +1,7 @@
 #include "ApRequest.h"
 
 #include <algorithm>
+#include <limits>
 #include <string>
 
 #include "Der.h"
@@ -141,7 +142,8 @@ std::optional<std::int64_t> ReadDigits(std::string_view text) {
   return value;
 }
 
-// "YYYYMMDDHHMMSSZ" (RFC 4120, 5.2.3), in seconds since 1970.
+// "YYYYMMDDHHMMSSZ" (RFC 4120, 5.2.3), in seconds since 1970. Only times of which libkrb5, with its
+// 32 bits, does not make another one, or none.
 bool TakeTime(Reader& fields, unsigned number, std::int64_t& seconds,
               std::string_view* whole = nullptr) {
   std::string_view text;
@@ -167,7 +169,7 @@ bool TakeTime(Reader& fields, unsigned number, std::int64_t& seconds,
   const std::int64_t days = 365 * year + year / 4 - year / 100 + year / 400 +
                             (153 * months + 2) / 5 + day - 1 - kDaysTo1970;
   seconds = ((days * 24 + hour) * 60 + minute) * 60 + second;
-  return true;
+  return seconds > 0 && seconds <= std::numeric_limits<std::uint32_t>::max();
 }
 
 // RFC 4537, 3: a sequence of encryption types.
