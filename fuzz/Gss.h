@@ -18,13 +18,14 @@ namespace tavrel::fuzz {
 struct Judges {
   Judges();
 
-  // What the acceptor decides. Whom it accepts GSS-API accepts too, as the same user; for which of
-  // its reasons it alone may refuse says `only_here`.
+  // What the acceptor decides, whether it knows the ticket or not. Whom it accepts GSS-API accepts
+  // too, as the same user; for which of its reasons it alone may refuse says `only_here`.
   plus::Acceptance Decide(const std::string& token,
                           std::initializer_list<plus::RefusalReason> only_here) const;
 
   plus::tests::Service service;
   std::unique_ptr<plus::Acceptor> acceptor;
+  std::unique_ptr<plus::Acceptor> opener;  // likewise, but opens each ticket anew
   gss_cred_id_t credential = GSS_C_NO_CREDENTIAL;
 };
 

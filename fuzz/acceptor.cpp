@@ -28,6 +28,12 @@ std::string Forge(Script& script) {
   if ((choice & 8) != 0) ticket.client = {script.Text(), script.Text()};
   if ((choice & 16) != 0) ticket.flags = static_cast<krb5_flags>(script.Word() << 16U);
   ForgedToken token(ticket);
+  static const std::string issued = [] {
+    ForgedToken right;
+    right.Issue();
+    return right.issued;
+  }();
+  if ((choice & 32) != 0) token.issued = issued;  // which is known once a token of it was right
   if ((choice & 64) != 0) token.of_ticket[4] = plus::tests::TypedField(1, script.Text());
   if ((choice & 128) != 0) {
     token.of_authenticator[6] = plus::tests::KeyField(token.session_enctype, 32);

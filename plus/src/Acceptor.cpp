@@ -241,7 +241,7 @@ struct Acceptor::Parts {
     const InitialToken& token;
     ApRequest request;
     Negotiation::State* negotiation;      // null: all is decided on this token
-    const OpenedTicket* known = nullptr;  // the ticket, of one of the lease's; or it is `opened`
+    const OpenedTicket* known = nullptr;  // the ticket, one of the lease's; null: it is `opened`
     std::shared_ptr<const KeyRing> ring;  // that opened it
     OpenedTicket opened;
     Secret authenticator_bytes;

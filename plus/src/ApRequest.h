@@ -17,7 +17,7 @@ namespace tavrel::plus {
 // It points into the request, `service` aside.
 struct ApRequest {
   std::string_view whole;
-  std::string_view whole_ticket;
+  std::string_view whole_ticket;  // DER, without the application's tag
   std::uint32_t options = 0;  // the first one in the highest bit
   Principal service;          // that the ticket names; nothing protects it
   std::int32_t enctype = 0;   // of the ticket

@@ -1,5 +1,6 @@
 #include "KnownTickets.h"
 
+#include <new>
 #include <utility>
 
 namespace tavrel::plus {
@@ -12,7 +13,7 @@ constexpr std::size_t kEachTakes = 3500;
 std::size_t GroupsOf(const OpenedTicket& opened) {
   if (!opened.authorization) return 0;
   const Authorization& user = *opened.authorization;
-  return user.groups.size() + user.extra_sids.size() + user.resource_groups.size();
+  return user.groups.capacity() + user.extra_sids.capacity() + user.resource_groups.capacity();
 }
 
 }  // namespace
@@ -32,13 +33,17 @@ const OpenedTicket* KnownTickets::Find(const std::shared_ptr<const KeyRing>& rin
 }
 
 void KnownTickets::Keep(const std::shared_ptr<const KeyRing>& ring, std::string_view ticket,
-                        OpenedTicket opened) {
+                        OpenedTicket opened) noexcept {
   const std::size_t size =
       kEachTakes + ticket.size() + opened.bytes.Size() + GroupsOf(opened) * sizeof(GroupMembership);
   if (ring != ring_ || size > memory_) return;
   Entries added;
-  added.push_back({std::string(ticket), std::move(opened), size});
-  by_ticket_.emplace(added.front().ticket, added.begin());
+  try {
+    added.push_back({std::string(ticket), std::move(opened), size});
+    by_ticket_.emplace(added.front().ticket, added.begin());
+  } catch (const std::bad_alloc&) {
+    return;
+  }
   entries_.splice(entries_.begin(), added);
   for (used_ += size; used_ > memory_; entries_.pop_back()) {
     used_ -= entries_.back().size;

@@ -34,13 +34,14 @@ class KnownTickets {
   // They take about `memory` bytes at most.
   explicit KnownTickets(std::size_t memory) : memory_(memory) {}
 
-  // The ticket that was kept, when `ring` has its key; otherwise null. What another ring opened is
+  // The ticket that was kept, when `ring` opened it; otherwise null. What another ring opened is
   // forgotten. `ticket` is all of it, the name of the service and the version of the key included.
   const OpenedTicket* Find(const std::shared_ptr<const KeyRing>& ring, std::string_view ticket);
 
-  // Keeps a ticket that Find() did not know and `ring` opened, unless that was another one's.
+  // Keeps a ticket that Find() did not know and `ring` opened, unless Find() was last given another
+  // ring, or there is no memory.
   void Keep(const std::shared_ptr<const KeyRing>& ring, std::string_view ticket,
-            OpenedTicket opened);
+            OpenedTicket opened) noexcept;
 
  private:
   struct Entry {

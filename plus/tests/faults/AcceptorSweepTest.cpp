@@ -76,6 +76,13 @@ tavrel::tests::ForgedTicket OneTicket() {
   return ticket;
 }
 
+// Of whoever has that ticket and not its key.
+std::string Stolen() {
+  tavrel::tests::ForgedTicket ticket = OneTicket();
+  ticket.session.assign(ticket.session.size(), 'x');
+  return Token(ticket);
+}
+
 // What nobody accepts, whatever fails.
 std::vector<std::string> Forged() {
   static const std::string by_another = [] {
@@ -94,9 +101,7 @@ std::vector<std::string> Forged() {
   bytes.reserve(tokens.size() + 1);
   for (const ForgedToken& token : tokens)
     bytes.push_back(token.Bytes());
-  tavrel::tests::ForgedTicket stolen = OneTicket();
-  stolen.session.assign(stolen.session.size(), 'x');
-  bytes.push_back(Token(stolen));
+  bytes.push_back(Stolen());
   return bytes;
 }
 
@@ -152,7 +157,11 @@ class AcceptorFaults : public testing::Test {
     const Injected injected = TheInjected();
     EXPECT_FALSE(TlsServerEndPoint(certificate).empty());
     EXPECT_TRUE(acceptor || no_memory || !error.empty()) << "a refusal without a reason";
-    if (acceptor) Check(acceptor->Accept(fresh, kChannel));
+    if (acceptor) {
+      Check(acceptor->Accept(fresh, kChannel));
+      EXPECT_FALSE(acceptor->Accept(Stolen(), kChannel));
+      Check(acceptor->Accept(Token(OneTicket()), kChannel), "alice@CORP.EXAMPLE.COM");
+    }
     const auto after = service.Make();
     accepted = 0;
     Check(after->Accept(Right().Bytes(), kChannel));

@@ -103,35 +103,49 @@ std::string ForgedToken::Authenticator() const {
   return Message(2, of_authenticator);
 }
 
-std::string ForgedToken::Sealed(const std::string& ticket_part,
-                                const std::string& authenticator) const {
+namespace {
+
+krb5_context Library() {
   static const krb5_context context = [] {
     krb5_context made = nullptr;
     krb5_init_context(&made);
     return made;
   }();
-  static const krb5_keyblock service = ServiceKey(context, Ticket());
+  return context;
+}
+
+std::string SealedForService(const std::string& ticket_part) {
+  static const krb5_keyblock service = ServiceKey(Library(), Ticket());
+  return tavrel::tests::Encrypt(Library(), service, tavrel::tests::kTicketKeyUsage, ticket_part);
+}
+
+}  // namespace
+
+void ForgedToken::Issue() {
+  issued = SealedForService(TicketPart());
+}
+
+std::string ForgedToken::Sealed(const std::string& ticket_part,
+                                const std::string& authenticator) const {
   krb5_octet zeros[32]{};
   krb5_keyblock session{};
   session.enctype = session_enctype;
   session.length = session_enctype == ENCTYPE_AES256_CTS_HMAC_SHA1_96 ? 32 : 16;
   session.contents = zeros;
-  const auto sealed = [](const krb5_keyblock& key, krb5_keyusage use, const std::string& plain) {
-    return der::Field(2, Der(0x04, tavrel::tests::Encrypt(context, key, use, plain)));
-  };
+  const std::string sealed_authenticator = tavrel::tests::Encrypt(
+      Library(), session, tavrel::tests::kAuthenticatorKeyUsage, authenticator);
   const std::string sealed_ticket = Der(
       0x30, der::Field(0, der::Integer(ticket.etype)) + der::Field(1, der::Integer(ticket.kvno)) +
-                sealed(service, tavrel::tests::kTicketKeyUsage, ticket_part));
-  const Fields of_request = {
-      {0, der::Integer(5)},
-      {1, der::Integer(14)},
-      {2, der::BitString(static_cast<std::uint32_t>(ticket.options))},
-      {3, Message(1, {{0, der::Integer(5)},
-                      {1, Der(0x1b, ticket.server_realm)},
-                      {2, der::PrincipalName(ticket.server)},
-                      {3, sealed_ticket}})},
-      {4, Der(0x30, der::Field(0, der::Integer(session_enctype)) +
-                        sealed(session, tavrel::tests::kAuthenticatorKeyUsage, authenticator))}};
+                der::Field(2, Der(0x04, issued.empty() ? SealedForService(ticket_part) : issued)));
+  const Fields of_request = {{0, der::Integer(5)},
+                             {1, der::Integer(14)},
+                             {2, der::BitString(static_cast<std::uint32_t>(ticket.options))},
+                             {3, Message(1, {{0, der::Integer(5)},
+                                             {1, Der(0x1b, ticket.server_realm)},
+                                             {2, der::PrincipalName(ticket.server)},
+                                             {3, sealed_ticket}})},
+                             {4, Der(0x30, der::Field(0, der::Integer(session_enctype)) +
+                                               der::Field(2, Der(0x04, sealed_authenticator)))}};
   const std::string request = Message(14, of_request);
   const std::vector<char> token = GssToken({request.begin(), request.end()});
   return {token.begin(), token.end()};

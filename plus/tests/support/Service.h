@@ -38,12 +38,15 @@ struct ForgedToken {
   std::string Authenticator() const;
   std::string Sealed(const std::string& ticket_part, const std::string& authenticator) const;
   std::string Bytes() const { return Sealed(TicketPart(), Authenticator()); }
+  // Seals the ticket as it stands; from now on it is that of all tokens, whatever part they name.
+  void Issue();
 
   using Fields = std::map<unsigned char, std::string>;  // by number, in DER
   Fields of_ticket;
   Fields of_authenticator;
   tavrel::tests::ForgedTicket ticket;  // the names and numbers beside what is sealed
   krb5_enctype session_enctype = ENCTYPE_AES256_CTS_HMAC_SHA1_96;
+  std::string issued;  // ciphertext, when it is
 };
 
 // A key, and text of some type, as these fields have them.

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "Der.h"
+#include "GssMic.h"
+#include "KeyRing.h"
 #include "LogCapture.h"
 #include "Service.h"
 #include "Spnego.h"
@@ -182,6 +184,21 @@ TEST_F(ANegotiation, IsSignedWithAKeyOfTheReplyOnlyWhenThatHasOne) {
   EXPECT_EQ(flags_of_signature(true, true), "\4\4\5");
   EXPECT_EQ(flags_of_signature(true, false), "\4\4\1");
   EXPECT_EQ(flags_of_signature(false, true), "\4\4\1");
+}
+
+TEST_F(ANegotiation, IsSignedWithTheKeyOfATicketThatIsKnown) {
+  ForgedToken client;
+  client.Issue();
+  EXPECT_TRUE(acceptor->Accept(client.Bytes()));
+  Accept(first_token);
+  krb5_context context = nullptr;
+  ASSERT_EQ(krb5_init_context(&context), 0);
+
+  const Acceptance second = Accept(Response(Offer(client.Bytes())));
+
+  const std::string key(32, '\0');
+  EXPECT_EQ(Part(second.reply, 3), MakeMic(context, Borrowed(key, kAes256Sha1), false, 0, list));
+  krb5_free_context(context);
 }
 
 TEST_F(ANegotiation, WithoutTheClientsSignatureEndsWithNobody) {

@@ -67,10 +67,10 @@ struct AcceptorOptions {
   /// least 1,024. A quarter of it should hold the tokens of twice clock_tolerance.
   std::size_t replay_capacity = 1U << 20U;
 
-  /// Bytes, about, in which each thread that accepts keeps the tickets it opened last. The next
-  /// token of such a ticket takes a quarter of the time and is decided in the same way: its seal,
-  /// the times and everything that it asks for are checked anew, and a ticket whose key has left
-  /// the keytab is opened anew. 0: none is kept.
+  /// Bytes, about, in which each of the threads that accept at once keeps the tickets it accepted
+  /// last. The next token of one takes about a quarter of the time: what the ticket says is known,
+  /// what the token says, and the times, are checked as always. A change of the keytab's keys
+  /// forgets all. 0: none is kept.
   std::size_t ticket_memory = 1U << 20U;
 };
 
