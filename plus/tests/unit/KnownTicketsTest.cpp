@@ -109,12 +109,10 @@ TEST(AKnownTicket, IsNoMoreThanATicket) {
   const auto knowing = service.Make();
   service.options.ticket_memory = 0;
   const auto opening = service.Make();
-  ForgedToken token;
-  token.of_ticket[4] = TypedField(1, "EAST.CORP.EXAMPLE.COM");
-  token.of_ticket[2] = token.of_authenticator[1] = Der(0x1b, "SUB.EAST.CORP.EXAMPLE.COM");
   ForgedTicket ticket = Ticket();
   ticket.client_realm = "SUB.EAST.CORP.EXAMPLE.COM";
-  token.of_ticket[10] = WithPac(ticket, PartsOf({})).authorization_data;
+  ForgedToken token(WithPac(ticket, PartsOf({})));
+  token.of_ticket[4] = TypedField(1, "EAST.CORP.EXAMPLE.COM");
   token.Issue();
   const auto verdict = [&](const std::function<void(ForgedToken&)>& change) {
     ForgedToken changed = token;
