@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <sys/random.h>
 
 #include <algorithm>
 #include <map>
@@ -250,7 +251,7 @@ std::string Sessions::Seal(const User& user, std::string_view host, std::int64_t
   const SessionKeys::Key& key = keys_.ForSealing(now);
   const std::string plain = Pack(user, now);
   std::string nonce(kNonceSize, '\0');
-  if (RAND_bytes(Bytes(nonce), static_cast<int>(nonce.size())) != 1) return "";
+  if (getrandom(nonce.data(), nonce.size(), 0) != ssize_t{kNonceSize}) return "";
   const std::string header = kVersion + key.id + nonce;
   const std::string bound = Bound(header.substr(0, 1 + kIdSize), host);
   std::string sealed(plain.size(), '\0');

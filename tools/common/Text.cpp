@@ -53,8 +53,10 @@ std::optional<std::string> FromDigits(std::string_view text, const Digits& digit
     const unsigned int four[] = {digit(text[0]), digit(text[1]), digit(text[2]), digit(text[3])};
     seen |= four[0] | four[1] | four[2] | four[3];
     const unsigned int three = four[0] << 18U | four[1] << 12U | four[2] << 6U | four[3];
-    for (const unsigned int shift : {16U, 8U, 0U})
-      *to++ = static_cast<char>(three >> shift);
+    to[0] = static_cast<char>(three >> 16U);
+    to[1] = static_cast<char>(three >> 8U);
+    to[2] = static_cast<char>(three);
+    to += 3;
   }
   unsigned int bits = 0;   // read and not yet written
   unsigned int count = 0;  // of them
@@ -165,8 +167,8 @@ std::optional<std::string> FromBase64(std::string_view text) {
 std::string ToBase64Url(std::string_view bytes) {
   std::string text = ToBase64(bytes);
   text.resize(text.find_last_not_of('=') + 1);
-  std::replace(text.begin(), text.end(), '+', '-');
-  std::replace(text.begin(), text.end(), '/', '_');
+  for (char& c : text)
+    c = c == '+' ? '-' : c == '/' ? '_' : c;
   return text;
 }
 

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -68,6 +69,7 @@ FAULT(int, EVP_EncryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* to, int* siz
 FAULT(int, EVP_DecryptFinal_ex, (EVP_CIPHER_CTX * c, unsigned char* to, int* size), (c, to, size),
       0)
 FAULT(int, RAND_bytes, (unsigned char* to, int count), (to, count), 0)
+FAULT(ssize_t, getrandom, (void* to, size_t size, unsigned int how), (to, size, how), -1)
 FAULT(EVP_MD*, EVP_MD_fetch, (OSSL_LIB_CTX * l, const char* name, const char* p), (l, name, p),
       nullptr)
 FAULT(int, EVP_Digest,
