@@ -63,14 +63,22 @@ TEST(AKeytab, ThatIsReplacedUnderLoadCostsNoRefusal) {
   std::atomic<bool> done = false;
   std::atomic<int> refused = 0;
   std::atomic<int> accepted = 0;
-  const auto sign_in = [&] {
+  const auto sign_in = [&](const std::string& token) {
     const KnownLeak of_libkrb5;  // of what it has read of an entry that is cut off
     while (!done) {
-      const Acceptance result = acceptor->Accept(Token(WithKey("Secret.1", 1)));
+      const Acceptance result = acceptor->Accept(token);
       ++(result ? accepted : refused);
     }
   };
-  std::thread users[] = {std::thread(sign_in), std::thread(sign_in)};
+  // For the one without a key the file is looked at each time.
+  const auto knock = [&](const std::string& token) {
+    const KnownLeak of_libkrb5;
+    while (!done)
+      EXPECT_FALSE(acceptor->Accept(token));
+  };
+  std::thread users[] = {std::thread(sign_in, Token(WithKey("Secret.1", 1))),
+                         std::thread(sign_in, Token(WithKey("Secret.1", 1))),
+                         std::thread(knock, Token(WithKey("Another.1", 9)))};
 
   for (int i = 0; i < 40; ++i) {
     Replace(service.options.keytab, i % 2 == 0 ? new_bytes : old_bytes);
