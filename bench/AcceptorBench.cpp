@@ -112,11 +112,11 @@ void Accept(benchmark::State& state, int old_keys, std::size_t groups) {
                 false);
   const BareVerifier bare(one.service.options.keytab);
   bool refused = false;
-  std::vector<Lane> lanes = {Accepting("ours", scene, supply, refused),
-                             Accepting("known", known, supply, refused)};
+  std::vector<Lane> lanes = {Accepting("ours", scene, supply, refused)};
   lanes.push_back(Lane("rd_req", [&] {
                     refused |= !bare.Verify(supply.Next().Request());
                   }).Before(supply.Refill()));
+  lanes.push_back(Accepting("known", known, supply, refused));
   if (old_keys != 0) lanes.push_back(Accepting("one_key", one, supply, refused));
   Race(state, 16, std::move(lanes));
   if (refused) state.SkipWithError("a token was refused");
@@ -162,11 +162,11 @@ void BesideGss(benchmark::State& state) {
   gss_acquire_cred_from(&minor, GSS_C_NO_NAME, GSS_C_INDEFINITE, GSS_C_NO_OID_SET, GSS_C_ACCEPT,
                         &store, &credential, nullptr, nullptr);
   bool refused = false;
-  std::vector<Lane> lanes = {Accepting("ours", scene, supply, refused),
-                             Accepting("known", known, supply, refused)};
+  std::vector<Lane> lanes = {Accepting("ours", scene, supply, refused)};
   lanes.push_back(Lane("gss", [&] {
                     refused |= !AcceptByGss(credential, supply.Next().bytes);
                   }).Before(supply.Refill()));
+  lanes.push_back(Accepting("known", known, supply, refused));
   Race(state, 16, std::move(lanes));
   gss_release_cred(&minor, &credential);
   if (refused) state.SkipWithError("a token was refused");
