@@ -18,9 +18,9 @@ namespace tavrel::plus {
 struct ApRequest {
   std::string_view whole;
   std::string_view whole_ticket;  // DER, without the application's tag
-  std::uint32_t options = 0;  // the first one in the highest bit
-  Principal service;          // that the ticket names; nothing protects it
-  std::int32_t enctype = 0;   // of the ticket
+  std::uint32_t options = 0;      // the first one in the highest bit
+  Principal service;              // that the ticket names; nothing protects it
+  std::int32_t enctype = 0;       // of the ticket
   std::optional<std::uint32_t> key_version;
   std::string_view ticket;  // ciphertext
   std::int32_t authenticator_enctype = 0;
