@@ -68,6 +68,7 @@ void Try(const std::uint8_t* data, std::size_t size) {
                                RefusalReason::kMalformed,     // see spnego.cpp
                                RefusalReason::kWrongService,  // any name that the key opens
                                RefusalReason::kPacWrong,      // a PAC it cannot read it ignores
+                               RefusalReason::kEnctype,       // of a subkey, which it does not mind
                            });
 
   if (data[0] == 1 && size == 1) {

@@ -56,7 +56,8 @@ TEST(AKnownTicket, SaysTheSameAgain) {
   const Acceptance first = acceptor->Accept(Negotiated(ticket));
   const Acceptance second = acceptor->Accept(Negotiated(ticket));
 
-  ASSERT_TRUE(first && second) << second.refusal->text;
+  ASSERT_TRUE(first) << first.refusal->text;
+  ASSERT_TRUE(second) << second.refusal->text;
   EXPECT_EQ(pacs_read, 1);
   EXPECT_EQ(second.reply.size(), first.reply.size());
   const Identity& known = *second.identity;
