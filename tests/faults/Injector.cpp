@@ -31,13 +31,38 @@ State& TheState() {
   return state;
 }
 
+#if __GNUC__ >= 16
+
+// Strings grow in code of the standard library, which such a compiler puts into this program. The
+// allocation is the library's when the library called that code: then it has a name to look up.
+bool IsOnBehalfOfTheLibrary(const void* caller) {
+  if (IsInLibrary(caller)) return true;
+
+  struct Search {
+    bool in_standard_library = false;
+    bool found = false;
+  } search;
+  _Unwind_Backtrace(
+      [](_Unwind_Context* frame, void* data) {
+        auto& search = *static_cast<Search*>(data);
+        void* const address = reinterpret_cast<void*>(_Unwind_GetIP(frame));
+        search.found = search.in_standard_library && IsInLibrary(address);
+        if (IsInLibrary(address)) return _URC_END_OF_STACK;
+        Dl_info info{};
+        search.in_standard_library = dladdr(address, &info) != 0 && info.dli_sname != nullptr &&
+                                     std::strncmp(info.dli_sname, "_ZNSt", 5) == 0;
+        return _URC_NO_REASON;
+      },
+      &search);
+  return search.found;
+}
+
+#else
+
 bool IsInStandardLibrary(std::uintptr_t address) {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(address), &info) == 0) return false;
-#if __GNUC__ >= 16  // such a compiler puts the code in which strings grow into this program
-  if (info.dli_sname != nullptr && std::strncmp(info.dli_sname, "_ZNSt", 5) == 0) return true;
-#endif
-  return info.dli_fname != nullptr && std::strstr(info.dli_fname, "libstdc++.so") != nullptr;
+  Dl_info info;
+  return dladdr(reinterpret_cast<void*>(address), &info) != 0 && info.dli_fname != nullptr &&
+         std::strstr(info.dli_fname, "libstdc++.so") != nullptr;
 }
 
 // Strings grow in code of the standard library. The allocation is the library's when the standard
@@ -65,6 +90,8 @@ bool IsOnBehalfOfTheLibrary(const void* caller) {
       &search);
   return search.found;
 }
+
+#endif
 
 // True when an allocation, made from `caller`, is to fail.
 bool AllocationDue(const void* caller) {
