@@ -17,6 +17,7 @@
 #include <getopt.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,17 +27,16 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Service.h"
@@ -60,7 +60,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using tavrel::tests::ForgedTicket;
-using tavrel::tools::Lower;
 using tavrel::tools::ToBase64;
 
 constexpr std::uint32_t kMutual = 2;  // of a GSS-API client's checksum
@@ -130,16 +129,26 @@ double ProcessorSeconds(const std::set<pid_t>& sessions) {
 
 // --- peers ---------------------------------------------------------------------------------------
 
+// A connection, on which one request is under way at a time.
 class Peer {
  public:
   Peer() = default;
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
   virtual ~Peer() = default;
-  // One request with that token; throws when the answer is not good.
-  virtual void SignIn(const std::string& token) = 0;
+  // Begins a request with that token; without one, with the session of an earlier answer.
+  virtual void Ask(const std::string& token) = 0;
+  // Reads what is there of the answer: whether that is all of it. Throws when it is not good.
+  virtual bool Receive() = 0;
+  virtual int socket() const = 0;
   // Forgets what an answer that was not good has left.
   virtual void Recover() {}
+
+  void SignIn(const std::string& token) {
+    Ask(token);
+    while (!Receive()) {
+    }
+  }
 };
 
 void Send(int to, const std::string& text) {
@@ -148,75 +157,76 @@ void Send(int to, const std::string& text) {
   }
 }
 
-bool Receive(int from, std::string& text) {
+void Receive(int from, std::string& text) {
   char chunk[16384];
   const ssize_t got = read(from, chunk, sizeof chunk);
-  if (got > 0) text.append(chunk, static_cast<std::size_t>(got));
-  return got > 0;
+  if (got <= 0) throw std::runtime_error("cut off: " + text);
+  text.append(chunk, static_cast<std::size_t>(got));
 }
 
 class HttpPeer : public Peer {
  public:
   HttpPeer(std::uint16_t port, bool close, bool open) : port_(port), close_(close), open_(open) {}
-  ~HttpPeer() override { Disconnect(); }
+  ~HttpPeer() override { Recover(); }
 
-  void SignIn(const std::string& token) override {
-    const std::string header = Ask("Authorization: Negotiate " + token + "\r\n");
-    const std::string lower = Lower(header);  // HAProxy writes all names so
-    if (!open_ && lower.find("www-authenticate: negotiate ") == std::string::npos) {
-      throw std::runtime_error("no reply in: " + header);
-    }
-    const std::size_t cookie = lower.find("set-cookie: ");
-    if (cookie != std::string::npos) {
-      cookie_ = header.substr(cookie + 12, header.find(';', cookie) - cookie - 12);
-    }
+  void Ask(const std::string& token) override {
+    if (socket_ == -1) Connect();
+    answer_.clear();
+    signs_in_ = !token.empty();
+    Send(socket_, "GET /index.html HTTP/1.1\r\nHost: box.corp.example.com\r\n" +
+                      (signs_in_ ? "Authorization: Negotiate " + token : "Cookie: " + cookie_) +
+                      (close_ ? "\r\nConnection: close\r\n\r\n" : "\r\n\r\n"));
   }
-  void Recover() override { Disconnect(); }
-  void UseSession() { Ask("Cookie: " + cookie_ + "\r\n"); }
+
+  bool Receive() override {
+    ::Receive(socket_, answer_);
+    const std::size_t end = answer_.find("\r\n\r\n");
+    if (end == std::string::npos) return false;
+    if (answer_.size() < end + 4 + std::stoul("0" + Header("Content-Length: "))) return false;
+    if (close_) Recover();
+    if (answer_.rfind("HTTP/1.1 200", 0) != 0) throw std::runtime_error(answer_);
+    if (!signs_in_) return true;
+    if (!open_ && Header("WWW-Authenticate: Negotiate ").empty()) {
+      throw std::runtime_error("no reply in: " + answer_);
+    }
+    const std::string set = Header("Set-Cookie: ");
+    if (!set.empty()) cookie_ = set.substr(0, set.find(';'));
+    return true;
+  }
+
+  int socket() const override { return socket_; }
+  void Recover() override {
+    if (socket_ != -1) ::close(socket_);
+    socket_ = -1;
+  }
 
  private:
-  // Returns the header of the answer.
-  std::string Ask(const std::string& header) {
-    if (socket_ == -1) Connect();
-    Send(socket_, "GET /index.html HTTP/1.1\r\nHost: box.corp.example.com\r\n" + header +
-                      (close_ ? "Connection: close\r\n\r\n" : "\r\n"));
-    std::string answer;
-    std::size_t end = std::string::npos;
-    while ((end = answer.find("\r\n\r\n")) == std::string::npos) {
-      if (!Receive(socket_, answer)) throw std::runtime_error("cut off: " + answer);
-    }
-    const std::size_t length = Lower(answer).find("content-length: ");
-    const std::size_t size =
-        end + 4 + (length < end ? std::strtoul(answer.c_str() + length + 16, nullptr, 10) : 0);
-    while (answer.size() < size) {
-      if (!Receive(socket_, answer)) throw std::runtime_error("cut off: " + answer);
-    }
-    if (close_) Disconnect();
-    answer.resize(end);
-    if (answer.rfind("HTTP/1.1 200", 0) != 0) throw std::runtime_error(answer);
-    return answer;
+  // What follows that in the answer's header, in which HAProxy writes all names in lower case.
+  std::string Header(const char* name) const {
+    const char* const found = strcasestr(answer_.c_str(), name);
+    if (found == nullptr) return "";
+    const char* const value = found + std::strlen(name);
+    return {value, std::strcspn(value, "\r")};
   }
   void Connect() {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port_);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socket_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    socket_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
       throw std::runtime_error("cannot connect");
     }
   }
-  void Disconnect() {
-    if (socket_ != -1) ::close(socket_);
-    socket_ = -1;
-  }
 
   const std::uint16_t port_;
   const bool close_;
   const bool open_;
   int socket_ = -1;
+  bool signs_in_ = true;
+  std::string answer_;
   std::string cookie_;
 };
 
@@ -245,18 +255,22 @@ class HelperPeer : public Peer {
   }
   pid_t session() const { return process_; }
 
-  void SignIn(const std::string& token) override {
+  void Ask(const std::string& token) override {
+    answer_.clear();
     Send(squid_, "YR " + token + "\n");
-    std::string answer;
-    while (answer.empty() || answer.back() != '\n') {
-      if (!Receive(squid_, answer)) throw std::runtime_error("cut off: " + answer);
-    }
-    if (answer.rfind("OK token=", 0) != 0) throw std::runtime_error(answer);
   }
+  bool Receive() override {
+    ::Receive(squid_, answer_);
+    if (answer_.back() != '\n') return false;
+    if (answer_.rfind("OK token=", 0) != 0) throw std::runtime_error(answer_);
+    return true;
+  }
+  int socket() const override { return squid_; }
 
  private:
   pid_t process_ = -1;
   int squid_ = -1;
+  std::string answer_;
 };
 
 // --- the race ------------------------------------------------------------------------------------
@@ -272,30 +286,41 @@ void ExpectReplayRefused(Peer& peer, const std::string& token) {
   throw std::runtime_error("a token was accepted twice");
 }
 
-// The part of a connection: its requests one after the other, with their latencies.
-void Run(Peer& peer, HttpPeer* session, const std::vector<std::string>& tokens, std::size_t begin,
-         std::size_t end, std::vector<double>& latencies) {
-  for (std::size_t i = begin; i < end; ++i) {
-    const auto start = Clock::now();
-    if (session != nullptr) {
-      session->UseSession();
-    } else {
-      peer.SignIn(tokens[i]);
+// Each peer's requests one after the other, those of all at once, by one thread: what the clients
+// take of the machine is not the servers'. Returns the latencies in microseconds.
+std::vector<double> Latencies(const std::vector<std::unique_ptr<Peer>>& peers,
+                              const std::vector<std::string>& tokens, const Options& options) {
+  std::vector<Clock::time_point> asked(peers.size());
+  std::vector<pollfd> waiting(peers.size());
+  std::size_t next = 0;
+  const auto ask = [&](std::size_t i) {
+    asked[i] = Clock::now();
+    if (next < options.requests) peers[i]->Ask(options.cookie ? "" : tokens[next]);
+    waiting[i] = {next < options.requests ? peers[i]->socket() : -1, POLLIN, 0};
+    ++next;
+  };
+  for (std::size_t i = 0; i < peers.size(); ++i)
+    ask(i);
+  std::vector<double> latencies;
+  while (latencies.size() < options.requests) {
+    poll(waiting.data(), waiting.size(), -1);
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+      if (waiting[i].revents == 0 || !peers[i]->Receive()) continue;
+      latencies.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - asked[i]).count());
+      ask(i);
     }
-    latencies.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
+  return latencies;
 }
 
 void Race(Options options) {
   std::vector<std::unique_ptr<Peer>> peers;
-  std::vector<HttpPeer*> sessions(options.connections, nullptr);
   const auto tokens = Tokens(
       options.cookie ? options.connections : options.requests + options.connections, options.users);
   for (std::size_t i = 0; i < options.connections; ++i) {
     if (options.helper.empty()) {
-      auto peer = std::make_unique<HttpPeer>(options.port, options.close, options.open);
-      if (options.cookie) sessions[i] = peer.get();
-      peers.push_back(std::move(peer));
+      peers.push_back(std::make_unique<HttpPeer>(options.port, options.close, options.open));
     } else {
       auto peer = std::make_unique<HelperPeer>(options.helper);
       options.sessions.insert(peer->session());
@@ -305,36 +330,16 @@ void Race(Options options) {
   }
   if (!options.open) ExpectReplayRefused(*peers[0], tokens.back());
 
-  std::vector<std::vector<double>> latencies(options.connections);
-  std::vector<std::exception_ptr> failures(options.connections);
-  std::vector<std::thread> threads;
   const double processor = ProcessorSeconds(options.sessions);
   const auto start = Clock::now();
-  for (std::size_t i = 0; i < options.connections; ++i) {
-    threads.emplace_back([&, i] {
-      try {
-        Run(*peers[i], sessions[i], tokens, options.requests * i / options.connections,
-            options.requests * (i + 1) / options.connections, latencies[i]);
-      } catch (...) {
-        failures[i] = std::current_exception();
-      }
-    });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
+  auto latencies = Latencies(peers, tokens, options);
   const double took = std::chrono::duration<double>(Clock::now() - start).count();
   const double used = ProcessorSeconds(options.sessions) - processor;
-  for (const auto& failure : failures) {
-    if (failure) std::rethrow_exception(failure);
-  }
 
-  std::vector<double> all;
-  for (const auto& some : latencies)
-    all.insert(all.end(), some.begin(), some.end());
-  std::sort(all.begin(), all.end());
-  const auto count = static_cast<double>(all.size());
-  std::cout << used * 1e6 / count << ' ' << count / took << ' ' << all[all.size() * 99 / 100]
-            << '\n';
+  std::sort(latencies.begin(), latencies.end());
+  const auto count = static_cast<double>(latencies.size());
+  std::cout << used * 1e6 / count << ' ' << count / took << ' '
+            << latencies[latencies.size() * 99 / 100] << '\n';
 }
 
 }  // namespace
