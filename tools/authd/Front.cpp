@@ -70,10 +70,10 @@ bool Front::IsTrusted(const std::optional<Address>& peer) const {
 }
 
 std::optional<Address> Front::Client(const HttpRequest& request) const {
-  const auto peer = request.Peer();
+  const auto& peer = request.peer();
   if (!IsTrusted(peer)) return peer;
   // The proxy's own address is not the client's.
-  return ForwardedFor(request.AllHeaders("X-Forwarded-For"), settings_.trusted_proxies);
+  return ForwardedFor(request.AllValues("X-Forwarded-For"), settings_.trusted_proxies);
 }
 
 std::string Front::SetCookie(const std::string& value) const {
@@ -84,14 +84,14 @@ std::string Front::SetCookie(const std::string& value) const {
 
 HttpAnswer Front::Serve(const HttpRequest& request) const {
   const auto begin = std::chrono::steady_clock::now();
-  const std::string host = HostOf(request.Header("Host"));
+  const std::string host = HostOf(request.Value("Host"));
   Question question;
-  question.authorization = request.Header("Authorization");
+  question.authorization = request.Value("Authorization");
   question.cookie = request.Cookie(settings_.cookie_name());
   question.host = host;
   question.client = Client(request);
-  if (!settings_.request_header.empty() && IsTrusted(request.Peer())) {
-    question.request = request.Header(settings_.request_header.c_str());
+  if (!settings_.request_header.empty() && IsTrusted(request.peer())) {
+    question.request = request.Value(settings_.request_header);
   }
   const Answer answer = gate_->Decide(question);
 
@@ -119,12 +119,12 @@ HttpAnswer Front::Serve(const HttpRequest& request) const {
       break;
     }
     case Answer::Verdict::kSignIn:
-      http.status = MHD_HTTP_UNAUTHORIZED;
+      http.status = HttpStatus::kUnauthorized;
       http.headers.emplace_back("WWW-Authenticate", "Negotiate");
       http.headers.emplace_back("X-Tavrel-Reason", Printable(answer.reason));
       break;
     case Answer::Verdict::kForbidden:
-      http.status = MHD_HTTP_FORBIDDEN;
+      http.status = HttpStatus::kForbidden;
       http.headers.emplace_back("X-Tavrel-Reason", Printable(answer.reason));
       break;
   }

@@ -1,238 +1,416 @@
 #include "authd/Http.h"
 
-#include <strings.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
-#include <exception>
-#include <iterator>
+#include <boost/asio/basic_socket_acceptor.hpp>
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http.hpp>
+#include <cerrno>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "authd/Log.h"
+#include "common/Text.h"
 
 namespace tavrel::tools {
 namespace {
 
-// Holds a request's header, and then its answer's. Proxies are to allow their clients less: what
-// does not fit is answered with status 431 by libmicrohttpd, which fills all of it with zeros after
-// each request.
-constexpr std::size_t kConnectionMemory = std::size_t{128} * 1024;
+namespace net = boost::asio;
+namespace http = boost::beast::http;
+using boost::system::error_code;
+using Protocol = net::generic::stream_protocol;
+using Executor = net::io_context::executor_type;
+using Socket = net::basic_stream_socket<Protocol, Executor>;
+using Acceptor = net::basic_socket_acceptor<Protocol, Executor>;
+using Timer = net::basic_waitable_timer<std::chrono::steady_clock,
+                                        net::wait_traits<std::chrono::steady_clock>, Executor>;
+
+// One field may have 64 KB, which is the most that Boost.Beast keeps: a token of 48,000 bytes fits
+// in.
+constexpr std::uint32_t kLargestHeader = 128 * 1024;
+constexpr std::size_t kChunk = 8192;
 
 constexpr unsigned int kLeastThreads = 2;
+constexpr std::chrono::milliseconds kUntilThereIsRoom{100};
 
-bool HasBody(const HttpRequest& request) {
-  const std::string_view length = request.Header("Content-Length");
-  return !request.Header("Transfer-Encoding").empty() || (!length.empty() && length != "0");
+// For either kind of text: what Boost.Beast has is not the standard library's in all its versions.
+template <typename Text>
+std::string_view View(const Text& text) {
+  return {text.data(), text.size()};
+}
+boost::beast::string_view Name(std::string_view name) {
+  return {name.data(), name.size()};
 }
 
-struct DestroyResponse {
-  void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
-};
-using Response = std::unique_ptr<MHD_Response, DestroyResponse>;
+// The value of the first `NAME=VALUE` of that name.
+std::string_view ValueIn(std::string_view list, char separator, std::string_view name) {
+  for (std::size_t end = 0; !list.empty(); list.remove_prefix(std::min(end + 1, list.size()))) {
+    end = std::min(list.find(separator), list.size());
+    const std::string_view pair = Trimmed(list.substr(0, end));
+    if (pair.size() > name.size() && pair[name.size()] == '=' &&
+        pair.substr(0, name.size()) == name) {
+      return pair.substr(name.size() + 1);
+    }
+  }
+  return "";
+}
+
+bool HasControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < ' '; });
+}
+
+// What Boost.Beast cannot read.
+HttpAnswer Refuse(const error_code& error, const std::optional<Address>& client) {
+  JsonObject record = Record("warning", "malformed");
+  record.Add("reason", error.message());
+  if (client) record.Add("client", client->Text());
+  Write(record);
+  return {HttpStatus::kUnauthorized,
+          {{"Cache-Control", "no-store"},
+           {"WWW-Authenticate", "Negotiate"},
+           {"X-Tavrel-Reason", error.message()}}};
+}
+
+int Duplicate(int socket) {
+  const int duplicate = dup(socket);
+  if (duplicate == -1) throw std::system_error(errno, std::generic_category(), "dup");
+  return duplicate;
+}
 
 }  // namespace
 
 // --- requests ------------------------------------------------------------------------------------
 
-std::string_view HttpRequest::Value(MHD_ValueKind kind, const char* name) const {
-  const char* const value = MHD_lookup_connection_value(connection_, kind, name);
-  return value != nullptr ? value : "";
+struct HttpRequest::Header {
+  const http::request_header<>& fields;
+
+  std::string_view target() const { return View(fields.target()); }
+};
+
+std::string_view HttpRequest::path() const {
+  return header_.target().substr(0, header_.target().find('?'));
 }
 
-std::string_view HttpRequest::Cookie(const char* name) const {
-  struct Search {
-    const char* name;
-    const char* value;
-  } search{name, ""};
-  const auto compare = [](void* to, MHD_ValueKind /*kind*/, const char* cookie,
-                          const char* value) -> MHD_Result {
-    auto* const into = static_cast<Search*>(to);
-    if (std::strcmp(cookie, into->name) != 0) return MHD_YES;
-    if (value != nullptr) into->value = value;
-    return MHD_NO;
-  };
-  MHD_get_connection_values(connection_, MHD_COOKIE_KIND, compare, &search);
-  return search.value;
+std::string_view HttpRequest::Value(std::string_view name) const {
+  return View(header_.fields[Name(name)]);
 }
 
-std::string HttpRequest::AllHeaders(const char* name) const {
-  struct Search {
-    const char* name;
-    std::string all;
-    std::exception_ptr failure;
-  } search{name, "", nullptr};
-  const auto collect = [](void* to, MHD_ValueKind /*kind*/, const char* header,
-                          const char* value) noexcept -> MHD_Result {
-    auto* const into = static_cast<Search*>(to);
-    if (strcasecmp(header, into->name) != 0 || value == nullptr) return MHD_YES;
-    try {
-      if (!into->all.empty()) into->all += ',';
-      into->all += value;
-    } catch (...) {
-      into->failure = std::current_exception();
-    }
-    return into->failure ? MHD_NO : MHD_YES;
-  };
-  MHD_get_connection_values(connection_, MHD_HEADER_KIND, collect, &search);
-  if (search.failure) std::rethrow_exception(search.failure);
-  return search.all;
+std::string_view HttpRequest::Cookie(std::string_view name) const {
+  return ValueIn(Value("Cookie"), ';', name);
 }
 
-std::optional<Address> HttpRequest::Peer() const {
-  if (local_) return std::nullopt;
-  const auto* const info = MHD_get_connection_info(connection_, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-  auto address = info != nullptr ? Address::Of(info->client_addr) : std::nullopt;
-  if (!address) throw std::runtime_error("the client has no address");
-  return address;
+std::string_view HttpRequest::Parameter(std::string_view name) const {
+  const std::size_t query = header_.target().find('?');
+  if (query == std::string_view::npos) return "";
+  return ValueIn(header_.target().substr(query + 1), '&', name);
+}
+
+std::string HttpRequest::AllValues(std::string_view name) const {
+  std::string all;
+  const auto range = header_.fields.equal_range(Name(name));
+  for (auto field = range.first; field != range.second; ++field) {
+    if (!all.empty()) all += ',';
+    all += View(field->value());
+  }
+  return all;
 }
 
 // --- connections ---------------------------------------------------------------------------------
 
-// What libmicrohttpd calls. It is written in C: no exception may pass through it.
-struct HttpServer::Callbacks {
-  static HttpServer& Server(void* server) { return *static_cast<HttpServer*>(server); }
+// Lives as long as something is waited for. Its thread alone uses it, but for what `mutex_` of the
+// server guards.
+class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  Connection(HttpServer* server, Socket socket, const std::optional<Address>& peer)
+      : server_(server), peer_(peer), socket_(std::move(socket)) {
+    server_->Add(this);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() { server_->Remove(this); }
 
-  // What `act` returns, or `otherwise` when it throws.
-  template <typename Act, typename Result>
-  static Result Guarded(const Act& act, Result otherwise) noexcept {
+  void Start() { Await(server_->limits_.request_time); }
+
+  const std::optional<Address>& peer() const { return peer_; }
+  // Guarded by the mutex.
+  bool busy() const { return busy_; }
+  void EndIfOverdue(Clock::time_point now) {
+    if (deadline_ <= now) shutdown(socket_.native_handle(), SHUT_RDWR);
+  }
+
+ private:
+  void Mark(bool busy, std::chrono::seconds limit) {
+    const std::lock_guard<std::mutex> lock(server_->mutex_);
+    busy_ = busy;
+    deadline_ = Clock::now() + limit;
+  }
+
+  // NOLINTBEGIN(misc-no-recursion): what seems to call itself is called later.
+
+  // Waits for a request, and keeps little memory meanwhile.
+  void Await(std::chrono::seconds limit) {
+    parser_.reset();
+    response_.reset();
+    if (buffer_.size() != 0) {
+      Begin();
+      Parse();
+      return;
+    }
+    if (buffer_.capacity() > kChunk) buffer_.shrink_to_fit();
+    Mark(false, limit);
+    socket_.async_wait(Socket::wait_read, [self = shared_from_this()](const error_code& error) {
+      if (error) return;
+      self->Begin();
+      self->Read();
+    });
+  }
+
+  void Begin() {
+    Mark(true, server_->limits_.request_time);
+    parser_.emplace();
+    parser_->header_limit(kLargestHeader);
+    parser_->body_limit(boost::none);  // no answer depends on a body
+  }
+
+  void Read() {
+    socket_.async_read_some(buffer_.prepare(kChunk),
+                            [self = shared_from_this()](const error_code& error, std::size_t size) {
+                              if (error) return;
+                              self->buffer_.commit(size);
+                              self->Parse();
+                            });
+  }
+
+  void Parse() {
+    error_code error;
     try {
-      return act();
-    } catch (const std::exception& error) {
-      WriteFailure("request", error);
-      return otherwise;
+      buffer_.consume(parser_->put(buffer_.data(), error));
+    } catch (const std::length_error&) {  // of a field
+      error = http::error::header_limit;
+    }
+    if (error == http::error::need_more) {
+      Read();
+    } else if (error) {
+      Send(Refuse(error, peer_), false);
+    } else {
+      const HttpRequest::Header header{parser_->get()};
+      Send(server_->handler_(HttpRequest(header, peer_)), parser_->is_done());
     }
   }
 
-  static Connection* Of(MHD_Connection* connection) {
-    const auto* const info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    return info != nullptr ? static_cast<Connection*>(info->socket_context) : nullptr;
+  // Without `whole` there may be more of the request to come.
+  void Send(HttpAnswer answer, bool whole) {
+    const auto& request = parser_->get();
+    response_.emplace(static_cast<http::status>(answer.status), request.version());
+    static thread_local TimeNow now(FormatHttpTime);
+    response_->set(http::field::date, now.Text());
+    for (const auto& [name, value] : answer.headers) {
+      if (HasControl(value))
+        throw std::runtime_error(std::string(name) + " has a control character");
+      if (!value.empty()) response_->insert(name, value);
+    }
+    response_->keep_alive(whole && request.keep_alive() && !server_->IsDraining());
+    response_->body() = std::move(answer.body);
+    response_->prepare_payload();
+    if (request.method() == http::verb::head) response_->body().clear();
+    http::async_write(socket_, *response_,
+                      [self = shared_from_this(), whole](const error_code& error, std::size_t) {
+                        if (!error) self->Continue(whole);
+                      });
   }
 
-  static MHD_Result Accept(void* server, const sockaddr* address, socklen_t /*size*/) noexcept {
-    return Guarded([&] { return Server(server).MayConnect(address) ? MHD_YES : MHD_NO; }, MHD_NO);
-  }
-
-  // A connection without a context is not served.
-  static void Notify(void* server, MHD_Connection* connection, void** context,
-                     MHD_ConnectionNotificationCode what) noexcept {
-    if (what == MHD_CONNECTION_NOTIFY_STARTED) {
-      Connection* const none = nullptr;
-      // cppcheck-suppress throwInNoexceptFunction  ; Guarded() lets none through
-      *context = Guarded([&] { return Server(server).Opened(connection); }, none);
-    } else if (*context != nullptr) {
-      Server(server).Closed(static_cast<Connection*>(std::exchange(*context, nullptr)));
+  void Continue(bool whole) {
+    if (response_->keep_alive()) {
+      Await(server_->limits_.idle_time);
+    } else if (!whole) {
+      Mark(false, server_->limits_.request_time);
+      error_code gone;
+      socket_.shutdown(Socket::shutdown_send, gone);
+      Discard();
     }
   }
 
-  // The first line of a request is there.
-  static void* Began(void* server, const char* /*uri*/, MHD_Connection* connection) noexcept {
-    Server(server).Mark(Of(connection), true);
-    return nullptr;
+  // NOLINTEND(misc-no-recursion)
+
+  // The end of a connection on which something is still unread would take the answer with it.
+  void Discard() {
+    buffer_.clear();
+    socket_.async_read_some(buffer_.prepare(kChunk),
+                            [self = shared_from_this()](const error_code& error, std::size_t) {
+                              if (!error) self->Discard();
+                            });
   }
 
-  static void Completed(void* server, MHD_Connection* connection, void** /*state*/,
-                        MHD_RequestTerminationCode /*how*/) noexcept {
-    Server(server).Mark(Of(connection), false);
-  }
+  HttpServer* const server_;
+  const std::optional<Address> peer_;
+  Socket socket_;
+  boost::beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::empty_body>> parser_;
+  std::optional<http::response<http::string_body>> response_;
 
-  // No answer depends on a body. A request without one is answered on the second call: an answer to
-  // the first, when the header is there, ends the connection.
-  static MHD_Result Handle(void* server, MHD_Connection* connection, const char* path,
-                           const char* /*method*/, const char* /*version*/, const char* /*body*/,
-                           std::size_t* size, void** state) noexcept {
-    static char seen;
-    *size = 0;
-    if (Of(connection) == nullptr) return MHD_NO;  // its limits would not hold
-    const HttpRequest request(connection, path, Server(server).local_);
-    if (std::exchange(*state, &seen) == nullptr && !HasBody(request)) return MHD_YES;
-    return Guarded(
-        [&] { return Server(server).Respond(connection, Server(server).handler_(request)); },
-        MHD_NO);
-  }
+  bool busy_ = false;  // a request has begun
+  Clock::time_point deadline_{};
 };
 
-std::unique_ptr<HttpServer> HttpServer::Start(int listener, const HttpLimits& limits,
-                                              Handler handler) {
+// A thread, with connections of its own.
+class HttpServer::Worker {
+ public:
+  Worker(HttpServer* server, const Protocol& protocol, int listener)
+      : server_(server), acceptor_(context_, protocol, Duplicate(listener)), until_room_(context_) {
+    acceptor_.non_blocking(true);
+    thread_ = std::thread([this] { Run(); });
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+  ~Worker() {
+    context_.stop();
+    thread_.join();
+  }
+
+  void Quiesce() {
+    net::post(context_, [this] {
+      acceptor_.close();
+      until_room_.cancel();
+    });
+  }
+
+ private:
+  void Run() {
+    const auto work = net::make_work_guard(context_);  // until it is stopped
+    for (;;) {
+      try {
+        if (!accepting_ && acceptor_.is_open()) Accept();
+        context_.run();
+        return;
+      } catch (const std::exception& error) {  // the end of the connection that it happened to
+        WriteFailure("request", error);
+      }
+    }
+  }
+
+  void Accept() {
+    if (server_->IsFull()) {
+      AcceptLater();
+      return;
+    }
+    acceptor_.async_wait(Acceptor::wait_read, [this](const error_code& /*error*/) {
+      accepting_ = false;
+      if (acceptor_.is_open()) Take();
+    });
+    accepting_ = true;
+  }
+
+  // Another thread may have been faster.
+  void Take() {
+    error_code error;
+    Protocol::endpoint client;
+    Socket socket = acceptor_.accept(context_, client, error);
+    if (!error) Serve(std::move(socket), client);
+    if (error && error != net::error::would_block) {
+      AcceptLater();
+    } else {
+      Accept();
+    }
+  }
+
+  void AcceptLater() {
+    until_room_.expires_after(kUntilThereIsRoom);
+    until_room_.async_wait([this](const error_code& /*error*/) {
+      accepting_ = false;
+      if (acceptor_.is_open()) Accept();
+    });
+    accepting_ = true;
+  }
+
+  void Serve(Socket socket, const Protocol::endpoint& client) {
+    const auto peer = Address::Of(reinterpret_cast<const sockaddr*>(client.data()));
+    if (!peer && !server_->local_) return;
+    if (peer && !server_->IsWelcome(*peer)) return;
+    error_code ignored;
+    if (peer) socket.set_option(net::ip::tcp::no_delay(true), ignored);
+    std::make_shared<Connection>(server_, std::move(socket), peer)->Start();
+  }
+
+  HttpServer* const server_;
+  net::io_context context_{1};
+  Acceptor acceptor_;
+  Timer until_room_;
+  bool accepting_ = false;  // now, or later
+  std::thread thread_;
+};
+
+// --- the server ----------------------------------------------------------------------------------
+
+HttpServer::HttpServer(int listener, const HttpLimits& limits, Handler handler)
+    : limits_(limits), handler_(std::move(handler)) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) return nullptr;
-  const bool local = address.ss_family == AF_UNIX;
-  std::unique_ptr<HttpServer> server(new HttpServer(limits, local, std::move(handler)));
-  void* const self = server.get();
-  const unsigned int threads = std::max(std::thread::hardware_concurrency(), kLeastThreads);
-  server->daemon_ = MHD_start_daemon(
-      MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, Callbacks::Accept, self, Callbacks::Handle,
-      self, MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_THREAD_POOL_SIZE, threads,
-      MHD_OPTION_CONNECTION_LIMIT, std::max(limits.connections, threads),
-      MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(limits.idle_time.count()),
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, kConnectionMemory, MHD_OPTION_NOTIFY_CONNECTION,
-      Callbacks::Notify, self, MHD_OPTION_NOTIFY_COMPLETED, Callbacks::Completed, self,
-      MHD_OPTION_URI_LOG_CALLBACK, Callbacks::Began, self, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
-      MHD_OPTION_END);
-  if (server->daemon_ == nullptr) return nullptr;
-  return server;
+  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    throw std::system_error(errno, std::generic_category(), "getsockname");
+  }
+  local_ = address.ss_family == AF_UNIX;
+  for (unsigned int i = std::max(std::thread::hardware_concurrency(), kLeastThreads); i > 0; --i) {
+    workers_.push_back(std::make_unique<Worker>(this, Protocol(address.ss_family, 0), listener));
+  }
+  close(listener);
 }
 
-HttpServer::~HttpServer() {
-  if (daemon_ != nullptr) MHD_stop_daemon(daemon_);
-  if (quiesced_ != -1) close(quiesced_);
-}
+HttpServer::~HttpServer() = default;
 
-bool HttpServer::IsUnlimited(const Address& address) const {
-  return std::any_of(limits_.unlimited.begin(), limits_.unlimited.end(),
-                     [&](const Network& network) { return network.Contains(address); });
-}
-
-bool HttpServer::MayConnect(const sockaddr* address) {
-  const auto client = Address::Of(address);
-  if (!client || IsUnlimited(*client)) return true;
+bool HttpServer::IsFull() const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto open = of_client_.find(client->Client());
+  return connections_.size() >= limits_.connections;
+}
+
+bool HttpServer::IsDraining() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return draining_;
+}
+
+bool HttpServer::IsWelcome(const Address& client) const {
+  if (std::any_of(limits_.unlimited.begin(), limits_.unlimited.end(),
+                  [&](const Network& network) { return network.Contains(client); })) {
+    return true;
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto open = of_client_.find(client.Client());
   return open == of_client_.end() || open->second < limits_.connections_per_client;
 }
 
-HttpServer::Connection* HttpServer::Opened(MHD_Connection* connection) {
-  const auto* const fd = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-  const int socket = fd != nullptr ? fd->connect_fd : -1;
-  auto client = HttpRequest(connection, "", local_).Peer();
-  if (client) client = client->Client();
+void HttpServer::Add(Connection* connection) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  unsigned int* const open = client ? &of_client_[*client] : nullptr;
-  connections_.push_back({socket, client, false, Clock::now() + limits_.request_time});
+  unsigned int* const open =
+      connection->peer() ? &of_client_[connection->peer()->Client()] : nullptr;
+  connections_.insert(connection);
   if (open != nullptr) ++*open;  // now that nothing can throw any more
-  connections_.back().place = std::prev(connections_.end());
-  return &connections_.back();
 }
 
-void HttpServer::Closed(Connection* connection) {
+void HttpServer::Remove(Connection* connection) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (connection->client) {
-    const auto open = of_client_.find(*connection->client);
+  if (connection->peer()) {
+    const auto open = of_client_.find(connection->peer()->Client());
     if (--open->second == 0) of_client_.erase(open);
   }
-  connections_.erase(connection->place);
+  connections_.erase(connection);
 }
 
-void HttpServer::Mark(Connection* connection, bool busy) {
-  if (connection == nullptr) return;
-  const std::lock_guard<std::mutex> lock(mutex_);
-  connection->busy = busy;
-  connection->deadline = Clock::now() + (busy ? limits_.request_time : limits_.idle_time);
-}
-
-// libmicrohttpd's own limit is that of a silence, which a client can break byte by byte. A
-// connection is on the list until Closed(), and its socket is closed after that: it is still this
+// A connection is in the set until Remove(), and its socket is closed after that: it is still this
 // one's.
 void HttpServer::EndOverdue() {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto now = Clock::now();
-  for (const Connection& connection : connections_) {
-    if (connection.deadline <= now) shutdown(connection.socket, SHUT_RDWR);
-  }
+  for (Connection* connection : connections_)
+    connection->EndIfOverdue(now);
 }
 
 void HttpServer::Drain(std::chrono::seconds limit) {
@@ -240,34 +418,18 @@ void HttpServer::Drain(std::chrono::seconds limit) {
     const std::lock_guard<std::mutex> lock(mutex_);
     draining_ = true;
   }
-  quiesced_ = MHD_quiesce_daemon(daemon_);
+  for (const auto& worker : workers_)
+    worker->Quiesce();
   const auto idle = [this] {
     const std::lock_guard<std::mutex> lock(mutex_);
     return std::none_of(connections_.begin(), connections_.end(),
-                        [](const Connection& connection) { return connection.busy; });
+                        [](const Connection* connection) { return connection->busy(); });
   };
   const auto deadline = Clock::now() + limit;
   while (!idle() && Clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EndOverdue();
   }
-}
-
-MHD_Result HttpServer::Respond(MHD_Connection* connection, const HttpAnswer& answer) const {
-  std::string body = answer.body;
-  const Response response(
-      MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY));
-  if (!response) return MHD_NO;
-  for (const auto& [name, value] : answer.headers) {
-    // libmicrohttpd takes no empty values.
-    if (value.empty()) continue;
-    if (MHD_add_response_header(response.get(), name, value.c_str()) != MHD_YES) return MHD_NO;
-  }
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (draining_) MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
-  }
-  return MHD_queue_response(connection, answer.status, response.get());
 }
 
 }  // namespace tavrel::tools

@@ -1,16 +1,16 @@
-// An HTTP server: libmicrohttpd, with limits that hold for each client.
+// An HTTP server: Boost.Beast, with limits that hold for each client.
 #ifndef TAVREL_TOOLS_AUTHD_HTTP_H
 #define TAVREL_TOOLS_AUTHD_HTTP_H
 
-#include <microhttpd.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -23,33 +23,36 @@ namespace tavrel::tools {
 // A request's header, valid while it is answered.
 class HttpRequest {
  public:
-  // With `local` every client is a process of this machine.
-  HttpRequest(MHD_Connection* connection, std::string_view path, bool local)
-      : connection_(connection), path_(path), local_(local) {}
+  struct Header;  // as Boost.Beast has read it
 
-  std::string_view path() const { return path_; }
-  // The first header, cookie or parameter of the query of that name; empty when there is none. The
-  // case of letters counts in a cookie's name: browsers guard `__Host-`, and nothing like it.
-  std::string_view Header(const char* name) const { return Value(MHD_HEADER_KIND, name); }
-  std::string_view Cookie(const char* name) const;
-  std::string_view Parameter(const char* name) const { return Value(MHD_GET_ARGUMENT_KIND, name); }
-  // All headers of that name, as if they were one (RFC 9110, 5.2).
-  std::string AllHeaders(const char* name) const;
+  // Without `peer` the client is a process of this machine.
+  HttpRequest(const Header& header, const std::optional<Address>& peer)
+      : header_(header), peer_(peer) {}
+
+  // What is asked for, without the query.
+  std::string_view path() const;
   // Who is at the other end of the connection; nothing when that is a process of this machine.
-  // Throws std::runtime_error when nobody knows.
-  std::optional<Address> Peer() const;
+  const std::optional<Address>& peer() const { return peer_; }
+
+  // The first header, cookie or parameter of the query of that name, as it was sent; empty when
+  // there is none. The case of letters counts in a cookie's name: browsers guard `__Host-`, and
+  // nothing like it.
+  std::string_view Value(std::string_view name) const;
+  std::string_view Cookie(std::string_view name) const;
+  std::string_view Parameter(std::string_view name) const;
+  // All headers of that name, as if they were one (RFC 9110, 5.2).
+  std::string AllValues(std::string_view name) const;
 
  private:
-  std::string_view Value(MHD_ValueKind kind, const char* name) const;
-
-  MHD_Connection* connection_;
-  std::string_view path_;
-  bool local_;
+  const Header& header_;
+  const std::optional<Address>& peer_;
 };
 
+enum class HttpStatus { kOk = 200, kUnauthorized = 401, kForbidden = 403, kNotFound = 404 };
+
 struct HttpAnswer {
-  unsigned int status = MHD_HTTP_OK;
-  std::vector<std::pair<const char*, std::string>> headers{};
+  HttpStatus status = HttpStatus::kOk;
+  std::vector<std::pair<const char*, std::string>> headers{};  // those without a value are left out
   std::string body{};
 };
 
@@ -62,14 +65,16 @@ struct HttpLimits {
   std::vector<Network> unlimited;
 };
 
-// Serves until it is destroyed. The handler is called by several threads.
+// Serves until it is destroyed. The handler is called by several threads. What is no HTTP, or has a
+// header of more than 128 KB, is answered with 401: proxies make a failure of their own of any
+// other status.
 class HttpServer {
  public:
   using Handler = std::function<HttpAnswer(const HttpRequest&)>;
 
-  // Takes over `listener`. Null when libmicrohttpd does not start.
-  static std::unique_ptr<HttpServer> Start(int listener, const HttpLimits& limits, Handler handler);
-
+  // Takes over `listener`, which may be bound to a Unix socket or to an address. Throws
+  // std::exception when that is no socket, or when there is no thread to be had.
+  HttpServer(int listener, const HttpLimits& limits, Handler handler);
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
   ~HttpServer();
@@ -83,35 +88,25 @@ class HttpServer {
 
  private:
   using Clock = std::chrono::steady_clock;
-  struct Connection {
-    int socket;
-    std::optional<Address> client;  // whom it counts for
-    bool busy;                      // a request has begun
-    Clock::time_point deadline;
-    std::list<Connection>::iterator place{};  // of itself
-  };
-  struct Callbacks;  // of libmicrohttpd
+  class Connection;
+  class Worker;
 
-  HttpServer(const HttpLimits& limits, bool local, Handler handler)
-      : limits_(limits), local_(local), handler_(std::move(handler)) {}
-
-  bool MayConnect(const sockaddr* address);
-  Connection* Opened(MHD_Connection* connection);
-  void Closed(Connection* connection);
-  void Mark(Connection* connection, bool busy);
-  bool IsUnlimited(const Address& address) const;
-  MHD_Result Respond(MHD_Connection* connection, const HttpAnswer& answer) const;
+  bool IsFull() const;
+  bool IsDraining() const;
+  bool IsWelcome(const Address& client) const;
+  void Add(Connection* connection);
+  void Remove(Connection* connection);
 
   const HttpLimits limits_;
-  const bool local_;  // it listens at a Unix socket
   const Handler handler_;
-  MHD_Daemon* daemon_ = nullptr;
-  int quiesced_ = -1;  // the listening socket, once it is ours again
+  bool local_ = false;  // it listens at a Unix socket
 
   mutable std::mutex mutex_;
-  std::list<Connection> connections_;
+  std::set<Connection*> connections_;
   std::map<Address, unsigned int> of_client_;
   bool draining_ = false;
+
+  std::vector<std::unique_ptr<Worker>> workers_;  // whose connections are removed when they end
 };
 
 }  // namespace tavrel::tools

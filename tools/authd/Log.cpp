@@ -10,8 +10,9 @@
 namespace tavrel::tools {
 
 JsonObject Record(std::string_view level, std::string_view event) {
+  static thread_local TimeNow now(FormatTime);
   JsonObject record;
-  record.Add("time", FormatTime(Now())).Add("level", level).Add("event", event);
+  record.Add("time", now.Text()).Add("level", level).Add("event", event);
   return record;
 }
 

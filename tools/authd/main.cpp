@@ -82,7 +82,7 @@ HttpAnswer ServeStatus(const HttpRequest& request, const Metrics& metrics) {
   } else if (request.path() == "/metrics") {
     answer.body = metrics.Text();
   } else {
-    answer.status = MHD_HTTP_NOT_FOUND;
+    answer.status = HttpStatus::kNotFound;
   }
   return answer;
 }
@@ -107,14 +107,6 @@ void Reload(const Config& config, Gate& gate) {
   gate.SetRules(rules);
   Write(Record("info", "reloaded"));
   Notify("STATUS=");
-}
-
-// Nothing is to be started without a listener.
-bool StartHttp(int listener, const HttpLimits& limits, HttpServer::Handler handler,
-               std::unique_ptr<HttpServer>& server) {
-  if (listener == -1) return true;
-  server = HttpServer::Start(listener, limits, std::move(handler));
-  return server != nullptr;
 }
 
 // Returns when the daemon is to end. Until then it reads anew what has changed, and ends
@@ -175,14 +167,15 @@ int Serve(const std::string& config_file, bool check_only) {
   std::unique_ptr<HttpServer> front_server;
   std::unique_ptr<HttpServer> status_server;
   std::unique_ptr<SquidServer> squid_server;
-  const bool started =
-      StartHttp(
-          http, config->limits, [&](const HttpRequest& request) { return front.Serve(request); },
-          front_server) &&
-      StartHttp(
-          status, config->limits,
-          [&](const HttpRequest& request) { return ServeStatus(request, metrics); }, status_server);
-  if (!started) return Complain("libmicrohttpd does not start", 1);
+  if (http != -1) {
+    front_server = std::make_unique<HttpServer>(
+        http, config->limits, [&](const HttpRequest& request) { return front.Serve(request); });
+  }
+  if (status != -1) {
+    status_server = std::make_unique<HttpServer>(
+        status, config->limits,
+        [&](const HttpRequest& request) { return ServeStatus(request, metrics); });
+  }
   if (squid != -1) squid_server = std::make_unique<SquidServer>(squid, &gate, &metrics);
   Write(Record("info", "ready"));
   Notify("READY=1");

@@ -30,6 +30,14 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
+std::string Formatted(const char* format, std::int64_t time) {
+  const std::time_t seconds = time;
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[40];
+  return {text, std::strftime(text, sizeof text, format, &parts)};
+}
+
 constexpr unsigned char kNoDigit = 64;
 using Digits = std::array<unsigned char, 256>;
 constexpr Digits DigitsOf(std::string_view alphabet) {
@@ -140,11 +148,20 @@ std::optional<std::int64_t> ParseTime(std::string_view text) {
 }
 
 std::string FormatTime(std::int64_t time) {
-  const std::time_t seconds = time;
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[40];
-  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
+  return Formatted("%Y-%m-%dT%H:%M:%SZ", time);
+}
+
+std::string FormatHttpTime(std::int64_t time) {
+  return Formatted("%a, %d %b %Y %H:%M:%S GMT", time);
+}
+
+const std::string& TimeNow::Text() {
+  const std::int64_t now = Now();
+  if (made_ != now) {
+    text_ = format_(now);
+    made_ = now;
+  }
+  return text_;
 }
 
 std::string ToBase64(std::string_view bytes) {

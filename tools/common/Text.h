@@ -37,6 +37,22 @@ std::optional<std::int64_t> ParseTime(std::string_view text);
 // The same the other way round.
 std::string FormatTime(std::int64_t time);
 
+// The time as HTTP has it, in English in a program that sets no locale (RFC 9110, 5.6.7).
+std::string FormatHttpTime(std::int64_t time);
+
+// The time now in one of these forms, which is made once a second.
+class TimeNow {
+ public:
+  explicit TimeNow(std::string (*format)(std::int64_t)) : format_(format) {}
+
+  const std::string& Text();
+
+ private:
+  std::string (*format_)(std::int64_t);
+  std::int64_t made_ = -1;
+  std::string text_;
+};
+
 // Base64 (RFC 4648, 4), padded.
 std::string ToBase64(std::string_view bytes);
 

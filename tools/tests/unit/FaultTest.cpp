@@ -1,7 +1,7 @@
 // Each call of libcrypto's, and each allocation, fails once while a session is sealed and opened:
 // that never opens one which should stay shut, and never changes whose it is. Each allocation fails
 // while a policy is read and judges, and a client's address is found: nobody passes who should not.
-// In the end all of these and each call of libmicrohttpd's fail once while the daemon answers.
+// In the end all of these and each call for its sockets fail once while the daemon answers.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <new>
@@ -76,20 +77,9 @@ FAULT(int, EVP_Digest,
       (const void* data, size_t size, unsigned char* to, unsigned int* count, const EVP_MD* t,
        ENGINE* e),
       (data, size, to, count, t, e), 0)
-FAULT(const char*, MHD_lookup_connection_value,
-      (MHD_Connection * c, MHD_ValueKind kind, const char* name), (c, kind, name), nullptr)
-FAULT(int, MHD_get_connection_values,
-      (MHD_Connection * c, MHD_ValueKind kind, MHD_KeyValueIterator act, void* data),
-      (c, kind, act, data), 0)
-// It has further parameters that nobody here gives.
-FAULT(const MHD_ConnectionInfo*, MHD_get_connection_info,
-      (MHD_Connection * c, MHD_ConnectionInfoType type, ...), (c, type), nullptr)
-FAULT(MHD_Response*, MHD_create_response_from_buffer,
-      (size_t size, void* buffer, MHD_ResponseMemoryMode mode), (size, buffer, mode), nullptr)
-FAULT(MHD_Result, MHD_add_response_header,
-      (MHD_Response * r, const char* name, const char* content), (r, name, content), MHD_NO)
-FAULT(MHD_Result, MHD_queue_response, (MHD_Connection * c, unsigned int status, MHD_Response* r),
-      (c, status, r), MHD_NO)
+FAULT(int, accept, (int s, sockaddr* from, socklen_t* size), (s, from, size), (errno = EMFILE, -1))
+FAULT(ssize_t, recvmsg, (int s, msghdr* m, int flags), (s, m, flags), (errno = ECONNRESET, -1))
+FAULT(ssize_t, sendmsg, (int s, const msghdr* m, int flags), (s, m, flags), (errno = EPIPE, -1))
 // NOLINTEND
 
 namespace tavrel::tools {
@@ -232,8 +222,8 @@ class Daemon {
         getsockname(listener, Generic(), &size) != 0) {
       throw std::runtime_error("no port");
     }
-    server_ =
-        HttpServer::Start(listener, {}, [this](const HttpRequest& r) { return front_.Serve(r); });
+    server_ = std::make_unique<HttpServer>(
+        listener, HttpLimits{}, [this](const HttpRequest& r) { return front_.Serve(r); });
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(nowhere, STDERR_FILENO);  // its log
     close(nowhere);
