@@ -83,11 +83,10 @@ std::string Digest(std::string_view text) {
 
 // Length in front of each part, so that no two lists of parts make the same key.
 std::string RepeatKey(const Question& question, std::string_view token) {
-  const std::string client = question.client ? question.client->Text() : "";
+  const std::string_view client = question.client ? question.client->bytes() : "";
   std::string parts;
   parts.reserve(token.size() + 512);
-  for (const std::string_view part :
-       {question.request, token, question.host, std::string_view{client}}) {
+  for (const std::string_view part : {question.request, token, question.host, client}) {
     parts += std::to_string(part.size()) + ":";
     parts += part;
   }
@@ -163,15 +162,15 @@ Answer Gate::Decide(const Question& question) {
     answer.reason = "sign in with a Kerberos ticket";
     return answer;
   }
+  const auto token = FromBase64(text->substr(0, kLongestToken * 2));
   const std::string repeat_key =
-      question.request.empty() ? std::string() : RepeatKey(question, *text);
+      token && !question.request.empty() ? RepeatKey(question, *token) : "";
   if (!repeat_key.empty()) {
     if (auto kept = repeats_.Find(repeat_key, now)) {
       kept->result = "repeated";
       return Judge(*rules, std::move(*kept), question);
     }
   }
-  const auto token = FromBase64(text->substr(0, kLongestToken * 2));
   Answer answer;
   if (!token || token->size() > kLongestToken) {
     answer.result = token ? "token-too-large" : "not-base64";

@@ -21,6 +21,9 @@ class Address {
   static std::optional<Address> Of(const sockaddr* address);
 
   std::string Text() const;
+  std::string_view bytes() const {
+    return {reinterpret_cast<const char*>(bytes_.data()), bytes_.size()};
+  }
   bool is_ipv4() const;
   // The address by which connections of one client are counted: of IPv6 the network of /64, all of
   // which a client may have.
