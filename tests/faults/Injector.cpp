@@ -31,13 +31,24 @@ State& TheState() {
   return state;
 }
 
+// Where strings grow: in code that a new compiler puts into this program, or in a library of its
+// own.
+bool IsInStandardLibrary(const void* address) {
+  Dl_info info{};
+  if (dladdr(address, &info) == 0) return false;
 #if __GNUC__ >= 16
+  return info.dli_sname != nullptr && std::strncmp(info.dli_sname, "_ZNSt", 5) == 0;
+#else
+  return info.dli_fname != nullptr && std::strstr(info.dli_fname, "libstdc++.so") != nullptr;
+#endif
+}
 
-// Strings grow in code of the standard library, which such a compiler puts into this program. The
-// allocation is the library's when the library called that code: then it has a name to look up.
+// The allocation is the library's, too, when the library called the standard library for it.
 bool IsOnBehalfOfTheLibrary(const void* caller) {
   if (IsInLibrary(caller)) return true;
-
+#if __GNUC__ < 16  // a new compiler's code has functions without a name
+  if (!IsInStandardLibrary(caller)) return false;
+#endif
   struct Search {
     bool in_standard_library = false;
     bool found = false;
@@ -48,50 +59,12 @@ bool IsOnBehalfOfTheLibrary(const void* caller) {
         void* const address = reinterpret_cast<void*>(_Unwind_GetIP(frame));
         search.found = search.in_standard_library && IsInLibrary(address);
         if (IsInLibrary(address)) return _URC_END_OF_STACK;
-        Dl_info info{};
-        search.in_standard_library = dladdr(address, &info) != 0 && info.dli_sname != nullptr &&
-                                     std::strncmp(info.dli_sname, "_ZNSt", 5) == 0;
+        search.in_standard_library = IsInStandardLibrary(address);
         return _URC_NO_REASON;
       },
       &search);
   return search.found;
 }
-
-#else
-
-bool IsInStandardLibrary(std::uintptr_t address) {
-  Dl_info info;
-  return dladdr(reinterpret_cast<void*>(address), &info) != 0 && info.dli_fname != nullptr &&
-         std::strstr(info.dli_fname, "libstdc++.so") != nullptr;
-}
-
-// Strings grow in code of the standard library. The allocation is the library's when the standard
-// library was called from there.
-bool IsOnBehalfOfTheLibrary(const void* caller) {
-  if (IsInLibrary(caller)) return true;
-  if (!IsInStandardLibrary(reinterpret_cast<std::uintptr_t>(caller))) return false;
-
-  struct Search {
-    bool in_standard_library = false;
-    bool found = false;
-  } search;
-  _Unwind_Backtrace(
-      [](_Unwind_Context* frame, void* data) {
-        auto& search = *static_cast<Search*>(data);
-        const std::uintptr_t address = _Unwind_GetIP(frame);
-        if (IsInStandardLibrary(address)) {
-          search.in_standard_library = true;
-          return _URC_NO_REASON;
-        }
-        if (!search.in_standard_library) return _URC_NO_REASON;
-        search.found = IsInLibrary(reinterpret_cast<void*>(address));
-        return _URC_END_OF_STACK;
-      },
-      &search);
-  return search.found;
-}
-
-#endif
 
 // True when an allocation, made from `caller`, is to fail.
 bool AllocationDue(const void* caller) {
