@@ -14,6 +14,8 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
+#include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -132,8 +134,11 @@ std::string HttpRequest::AllValues(std::string_view name) const {
 class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
  public:
   Connection(HttpServer* server, Socket socket, const std::optional<Address>& peer)
-      : server_(server), peer_(peer), socket_(std::move(socket)) {
-    server_->Add(this);
+      : server_(server),
+        peer_(peer),
+        socket_(std::move(socket)),
+        deadline_(Clock::now() + server->limits_.request_time) {
+    server_->Add(this);  // from here on EndOverdue() sees it
   }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -179,7 +184,9 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
     Mark(true, server_->limits_.request_time);
     parser_.emplace();
     parser_->header_limit(kLargestHeader);
-    parser_->body_limit(boost::none);  // no answer depends on a body
+    // No answer depends on a body. Without a limit Boost 1.74 takes any length for too long.
+    parser_->body_limit(std::numeric_limits<std::uint64_t>::max());
+    header_size_ = 0;
   }
 
   void Read() {
@@ -194,8 +201,14 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
   void Parse() {
     error_code error;
     try {
-      buffer_.consume(parser_->put(buffer_.data(), error));
+      const std::size_t size = parser_->put(buffer_.data(), error);
+      buffer_.consume(size);
+      header_size_ += size;
     } catch (const std::length_error&) {  // of a field
+      error = http::error::header_limit;
+    }
+    // The parser's own limit is that of what it has not yet taken.
+    if (error == http::error::need_more && header_size_ + buffer_.size() > kLargestHeader) {
       error = http::error::header_limit;
     }
     if (error == http::error::need_more) {
@@ -203,8 +216,11 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
     } else if (error) {
       Send(Refuse(error, peer_), false);
     } else {
-      const HttpRequest::Header header{parser_->get()};
-      Send(server_->handler_(HttpRequest(header, peer_)), parser_->is_done());
+      const auto& request = parser_->get();
+      const HttpRequest::Header header{request};
+      // What it does not know of Transfer-Encoding the parser takes for no body.
+      const bool whole = parser_->is_done() && request.count(http::field::transfer_encoding) == 0;
+      Send(server_->handler_(HttpRequest(header, peer_)), whole);
     }
   }
 
@@ -234,6 +250,7 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
       Await(server_->limits_.idle_time);
     } else if (!whole) {
       Mark(false, server_->limits_.request_time);
+      parser_.reset();
       error_code gone;
       socket_.shutdown(Socket::shutdown_send, gone);
       Discard();
@@ -256,10 +273,11 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
   Socket socket_;
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::empty_body>> parser_;
+  std::size_t header_size_ = 0;  // what the parser has taken
   std::optional<http::response<http::string_body>> response_;
 
   bool busy_ = false;  // a request has begun
-  Clock::time_point deadline_{};
+  Clock::time_point deadline_;
 };
 
 // A thread, with connections of its own.
