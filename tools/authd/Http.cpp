@@ -11,10 +11,12 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
@@ -39,6 +41,7 @@ using Timer = net::basic_waitable_timer<std::chrono::steady_clock,
 // One field may have 64 KB, which is the most that Boost.Beast keeps: a token of 48,000 bytes fits
 // in.
 constexpr std::uint32_t kLargestHeader = 128 * 1024;
+constexpr std::ptrdiff_t kMostFields = 256;  // each takes more memory than it has bytes
 constexpr std::size_t kChunk = 8192;
 
 constexpr unsigned int kLeastThreads = 2;
@@ -165,7 +168,7 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
   // Waits for a request, and keeps little memory meanwhile.
   void Await(std::chrono::seconds limit) {
     parser_.reset();
-    response_.reset();
+    answer_ = {};
     if (buffer_.size() != 0) {
       Begin();
       Parse();
@@ -207,8 +210,10 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
     } catch (const std::length_error&) {  // of a field
       error = http::error::header_limit;
     }
+    const auto& request = parser_->get();
     // The parser's own limit is that of what it has not yet taken.
-    if (error == http::error::need_more && header_size_ + buffer_.size() > kLargestHeader) {
+    if ((error == http::error::need_more && header_size_ + buffer_.size() > kLargestHeader) ||
+        std::distance(request.begin(), request.end()) > kMostFields) {
       error = http::error::header_limit;
     }
     if (error == http::error::need_more) {
@@ -216,7 +221,6 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
     } else if (error) {
       Send(Refuse(error, peer_), false);
     } else {
-      const auto& request = parser_->get();
       const HttpRequest::Header header{request};
       // What it does not know of Transfer-Encoding the parser takes for no body.
       const bool whole = parser_->is_done() && request.count(http::field::transfer_encoding) == 0;
@@ -225,28 +229,38 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
   }
 
   // Without `whole` there may be more of the request to come.
-  void Send(HttpAnswer answer, bool whole) {
+  void Send(const HttpAnswer& answer, bool whole) {
     const auto& request = parser_->get();
-    response_.emplace(static_cast<http::status>(answer.status), request.version());
+    const auto status = static_cast<http::status>(answer.status);
     static thread_local TimeNow now(FormatHttpTime);
-    response_->set(http::field::date, now.Text());
+    keeps_ = whole && request.keep_alive() && !server_->IsDraining();
+    answer_ = "HTTP/1.1 " + std::to_string(static_cast<unsigned int>(status)) + " ";
+    answer_ += View(http::obsolete_reason(status));
+    answer_ += "\r\n";
+    Put("Date", now.Text());
     for (const auto& [name, value] : answer.headers) {
-      if (HasControl(value))
-        throw std::runtime_error(std::string(name) + " has a control character");
-      if (!value.empty()) response_->insert(name, value);
+      if (!value.empty()) Put(name, value);
     }
-    response_->keep_alive(whole && request.keep_alive() && !server_->IsDraining());
-    response_->body() = std::move(answer.body);
-    response_->prepare_payload();
-    if (request.method() == http::verb::head) response_->body().clear();
-    http::async_write(socket_, *response_,
-                      [self = shared_from_this(), whole](const error_code& error, std::size_t) {
-                        if (!error) self->Continue(whole);
-                      });
+    Put("Content-Length", std::to_string(answer.body.size()));
+    Put("Connection", keeps_ ? "keep-alive" : "close");
+    answer_ += "\r\n";
+    if (request.method() != http::verb::head) answer_ += answer.body;
+    net::async_write(socket_, net::buffer(answer_),
+                     [self = shared_from_this(), whole](const error_code& error, std::size_t) {
+                       if (!error) self->Continue(whole);
+                     });
+  }
+
+  void Put(std::string_view name, std::string_view value) {
+    if (HasControl(value)) throw std::runtime_error("a control character in " + std::string(name));
+    answer_ += name;
+    answer_ += ": ";
+    answer_ += value;
+    answer_ += "\r\n";
   }
 
   void Continue(bool whole) {
-    if (response_->keep_alive()) {
+    if (keeps_) {
       Await(server_->limits_.idle_time);
     } else if (!whole) {
       Mark(false, server_->limits_.request_time);
@@ -274,7 +288,8 @@ class HttpServer::Connection : public std::enable_shared_from_this<Connection> {
   boost::beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::empty_body>> parser_;
   std::size_t header_size_ = 0;  // what the parser has taken
-  std::optional<http::response<http::string_body>> response_;
+  std::string answer_;
+  bool keeps_ = false;  // the connection, after the answer
 
   bool busy_ = false;  // a request has begun
   Clock::time_point deadline_;
@@ -286,6 +301,8 @@ class HttpServer::Worker {
   Worker(HttpServer* server, const Protocol& protocol, int listener)
       : server_(server), acceptor_(context_, protocol, Duplicate(listener)), until_room_(context_) {
     acceptor_.non_blocking(true);
+    // Otherwise the next connection is waited for, and nothing else is done.
+    acceptor_.set_option(net::socket_base::enable_connection_aborted(true));
     thread_ = std::thread([this] { Run(); });
   }
   Worker(const Worker&) = delete;
@@ -307,6 +324,7 @@ class HttpServer::Worker {
     const auto work = net::make_work_guard(context_);  // until it is stopped
     for (;;) {
       try {
+        context_.poll();  // what waits may free the memory that Accept() had none of
         if (!accepting_ && acceptor_.is_open()) Accept();
         context_.run();
         return;
@@ -334,10 +352,10 @@ class HttpServer::Worker {
     Protocol::endpoint client;
     Socket socket = acceptor_.accept(context_, client, error);
     if (!error) Serve(std::move(socket), client);
-    if (error && error != net::error::would_block) {
-      AcceptLater();
-    } else {
+    if (!error || error == net::error::would_block || error == net::error::connection_aborted) {
       Accept();
+    } else {
+      AcceptLater();
     }
   }
 

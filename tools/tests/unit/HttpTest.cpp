@@ -124,6 +124,40 @@ TEST(AHeader, HasItsLimitInWhateverPiecesItComes) {
   EXPECT_THAT(Answers(client), StartsWith("HTTP/1.1 401 Unauthorized"));
 }
 
+// A field takes more memory than it has bytes.
+TEST(AHeader, HasNotMoreThan256Fields) {
+  Server server;
+  const auto answer = [&](int fields) {
+    std::string text = "GET / HTTP/1.1\r\nConnection: close\r\n";
+    for (int i = 1; i < fields; ++i)
+      text += "a:\r\n";
+    return Asked(server, text + "\r\n");
+  };
+
+  EXPECT_THAT(answer(256), StartsWith("HTTP/1.1 200 OK"));
+  EXPECT_THAT(answer(257), StartsWith("HTTP/1.1 401 Unauthorized"));
+}
+
+TEST(AnAnswer, HasFieldsOfAnyLength) {
+  Server server;
+  const std::string path = "/" + std::string(100'000, 'x');
+
+  EXPECT_THAT(Asked(server, "GET " + path + " HTTP/1.1\r\nConnection: close\r\n\r\n"),
+              HasSubstr("X-Path: " + path + "\r\n"));
+}
+
+TEST(AnAnswer, KeepsTheConnectionWhereTheClientWantsThat) {
+  Server server;
+  const std::string asked = std::string("GET /first HTTP/1.0\r\nConnection: keep-alive\r\n\r\n") +
+                            "HEAD /second HTTP/1.1\r\n\r\n" + "GET /third HTTP/1.0\r\n\r\n" + kLast;
+  const std::string answers = Asked(server, asked);
+
+  for (const char* path : {"/first", "/second", "/third"}) {
+    EXPECT_THAT(answers, HasSubstr("X-Path: " + std::string(path))) << path;
+  }
+  EXPECT_THAT(answers, Not(HasSubstr("X-Path: /last")));
+}
+
 TEST(AConnection, IsNotOverdueWhenItHasBegun) {
   Server server;
   std::atomic<bool> done = false;
